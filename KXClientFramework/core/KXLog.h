@@ -1,0 +1,55 @@
+#pragma once
+
+#include <KXClientFramework/KXExport.h>
+#include <KXClientFramework/KXGlobals.h>
+#include <KXClientFramework/KXLogSink.h>
+
+#include <fmt/format.h>
+
+#include <cstdint>
+#include <memory>
+#include <source_location>
+#include <string>
+#include <string_view>
+
+enum class KXLogLevel : std::int64_t { Error = 1, Warn = 2, Info = 3, Debug = 4 };
+
+/// The library's one log facility.
+///
+/// A line reads "[LEVEL] Class::method [Line N] message". It is written only when logging is
+/// on and kxLogLevel is at least the level's number; otherwise nothing is formatted at all.
+/// Written lines go to the sink and, when disk logging is on, to the log file as well.
+class KX_EXPORT KXLog {
+public:
+    static bool isEnabled(KXLogLevel level) noexcept {
+        return kxLoggingEnabled.load(std::memory_order_relaxed) &&
+               kxLogLevel.load(std::memory_order_relaxed) >= static_cast<std::int64_t>(level);
+    }
+
+    /// Builds the prefixed line and writes it; callers use the KX_LOG_* macros instead.
+    static void write(KXLogLevel level, const std::source_location& where,
+                      std::string_view message);
+
+    /// Writes a line to the sink unconditionally, without prefix or level test.
+    static void systemLog(std::string_view line);
+
+    /// Replaces the sink; null restores standard error.
+    static void setSink(std::shared_ptr<KXLogSink> sink);
+    static std::shared_ptr<KXLogSink> sink();
+
+    /// "Class::method" from a compiler function signature.
+    static std::string functionName(std::string_view signature);
+    static std::string_view levelWord(KXLogLevel level) noexcept;
+};
+
+#define KX_LOG(level, ...)                                                                    \
+    do {                                                                                      \
+        if (KXLog::isEnabled(level)) {                                                        \
+            KXLog::write(level, std::source_location::current(), fmt::format(__VA_ARGS__)); \
+        }                                                                                     \
+    } while (false)
+
+#define KX_LOG_ERROR(...) KX_LOG(KXLogLevel::Error, __VA_ARGS__)
+#define KX_LOG_WARN(...) KX_LOG(KXLogLevel::Warn, __VA_ARGS__)
+#define KX_LOG_INFO(...) KX_LOG(KXLogLevel::Info, __VA_ARGS__)
+#define KX_LOG_DEBUG(...) KX_LOG(KXLogLevel::Debug, __VA_ARGS__)

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <KXClientFramework/KXAsioMainQueue.h>
+#include <KXClientFramework/KXExport.h>
+#include <KXClientFramework/KXPlatform.h>
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// How the Linux default platform is set up. Only the application id is needed; everything else
+/// has a default that follows the XDG base-directory rules.
+struct KXLinuxPlatformOptions {
+    /// Names the per-application directories; a reverse-DNS name such as "com.example.kiosk".
+    std::string applicationId;
+    /// Where resources (KXConfig.enc, Info.plist) are looked up, in order. Empty: the
+    /// directories of $KX_RESOURCE_PATH (colon-separated), else the executable's directory and
+    /// <executable dir>/../share/<application id>.
+    std::vector<std::filesystem::path> resourceDirectories;
+    /// Overrides of the information dictionary, merged over Info.plist from the resources.
+    std::optional<std::string> infoDictionaryJSON;
+    /// Defaults: $XDG_CONFIG_HOME, $XDG_DATA_HOME, $XDG_CACHE_HOME (each + application id).
+    std::optional<std::filesystem::path> configDirectory;
+    std::optional<std::filesystem::path> dataDirectory;
+    std::optional<std::filesystem::path> cacheDirectory;
+    /// The answer to notification authorisation requests (there is no prompt on Linux).
+    bool notificationsAuthorized = true;
+    std::size_t backgroundThreads = 2;
+    std::chrono::milliseconds backgroundTimeLimit = std::chrono::seconds(30);
+    /// The main queue to use; null makes a KXAsioMainQueue.
+    std::shared_ptr<KXMainQueue> mainQueue;
+};
+
+/// The Linux default platform: runs on desktops, kiosks and embedded devices with no set-up
+/// beyond an application id.
+class KX_EXPORT KXLinuxPlatform : public KXPlatform {
+public:
+    explicit KXLinuxPlatform(KXLinuxPlatformOptions options);
+    ~KXLinuxPlatform() override;
+
+    KXMainQueue& mainQueue() override;
+    KXBackgroundQueue& backgroundQueue() override;
+    KXApplication& application() override;
+    KXBundle& mainBundle() override;
+    KXUserDefaults& userDefaults() override;
+    KXKeychain& keychain() override;
+    KXDeviceFacts deviceFacts() const override;
+    std::filesystem::path cachesDirectory() const override;
+    std::unique_ptr<KXLocationSource> makeLocationSource() override;
+    KXNotificationAuthorizer& notificationAuthorizer() override;
+    KXAlertPresenter& alertPresenter() override;
+    const KXClock& clock() const override;
+
+    const KXLinuxPlatformOptions& options() const;
+    /// The asio main queue when this platform made one, else null.
+    KXAsioMainQueue* asioMainQueue();
+
+    /// Installs a KXLinuxPlatform for `applicationId` and returns it.
+    static std::shared_ptr<KXLinuxPlatform> installDefault(const std::string& applicationId);
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};

@@ -1,0 +1,12 @@
+# Warnings that apply to the project's own code only (not to dependencies).
+add_library(kx_warnings INTERFACE)
+target_compile_options(kx_warnings INTERFACE -Wall -Wextra -Wpedantic -Werror)
+
+if(KX_SANITIZERS)
+    add_compile_options(-fsanitize=${KX_SANITIZERS} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    add_link_options(-fsanitize=${KX_SANITIZERS})
+endif()
+
+if(KX_BUILD_FUZZERS AND NOT CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    message(FATAL_ERROR "KX_BUILD_FUZZERS needs clang (libFuzzer): configure with CXX=clang++")
+endif()

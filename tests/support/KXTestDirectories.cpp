@@ -1,0 +1,44 @@
+#include "KXTestDirectories.h"
+
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+
+namespace {
+std::filesystem::path& currentRoot() {
+    static std::filesystem::path root;
+    return root;
+}
+}  // namespace
+
+KXTestDirectories::KXTestDirectories() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "kx-test-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) {
+        throw std::runtime_error("cannot create a temporary directory");
+    }
+    root_ = pattern;
+    const std::pair<const char*, const char*> variables[] = {
+        {"XDG_CONFIG_HOME", "config"},
+        {"XDG_DATA_HOME", "data"},
+        {"XDG_CACHE_HOME", "cache"},
+        {"HOME", "home"},
+    };
+    for (const auto& [variable, folder] : variables) {
+        std::filesystem::create_directories(root_ / folder);
+        setenv(variable, (root_ / folder).c_str(), 1);
+    }
+    if (currentRoot().empty()) {
+        currentRoot() = root_;
+    }
+}
+
+KXTestDirectories::~KXTestDirectories() {
+    std::error_code ignored;
+    std::filesystem::remove_all(root_, ignored);
+    if (currentRoot() == root_) {
+        currentRoot().clear();
+    }
+}
+
+const std::filesystem::path& KXTestDirectories::current() { return currentRoot(); }
