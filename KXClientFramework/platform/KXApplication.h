@@ -29,11 +29,11 @@ class KXMainQueue;
 /// thread. The delegate slot is guarded by the application's lock, which withLock() holds
 /// around a read-modify-write of the slot.
 class KX_EXPORT KXApplication {
-public:
+  public:
     /// `backgroundTimeLimit`: how long background tasks may run after the application entered
     /// the background before their expiration handlers are called.
-    explicit KXApplication(KXMainQueue& mainQueue,
-                           std::chrono::milliseconds backgroundTimeLimit = std::chrono::seconds(30));
+    explicit KXApplication(KXMainQueue& mainQueue, std::chrono::milliseconds backgroundTimeLimit =
+                                                       std::chrono::seconds(30));
     virtual ~KXApplication();
 
     KXApplication(const KXApplication&) = delete;
@@ -87,7 +87,7 @@ public:
     void deliverAction(const std::string& identifier, const KXJSON& userInfo,
                        std::function<void()> completion = {});
 
-protected:
+  protected:
     /// Called after registerForRemoteNotifications(); a platform with a push service asks it for
     /// a token here and later calls deliverDeviceToken() or deliverRegistrationError().
     virtual void onRegisterForRemoteNotifications() {}
@@ -96,7 +96,7 @@ protected:
 
     KXMainQueue& mainQueue() { return mainQueue_; }
 
-private:
+  private:
     void expireBackgroundTasks();
     void callDelegate(KXApplicationDelegateCallback callback,
                       const std::function<void(KXApplicationDelegate&)>& call);
@@ -115,4 +115,7 @@ private:
     std::map<KXBackgroundTaskIdentifier, std::function<void()>> backgroundTasks_;
     KXBackgroundTaskIdentifier nextBackgroundTask_ = 1;
     std::uint64_t backgroundEpoch_ = 0;  // invalidates stale expiration timers
+    // Work posted to the main queue holds a weak reference to this, so it is skipped when the
+    // application object is gone by the time it runs.
+    std::shared_ptr<int> lifetime_ = std::make_shared<int>(0);
 };

@@ -15,7 +15,7 @@ using KXSerialQueue = asio::strand<asio::any_io_executor>;
 /// The background queue on which repeating timers tick and serial queues run: a small pool of
 /// threads owned by the platform.
 class KX_EXPORT KXBackgroundQueue {
-public:
+  public:
     explicit KXBackgroundQueue(std::size_t threads = 2);
     ~KXBackgroundQueue();
 
@@ -37,6 +37,6 @@ public:
     /// Stops accepting work and waits for running work to finish. Called by the destructor.
     void shutdown();
 
-private:
+  private:
     asio::thread_pool pool_;
 };
