@@ -41,6 +41,7 @@ protected:
         kxLoggingEnabled = true;
         kxLoggingToDiskEnabled = false;
         kxLogLevel = 4;
+        std::filesystem::remove_all(KXDiskLogger::logFilePath());
     }
     void TearDown() override {
         kxLoggingEnabled = true;
