@@ -405,6 +405,11 @@ bool TZCryptor::engineFinish(KXError& error) {
 
 // MARK: - Synchronous wrapper
 
+std::optional<std::vector<std::uint8_t>> TZCryptor::failedSetUp(const TZCryptor& cryptor, KXError* error) {
+    TZReportError(error, cryptor.error().value_or(TZStatusError(TZCryptorStatusUnspecifiedError)));
+    return std::nullopt;
+}
+
 std::optional<std::vector<std::uint8_t>> TZCryptor::synchronousResultForCryptor(
     const std::shared_ptr<TZCryptor>& cryptor, std::span<const std::uint8_t> data, KXError* error) {
     if (!cryptor) {

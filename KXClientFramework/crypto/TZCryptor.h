@@ -120,6 +120,10 @@ protected:
     /// "net.tolvarn.response.<className>") and the handler.
     TZCryptor(std::string className, TZCryptorHandler handler);
 
+    /// What the synchronous forms return for a cryptor whose set-up failed: nothing, with the
+    /// error it finished with.
+    static std::optional<std::vector<std::uint8_t>> failedSetUp(const TZCryptor& cryptor, KXError* error);
+
     /// Where addData() lands; subclasses override. Does nothing in the base class.
     virtual void addInput(Input input);
 

@@ -67,8 +67,7 @@ std::optional<std::vector<std::uint8_t>> TZOpenSSLDecryptor::decryptData(
     std::span<const std::uint8_t> encryptionKey, std::span<const std::uint8_t> IV, KXError* error) {
     auto decryptor = makeWithKey(settings, encryptionKey, IV, {});
     if (!decryptor->engine_) {
-        TZReportError(error, decryptor->error().value_or(TZStatusError(TZCryptorStatusParamError)));
-        return std::nullopt;
+        return failedSetUp(*decryptor, error);
     }
     return synchronousResultForCryptor(decryptor, data, error);
 }
