@@ -82,16 +82,17 @@ bool isValidUTF8(std::string_view s) {
     return true;
 }
 
-// `s` with every byte that does not start a valid sequence replaced by U+FFFD.
+// `s` with every byte that does not start a valid sequence, and every U+0000 (which libplist
+// cannot store inside a string), replaced by U+FFFD.
 std::string sanitizedUTF8(const std::string& s) {
-    if (isValidUTF8(s)) {
+    if (isValidUTF8(s) && s.find('\0') == std::string::npos) {
         return s;
     }
     std::string out;
     out.reserve(s.size() + 8);
     for (std::size_t i = 0; i < s.size();) {
         const std::size_t n = validSequenceLength(s, i);
-        if (n == 0) {
+        if (n == 0 || s[i] == '\0') {
             out += "\xEF\xBF\xBD";
             ++i;
         } else {
@@ -115,7 +116,7 @@ std::uint64_t readBigEndian(const std::uint8_t* p, std::size_t n) {
 }
 
 class BinaryStructureCheck {
-  public:
+public:
     explicit BinaryStructureCheck(std::span<const std::uint8_t> data) : data_(data) {}
 
     bool run() {
@@ -158,7 +159,7 @@ class BinaryStructureCheck {
         return walk(top);
     }
 
-  private:
+private:
     struct Children {
         std::uint64_t refsAt = 0;
         std::uint64_t count = 0;
@@ -199,6 +200,53 @@ class BinaryStructureCheck {
         }
         out.refsAt = at;
         out.count = count * refs;
+        if (type == 0xD) {
+            for (std::uint64_t k = 0; k < count; ++k) {
+                const std::uint64_t key = child(out, k);
+                if (key >= objectCount_ || !isUsableKey(key)) {
+                    return false;
+                }
+            }
+        }
+        return true;
+    }
+
+    // Dictionary keys must be strings without U+0000 (libplist asserts on such keys).
+    bool isUsableKey(std::uint64_t index) const {
+        std::uint64_t at = offsets_[index];
+        const std::uint8_t marker = data_[at];
+        const std::uint8_t type = marker >> 4;
+        if (type != 0x5 && type != 0x6) {
+            return false;
+        }
+        std::uint64_t length = marker & 0x0F;
+        ++at;
+        if (length == 0x0F) {
+            if (at >= tableOffset_) {
+                return false;
+            }
+            const std::uint8_t intMarker = data_[at];
+            if ((intMarker >> 4) != 0x1 || (intMarker & 0x0F) > 3) {
+                return false;
+            }
+            const std::size_t width = std::size_t{1} << (intMarker & 0x0F);
+            ++at;
+            if (at + width > tableOffset_) {
+                return false;
+            }
+            length = readBigEndian(data_.data() + at, width);
+            at += width;
+        }
+        const std::uint64_t unit = type == 0x6 ? 2 : 1;
+        if (length > (tableOffset_ - at) / unit) {
+            return false;
+        }
+        for (std::uint64_t i = 0; i < length; ++i) {
+            const std::uint8_t* p = data_.data() + at + i * unit;
+            if (p[0] == 0 && (unit == 1 || p[1] == 0)) {
+                return false;
+            }
+        }
         return true;
     }
 

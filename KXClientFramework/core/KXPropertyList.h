@@ -32,12 +32,12 @@
 /// are not UTF-8) gives std::nullopt.
 ///
 /// When writing, null values inside objects and arrays are skipped (a property list has no
-/// null), and strings that are not valid UTF-8 have their bad bytes replaced by U+FFFD so the
-/// result always parses again. A null root is written as an empty dictionary. A value nested
-/// deeper than kMaximumDepth cannot be written: toXML() then returns an empty string and
-/// toBinary() an empty vector.
+/// null), and in strings and keys every byte that is not valid UTF-8, and every U+0000, is
+/// replaced by U+FFFD, so the result always parses again. A null root is written as an empty
+/// dictionary. A value nested deeper than kMaximumDepth cannot be written: toXML() then returns an
+/// empty string and toBinary() an empty vector.
 class KX_EXPORT KXPropertyList {
-  public:
+public:
     /// Containers nested deeper than this are rejected.
     static constexpr std::size_t kMaximumDepth = 512;
     /// Binary property lists may share objects; a file whose objects would expand to more

@@ -14,7 +14,7 @@ struct KXAlert {
 
 /// Shows alerts to the user. The default writes them to the log sink.
 class KX_EXPORT KXAlertPresenter {
-  public:
+public:
     virtual ~KXAlertPresenter() = default;
     virtual void present(const KXAlert& alert) = 0;
 };

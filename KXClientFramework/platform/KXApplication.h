@@ -29,11 +29,11 @@ class KXMainQueue;
 /// thread. The delegate slot is guarded by the application's lock, which withLock() holds
 /// around a read-modify-write of the slot.
 class KX_EXPORT KXApplication {
-  public:
+public:
     /// `backgroundTimeLimit`: how long background tasks may run after the application entered
     /// the background before their expiration handlers are called.
-    explicit KXApplication(KXMainQueue& mainQueue, std::chrono::milliseconds backgroundTimeLimit =
-                                                       std::chrono::seconds(30));
+    explicit KXApplication(KXMainQueue& mainQueue,
+                           std::chrono::milliseconds backgroundTimeLimit = std::chrono::seconds(30));
     virtual ~KXApplication();
 
     KXApplication(const KXApplication&) = delete;
@@ -87,7 +87,7 @@ class KX_EXPORT KXApplication {
     void deliverAction(const std::string& identifier, const KXJSON& userInfo,
                        std::function<void()> completion = {});
 
-  protected:
+protected:
     /// Called after registerForRemoteNotifications(); a platform with a push service asks it for
     /// a token here and later calls deliverDeviceToken() or deliverRegistrationError().
     virtual void onRegisterForRemoteNotifications() {}
@@ -96,7 +96,7 @@ class KX_EXPORT KXApplication {
 
     KXMainQueue& mainQueue() { return mainQueue_; }
 
-  private:
+private:
     void expireBackgroundTasks();
     void callDelegate(KXApplicationDelegateCallback callback,
                       const std::function<void(KXApplicationDelegate&)>& call);

@@ -35,7 +35,7 @@ enum class KXApplicationDelegateCallback {
 /// says the delegate implements it, so a delegate declares what it implements by overriding
 /// respondsTo() next to the callbacks themselves. Callbacks arrive on the main thread.
 class KX_EXPORT KXApplicationDelegate {
-  public:
+public:
     virtual ~KXApplicationDelegate() = default;
 
     /// True for each callback this delegate implements. The default implements only

@@ -13,7 +13,7 @@ KXBackgroundQueue::~KXBackgroundQueue() {
 }
 
 void KXBackgroundQueue::post(std::function<void()> work) {
-    if (!work) {
+    if (!work || shutDown_.load()) {
         return;
     }
     asio::post(pool_, std::move(work));
@@ -37,6 +37,9 @@ void KXBackgroundQueue::shutdown() {
     // Work that has not started is dropped; work that is running finishes. A pool thread
     // cannot wait for itself, so from inside the pool this only stops it and the owner's
     // destructor does the waiting.
+    if (shutDown_.exchange(true)) {
+        return;
+    }
     pool_.stop();
     if (!isBackgroundThread()) {
         pool_.join();

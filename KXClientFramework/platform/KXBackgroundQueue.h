@@ -6,6 +6,7 @@
 #include <asio/strand.hpp>
 #include <asio/thread_pool.hpp>
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 
@@ -15,7 +16,7 @@ using KXSerialQueue = asio::strand<asio::any_io_executor>;
 /// The background queue on which repeating timers tick and serial queues run: a small pool of
 /// threads owned by the platform.
 class KX_EXPORT KXBackgroundQueue {
-  public:
+public:
     explicit KXBackgroundQueue(std::size_t threads = 2);
     ~KXBackgroundQueue();
 
@@ -34,9 +35,11 @@ class KX_EXPORT KXBackgroundQueue {
     /// True when called on one of this pool's threads.
     bool isBackgroundThread() const;
 
-    /// Stops accepting work and waits for running work to finish. Called by the destructor.
+    /// Stops accepting work and waits for running work to finish; work that has not started is
+    /// dropped. Called by the destructor; later calls do nothing.
     void shutdown();
 
-  private:
+private:
     asio::thread_pool pool_;
+    std::atomic<bool> shutDown_{false};
 };

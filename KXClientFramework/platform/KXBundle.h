@@ -9,7 +9,7 @@
 
 /// The application's main bundle: its resources and its information dictionary.
 class KX_EXPORT KXBundle {
-  public:
+public:
     virtual ~KXBundle() = default;
 
     /// The path of resource `name`.`type` (for example "KXConfig", "enc"), or absent.

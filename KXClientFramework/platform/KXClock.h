@@ -6,14 +6,14 @@
 
 /// The wall clock, replaceable so that tests can set the time.
 class KX_EXPORT KXClock {
-  public:
+public:
     virtual ~KXClock() = default;
     virtual std::chrono::system_clock::time_point now() const = 0;
 };
 
 /// The real system clock.
 class KX_EXPORT KXSystemClock final : public KXClock {
-  public:
+public:
     std::chrono::system_clock::time_point now() const override {
         return std::chrono::system_clock::now();
     }

@@ -25,7 +25,7 @@ struct KXKeychainQuery {
 
 /// A protected per-user store of small secrets (generic-password items).
 class KX_EXPORT KXKeychain {
-  public:
+public:
     virtual ~KXKeychain() = default;
 
     /// Adds an item; DuplicateItem when one with the same service and account exists.

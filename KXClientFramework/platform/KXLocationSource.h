@@ -25,7 +25,7 @@ struct KXLocation {
 
 /// Receives what a location source delivers, on the main thread.
 class KX_EXPORT KXLocationSourceDelegate {
-  public:
+public:
     virtual ~KXLocationSourceDelegate() = default;
     virtual void didUpdateLocations(const std::vector<KXLocation>& locations) = 0;
     virtual void didFailWithError(const KXError& error) = 0;
@@ -34,7 +34,7 @@ class KX_EXPORT KXLocationSourceDelegate {
 /// A source of position fixes with an accuracy setting, like a phone's location manager.
 /// The delegate is held weakly by the caller's contract: clear it before destroying it.
 class KX_EXPORT KXLocationSource {
-  public:
+public:
     virtual ~KXLocationSource() = default;
 
     virtual void setDelegate(KXLocationSourceDelegate* delegate) = 0;

@@ -12,7 +12,7 @@
 /// thread. An application with its own main loop (Qt, GLib, a game loop) implements this
 /// interface on top of that loop and installs it with its platform.
 class KX_EXPORT KXMainQueue {
-  public:
+public:
     virtual ~KXMainQueue() = default;
 
     /// Queues `work` to run on the main thread, after what is already queued. Safe from any

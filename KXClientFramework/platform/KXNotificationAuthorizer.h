@@ -9,7 +9,7 @@
 
 /// Asks the user whether the application may present notifications.
 class KX_EXPORT KXNotificationAuthorizer {
-  public:
+public:
     virtual ~KXNotificationAuthorizer() = default;
 
     /// `options` is a set of KXUserNotificationType bits. The completion runs on the main queue

@@ -23,7 +23,7 @@ struct KXNotification {
 /// (the main thread, for the events the application posts), in the order they were added. An
 /// observer may add or remove observers, itself included, while it runs.
 class KX_EXPORT KXNotificationCenter {
-  public:
+public:
     using Observer = std::function<void(const KXNotification&)>;
     using Token = std::uint64_t;
 
@@ -34,7 +34,7 @@ class KX_EXPORT KXNotificationCenter {
     void post(const KXNotification& notification);
     void post(KXApplicationEvent name, KXJSON userInfo = nullptr);
 
-  private:
+private:
     struct Entry {
         KXApplicationEvent name;
         std::shared_ptr<Observer> observer;

@@ -22,7 +22,7 @@
 /// the first use installs the Linux default (KXLinuxPlatform) with the application id taken from
 /// $KX_APPLICATION_ID or the program's name.
 class KX_EXPORT KXPlatform {
-  public:
+public:
     virtual ~KXPlatform() = default;
 
     virtual KXMainQueue& mainQueue() = 0;

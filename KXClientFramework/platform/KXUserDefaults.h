@@ -12,7 +12,7 @@
 /// data as JSON binary, arrays and dictionaries of these). Changes are kept in memory and
 /// written by synchronize(). Safe to use from any thread.
 class KX_EXPORT KXUserDefaults {
-  public:
+public:
     virtual ~KXUserDefaults() = default;
 
     /// The value under `key`, or null.

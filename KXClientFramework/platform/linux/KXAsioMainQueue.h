@@ -18,7 +18,7 @@
 ///     queue.runFor(16ms);          // a slice of a game loop
 ///     queue.poll();                // only what is ready now
 class KX_EXPORT KXAsioMainQueue final : public KXMainQueue {
-  public:
+public:
     KXAsioMainQueue();
     ~KXAsioMainQueue() override;
 
@@ -40,7 +40,7 @@ class KX_EXPORT KXAsioMainQueue final : public KXMainQueue {
 
     asio::io_context& context() { return context_; }
 
-  private:
+private:
     asio::io_context context_;
     std::optional<asio::executor_work_guard<asio::io_context::executor_type>> guard_;
 };

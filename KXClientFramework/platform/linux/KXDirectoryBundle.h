@@ -17,7 +17,7 @@
 /// key by key; "CFBundleIdentifier" defaults to `defaultIdentifier`. It is read once, when the
 /// bundle is made.
 class KX_EXPORT KXDirectoryBundle final : public KXBundle {
-  public:
+public:
     explicit KXDirectoryBundle(std::vector<std::filesystem::path> resourceDirectories,
                                const KXJSON& infoOverrides = KXJSON::object(),
                                const std::optional<std::string>& defaultIdentifier = {});
@@ -30,7 +30,7 @@ class KX_EXPORT KXDirectoryBundle final : public KXBundle {
         return resourceDirectories_;
     }
 
-  private:
+private:
     std::vector<std::filesystem::path> resourceDirectories_;
     KXJSON infoDictionary_;
 };

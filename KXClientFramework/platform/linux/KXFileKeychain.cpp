@@ -41,7 +41,7 @@ bool matches(const KXJSON& item, const KXKeychainQuery& query) {
 
 // Holds the cross-process lock for one operation.
 class FileLock {
-  public:
+public:
     explicit FileLock(const std::filesystem::path& path)
         : fd_(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600)) {
         if (fd_ >= 0) {
@@ -57,7 +57,7 @@ class FileLock {
     FileLock(const FileLock&) = delete;
     FileLock& operator=(const FileLock&) = delete;
 
-  private:
+private:
     int fd_;
 };
 

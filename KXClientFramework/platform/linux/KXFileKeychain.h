@@ -16,7 +16,7 @@
 /// moved aside (as user defaults do) and the store starts empty. Failures to write give
 /// KXKeychainStatus::IO and leave the stored items as they were.
 class KX_EXPORT KXFileKeychain final : public KXKeychain {
-  public:
+public:
     explicit KXFileKeychain(std::filesystem::path file);
     ~KXFileKeychain() override;
 
@@ -33,7 +33,7 @@ class KX_EXPORT KXFileKeychain final : public KXKeychain {
 
     const std::filesystem::path& path() const;
 
-  private:
+private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

@@ -18,7 +18,7 @@
 /// the old content or the new, never a torn file. The destructor synchronises pending changes.
 /// Every operation is safe from any thread.
 class KX_EXPORT KXFileUserDefaults final : public KXUserDefaults {
-  public:
+public:
     explicit KXFileUserDefaults(std::filesystem::path file);
     ~KXFileUserDefaults() override;
 
@@ -34,7 +34,7 @@ class KX_EXPORT KXFileUserDefaults final : public KXUserDefaults {
     KXJSON dictionaryRepresentation() const;
     const std::filesystem::path& path() const;
 
-  private:
+private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

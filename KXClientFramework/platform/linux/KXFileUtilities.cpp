@@ -33,7 +33,7 @@ std::string errnoText(const char* what, const fs::path& path) {
 }
 
 class FileDescriptor {
-  public:
+public:
     explicit FileDescriptor(int fd = -1) : fd_(fd) {}
     ~FileDescriptor() { reset(); }
     FileDescriptor(const FileDescriptor&) = delete;
@@ -48,7 +48,7 @@ class FileDescriptor {
         }
     }
 
-  private:
+private:
     int fd_;
 };
 

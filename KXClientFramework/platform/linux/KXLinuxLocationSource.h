@@ -28,7 +28,7 @@ enum class KXLocationAuthorizationStatus : std::int32_t {
 /// it is delivered each time updates start. Accuracy and distance filter are kept for the host
 /// to read; fixes are delivered as fed.
 class KX_EXPORT KXLinuxLocationSource final : public KXLocationSource {
-  public:
+public:
     KXLinuxLocationSource(KXMainQueue& mainQueue, const KXClock& clock,
                           std::optional<KXLocation> fixedPosition = std::nullopt);
     ~KXLinuxLocationSource() override;
@@ -62,7 +62,7 @@ class KX_EXPORT KXLinuxLocationSource final : public KXLocationSource {
     /// Parses "latitude,longitude" in degrees; nothing when malformed or out of range.
     static std::optional<KXLocation> parseFixedPosition(const std::string& text);
 
-  private:
+private:
     struct State;
     std::shared_ptr<State> state_;
     KXMainQueue& mainQueue_;

@@ -48,7 +48,7 @@ struct KXLinuxPlatformOptions {
 /// The Linux default platform: runs on desktops, kiosks and embedded devices with no set-up
 /// beyond an application id.
 class KX_EXPORT KXLinuxPlatform : public KXPlatform {
-  public:
+public:
     explicit KXLinuxPlatform(KXLinuxPlatformOptions options);
     ~KXLinuxPlatform() override;
 
@@ -69,7 +69,7 @@ class KX_EXPORT KXLinuxPlatform : public KXPlatform {
     /// The asio main queue when this platform made one, else null.
     KXAsioMainQueue* asioMainQueue();
 
-    /// Where user defaults (UserDefaults.plist), the keychain (keychain.plist) and caches live.
+    /// Where user defaults (UserDefaults.plist) and the keychain (keychain.plist) live.
     const std::filesystem::path& configDirectory() const;
     const std::filesystem::path& dataDirectory() const;
 
@@ -84,7 +84,7 @@ class KX_EXPORT KXLinuxPlatform : public KXPlatform {
     /// The application id used when none is given: $KX_APPLICATION_ID, else the program's name.
     static std::string defaultApplicationId();
 
-  private:
+private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };

@@ -10,7 +10,7 @@
 /// Answers every authorisation request with a fixed answer (there is no prompt on a Linux
 /// machine), on the main queue, never inside the call.
 class KX_EXPORT KXLinuxNotificationAuthorizer final : public KXNotificationAuthorizer {
-  public:
+public:
     KXLinuxNotificationAuthorizer(KXMainQueue& mainQueue, bool authorized)
         : mainQueue_(mainQueue), authorized_(authorized) {}
 
@@ -18,7 +18,7 @@ class KX_EXPORT KXLinuxNotificationAuthorizer final : public KXNotificationAutho
         std::uint32_t options,
         std::function<void(bool granted, const std::optional<KXError>& error)> completion) override;
 
-  private:
+private:
     KXMainQueue& mainQueue_;
     bool authorized_;
 };
@@ -26,6 +26,6 @@ class KX_EXPORT KXLinuxNotificationAuthorizer final : public KXNotificationAutho
 /// Writes each alert as one line "<title>: <message> [<button>, <button>]" to the log sink
 /// (KXLog::systemLog), which is where a kiosk or a service shows what needs attention.
 class KX_EXPORT KXLinuxAlertPresenter final : public KXAlertPresenter {
-  public:
+public:
     void present(const KXAlert& alert) override;
 };
