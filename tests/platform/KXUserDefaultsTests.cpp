@@ -317,10 +317,7 @@ TEST(KXFileUserDefaults, AFailedWriteKeepsTheChangesPending) {
     const fs::path file = defaultsFile();
     KXFileUserDefaults defaults(file);
     defaults.setObject("key", "value");
-    // A file where the directory should be: nothing can be written.
-    writeFile(file.parent_path().parent_path() / "blocker", "x");
-    fs::create_directories(file.parent_path().parent_path());
-    fs::remove_all(file.parent_path());
+    // A file where the directory should be: nothing can be written (even by root).
     writeFile(file.parent_path(), "not a directory");
     EXPECT_FALSE(defaults.synchronize());
     EXPECT_EQ(defaults.stringForKey("key"), "value");
