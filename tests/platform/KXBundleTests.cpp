@@ -48,8 +48,8 @@ TEST(KXDirectoryBundle, FindsResourcesInTheFirstDirectoryThatHasThem) {
     write(KXTestDirectories::current() / "bundles" / "secret.txt", "outside");
     EXPECT_FALSE(bundle.pathForResource("../secret", "txt").has_value());
     EXPECT_FALSE(
-        bundle.pathForResource((KXTestDirectories::current() / "bundles" / "secret").string(),
-                               "txt")
+        bundle
+            .pathForResource((KXTestDirectories::current() / "bundles" / "secret").string(), "txt")
             .has_value());
 }
 

@@ -106,10 +106,10 @@ TEST(KXFileKeychain, ItemsSurviveARestartAndAreSharedBetweenProcesses) {
     ASSERT_NE(child, -1);
     if (child == 0) {
         KXFileKeychain keychain(keychainFile());
-        const bool ok = keychain.copy({"credentials", "client"}) == Bytes({0xC0, 0xFF, 0xEE}) &&
-                        keychain.update({"credentials", "client"}, {1}) ==
-                            KXKeychainStatus::Success &&
-                        keychain.add({"credentials", "second"}, {2}) == KXKeychainStatus::Success;
+        const bool ok =
+            keychain.copy({"credentials", "client"}) == Bytes({0xC0, 0xFF, 0xEE}) &&
+            keychain.update({"credentials", "client"}, {1}) == KXKeychainStatus::Success &&
+            keychain.add({"credentials", "second"}, {2}) == KXKeychainStatus::Success;
         _exit(ok ? 0 : 1);
     }
     int status = 0;
