@@ -109,6 +109,9 @@ KXNetworkEngine& KXNetworkEngine::shared() {
 KXNetworkEngine::KXNetworkEngine() : impl_(std::make_unique<Impl>()) {
     impl_->multi = curl_multi_init();
     curl_multi_setopt(impl_->multi, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
+    // At most six connections to one host, like the phone's URL sessions; further transfers
+    // wait for a free connection instead of opening more.
+    curl_multi_setopt(impl_->multi, CURLMOPT_MAX_HOST_CONNECTIONS, 6L);
     impl_->thread = std::thread([impl = impl_.get()] { impl->run(); });
 }
 
