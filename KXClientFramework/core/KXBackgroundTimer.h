@@ -22,6 +22,7 @@ public:
     void cancel();
 
     bool isRunning() const;
+    /// Resumes (true) or suspends (false), so the flag always tells whether the timer runs.
     void setRunning(bool running);
     bool isCancelled() const;
     double interval() const;

@@ -2,11 +2,15 @@
 
 #include <KXClientFramework/KXExport.h>
 
+#include <KXClientFramework/KXJSON.h>
+
+#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 /// The library's settings, read from the application's sealed configuration file KXConfig.enc.
 ///
@@ -23,6 +27,26 @@ public:
     /// process: a misconfigured application fails fast.
     bool configWithContentsOfFile(const std::optional<std::filesystem::path>& path,
                                   const std::string& key);
+
+    /// Opens sealed configuration bytes with `key`: the property list as JSON, or absent when
+    /// the key is wrong or the data is damaged or not a property list. Never stops the process,
+    /// so tools can report a bad file cleanly.
+    static std::optional<KXJSON> openSealedConfiguration(const std::vector<std::uint8_t>& sealed,
+                                                         const std::string& key);
+
+    /// Copies the values of an opened configuration into this object, every property again:
+    /// keys that are missing reset their property to absent or false, the interval to 90.
+    void applyConfiguration(const KXJSON& configuration);
+
+    /// The property-list keys the library reads, in the order they are applied.
+    static const std::array<const char*, 13>& propertyListKeys();
+
+    /// The platform's boolean reading of a property-list value: true for a non-zero number, or
+    /// a string that begins (after blanks, a sign and zeros) with Y, y, T, t or a digit 1-9.
+    static bool boolValue(const KXJSON& value);
+    /// The platform's integer reading: numbers (reals truncated), and strings from their leading
+    /// decimal digits; anything else is 0.
+    static std::int64_t integerValue(const KXJSON& value);
 
     /// Shows the "Missing Config File" alert through the platform's alert presenter.
     void showMissingConfigFileAlertView();

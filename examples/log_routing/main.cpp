@@ -1,0 +1,45 @@
+// Routes the library's log lines into the application's own logger and turns on the copy in
+// the log file. Run it and look at standard output and at
+// $XDG_CACHE_HOME/<application id>/ZandrelSDK.log.
+
+#include <KXClientFramework/KXDiskLogger.h>
+#include <KXClientFramework/KXLinuxPlatform.h>
+#include <KXClientFramework/KXLog.h>
+
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <mutex>
+
+// Stands for the application's logger: here it stamps each line and prints it to stdout.
+class ApplicationLogSink final : public KXLogSink {
+public:
+    void write(std::string_view line) override {
+        std::lock_guard lock(mutex_);
+        const std::time_t now = std::time(nullptr);
+        char stamp[32];
+        std::strftime(stamp, sizeof stamp, "%H:%M:%S", std::localtime(&now));
+        std::printf("%s kx: %.*s\n", stamp, static_cast<int>(line.size()), line.data());
+    }
+
+private:
+    std::mutex mutex_;
+};
+
+int main() {
+    KXLinuxPlatform::installDefault("com.example.logrouting");
+    KXLog::setSink(std::make_shared<ApplicationLogSink>());
+
+    kxLogLevel = 4;                 // everything, DEBUG included
+    kxLoggingToDiskEnabled = true;  // also append each line to ZandrelSDK.log
+
+    KX_LOG_INFO("routed through the application's logger: {}", 42);
+    KX_LOG_DEBUG("debug lines appear at level 4");
+
+    kxLogLevel = 1;
+    KX_LOG_DEBUG("this line is neither formatted nor written");
+
+    std::printf("log file: %s\n", KXDiskLogger::logFilePath().c_str());
+    return 0;
+}

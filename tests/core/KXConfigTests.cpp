@@ -1,0 +1,179 @@
+#include "KXSealedFiles.h"
+
+#include <KXClientFramework/KXConfig.h>
+#include <KXClientFramework/KXPropertyList.h>
+
+#include <gtest/gtest.h>
+
+using kxtest::xmlPropertyList;
+
+namespace {
+
+const std::string kKey = "app-key-0123";
+
+const std::string kFullEntries =
+    "<key>appId</key><string>app-1</string>\n"
+    "<key>inboxDomainId</key><string>inbox-9</string>\n"
+    "<key>stageClientId</key><string>stage-id</string>\n"
+    "<key>stageClientSecret</key><string>stage-secret</string>\n"
+    "<key>prodClientId</key><string>prod-id</string>\n"
+    "<key>prodClientSecret</key><string>prod-secret</string>\n"
+    "<key>inProduction</key><true/>\n"
+    "<key>analyticsEnabled</key><string>YES</string>\n"
+    "<key>locationServicesEnabled</key><integer>1</integer>\n"
+    "<key>autoGuestEnabled</key><false/>\n"
+    "<key>networkActivityIndicatorEnabled</key><string>no</string>\n"
+    "<key>locationFuzzEnabled</key><string>true</string>\n"
+    "<key>analyticsSessionInterval</key><integer>300</integer>\n";
+
+// Seals a property list with the openssl tool and returns the file's path.
+std::filesystem::path sealed(const std::string& plist, const std::string& key = kKey,
+                             const std::string& name = "KXConfig.enc") {
+    const auto directory = kxtest::scratchDirectory("config");
+    kxtest::writeText(directory / "plain.plist", plist);
+    kxtest::sealWithOpenSSL(directory / "plain.plist", directory / name, key);
+    return directory / name;
+}
+
+KXConfig& loaded(const std::string& entries) {
+    KXConfig loader;
+    EXPECT_TRUE(loader.configWithContentsOfFile(sealed(xmlPropertyList(entries)), kKey));
+    return KXConfig::defaultConfig();
+}
+
+}  // namespace
+
+TEST(KXConfig, StartsEmpty) {
+    const auto& config = KXConfig::defaultConfig();
+    EXPECT_EQ(config.appId(), std::nullopt);
+    EXPECT_FALSE(config.inProduction());
+    EXPECT_EQ(config.analyticsSessionInterval(), 0);
+    EXPECT_FALSE(config.validateInboxDomainId());
+}
+
+TEST(KXConfig, LoadsEveryKeyOfAnXMLPropertyListThroughAnyInstance) {
+    const auto& config = loaded(kFullEntries);
+    EXPECT_EQ(config.appId(), "app-1");
+    EXPECT_EQ(config.inboxDomainId(), "inbox-9");
+    EXPECT_EQ(config.stageClientId(), "stage-id");
+    EXPECT_EQ(config.stageClientSecret(), "stage-secret");
+    EXPECT_EQ(config.prodClientId(), "prod-id");
+    EXPECT_EQ(config.prodClientSecret(), "prod-secret");
+    EXPECT_TRUE(config.inProduction());
+    EXPECT_TRUE(config.analyticsEnabled());
+    EXPECT_TRUE(config.locationServicesEnabled());
+    EXPECT_FALSE(config.autoGuestEnabled());
+    EXPECT_FALSE(config.networkActivityIndicatorEnabled());
+    EXPECT_TRUE(config.locationFuzzEnabled());
+    EXPECT_EQ(config.analyticsSessionInterval(), 300);
+    EXPECT_TRUE(config.validateInboxDomainId());
+}
+
+TEST(KXConfig, LoadsABinaryPropertyList) {
+    const KXJSON values = {{"appId", "binary-app"}, {"inProduction", true},
+                           {"analyticsSessionInterval", 120}};
+    const auto binary = KXPropertyList::toBinary(values);
+    const auto directory = kxtest::scratchDirectory("binary");
+    kxtest::writeBytes(directory / "plain.bplist", binary);
+    kxtest::sealWithOpenSSL(directory / "plain.bplist", directory / "KXConfig.enc", kKey);
+
+    ASSERT_TRUE(KXConfig::defaultConfig().configWithContentsOfFile(directory / "KXConfig.enc", kKey));
+    EXPECT_EQ(KXConfig::defaultConfig().appId(), "binary-app");
+    EXPECT_TRUE(KXConfig::defaultConfig().inProduction());
+    EXPECT_EQ(KXConfig::defaultConfig().analyticsSessionInterval(), 120);
+}
+
+TEST(KXConfig, SessionIntervalHasAFloorOfNinety) {
+    const std::pair<std::string, std::int64_t> table[] = {
+        {"<integer>89</integer>", 90},     {"<integer>90</integer>", 90},
+        {"<integer>91</integer>", 91},     {"<integer>-5</integer>", 90},
+        {"<integer>0</integer>", 90},      {"<real>91.9</real>", 91},
+        {"<string>120</string>", 120},     {"<string> 95s</string>", 95},
+        {"<string>soon</string>", 90},     {"<true/>", 90},
+        {"<integer>99999999999</integer>", 99999999999},
+    };
+    for (const auto& [value, expected] : table) {
+        const auto& config = loaded("<key>analyticsSessionInterval</key>" + value + "\n");
+        EXPECT_EQ(config.analyticsSessionInterval(), expected) << value;
+    }
+    EXPECT_EQ(loaded("").analyticsSessionInterval(), 90) << "missing key";
+}
+
+TEST(KXConfig, BooleanReadingFollowsThePlatformConversion) {
+    for (const char* yes : {"YES", "yes", "Y", "true", "T", "t", "1", "9lives", " 7", "+3", "007"}) {
+        EXPECT_TRUE(KXConfig::boolValue(yes)) << yes;
+    }
+    for (const char* no : {"NO", "no", "false", "F", "0", "", "  ", "abc", "000", "-0", "x1"}) {
+        EXPECT_FALSE(KXConfig::boolValue(no)) << no;
+    }
+    EXPECT_TRUE(KXConfig::boolValue(2));
+    EXPECT_TRUE(KXConfig::boolValue(0.5));
+    EXPECT_FALSE(KXConfig::boolValue(0));
+    EXPECT_FALSE(KXConfig::boolValue(KXJSON::array({1})));
+    EXPECT_FALSE(KXConfig::boolValue(nullptr));
+}
+
+TEST(KXConfig, IntegerReadingSaturatesInsteadOfOverflowing) {
+    EXPECT_EQ(KXConfig::integerValue("99999999999999999999999"), INT64_MAX);
+    EXPECT_EQ(KXConfig::integerValue("-99999999999999999999999"), INT64_MIN);
+    EXPECT_EQ(KXConfig::integerValue(1e300), INT64_MAX);
+    EXPECT_EQ(KXConfig::integerValue(-91.9), -91);
+    EXPECT_EQ(KXConfig::integerValue(KXJSON::object()), 0);
+}
+
+TEST(KXConfig, MissingKeysAndWrongTypesReadAsAbsentOrFalse) {
+    const auto& config = loaded(
+        "<key>appId</key><integer>42</integer>\n"
+        "<key>inboxDomainId</key><string></string>\n"
+        "<key>stageClientId</key><array><string>x</string></array>\n"
+        "<key>unknownKey</key><string>ignored</string>\n");
+    EXPECT_EQ(config.appId(), "42");
+    EXPECT_EQ(config.inboxDomainId(), "");
+    EXPECT_FALSE(config.validateInboxDomainId());
+    EXPECT_EQ(config.stageClientId(), std::nullopt);
+    EXPECT_FALSE(config.inProduction()) << "no inProduction selects staging";
+}
+
+TEST(KXConfig, SecondLoadOverwritesEveryProperty) {
+    loaded(kFullEntries);
+    const auto& config = loaded("<key>appId</key><string>second</string>\n");
+    EXPECT_EQ(config.appId(), "second");
+    EXPECT_EQ(config.prodClientId(), std::nullopt);
+    EXPECT_FALSE(config.inProduction());
+    EXPECT_FALSE(config.analyticsEnabled());
+    EXPECT_EQ(config.analyticsSessionInterval(), 90);
+}
+
+TEST(KXConfig, OpeningWithTheWrongKeyIsAbsentWithoutStopping) {
+    const auto path = sealed(xmlPropertyList(kFullEntries));
+    EXPECT_EQ(KXConfig::openSealedConfiguration(kxtest::readBytes(path), "wrong"), std::nullopt);
+    EXPECT_EQ(KXConfig::openSealedConfiguration({}, kKey), std::nullopt);
+    const auto opened = KXConfig::openSealedConfiguration(kxtest::readBytes(path), kKey);
+    ASSERT_TRUE(opened);
+    EXPECT_EQ((*opened)["prodClientId"], "prod-id");
+}
+
+using KXConfigDeathTest = testing::Test;
+
+TEST_F(KXConfigDeathTest, WrongKeyStopsTheProcessNamingTheConfigurationFile) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto path = sealed(xmlPropertyList(kFullEntries));
+    EXPECT_DEATH(KXConfig::defaultConfig().configWithContentsOfFile(path, "not-the-key"),
+                 "configurationFile");
+}
+
+TEST_F(KXConfigDeathTest, DamagedOrForeignFilesStopTheProcess) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto directory = kxtest::scratchDirectory("damaged");
+    auto bytes = kxtest::readBytes(sealed(xmlPropertyList(kFullEntries)));
+    bytes.resize(bytes.size() - 7);
+    kxtest::writeBytes(directory / "truncated.enc", bytes);
+    EXPECT_DEATH(KXConfig::defaultConfig().configWithContentsOfFile(directory / "truncated.enc", kKey),
+                 "configurationFile");
+
+    // Opens with the key, but what is inside is not a property list.
+    kxtest::writeText(directory / "notes.txt", "just some text, not a property list");
+    kxtest::sealWithOpenSSL(directory / "notes.txt", directory / "text.enc", kKey);
+    EXPECT_DEATH(KXConfig::defaultConfig().configWithContentsOfFile(directory / "text.enc", kKey),
+                 "configurationFile");
+}

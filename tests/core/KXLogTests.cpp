@@ -1,0 +1,177 @@
+#include "KXCapturingSink.h"
+
+#include <KXClientFramework/KXDiskLogger.h>
+#include <KXClientFramework/KXGlobals.h>
+#include <KXClientFramework/KXLog.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+// Counts how often it is formatted, to prove gated lines are never formatted.
+struct FormatProbe {
+    static inline std::atomic<int> formatted{0};
+};
+
+struct LogEmitter {
+    static int emitAllLevels() {
+        KX_LOG_ERROR("error {}", 1);
+        KX_LOG_WARN("warn {}", 2);
+        KX_LOG_INFO("info {}", 3);
+        KX_LOG_DEBUG("debug {}", 4);
+        return __LINE__ - 4;  // line of the ERROR statement
+    }
+};
+
+std::string readFile(const std::filesystem::path& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+class KXLogTest : public testing::Test {
+protected:
+    void SetUp() override {
+        kxLoggingEnabled = true;
+        kxLoggingToDiskEnabled = false;
+        kxLogLevel = 4;
+    }
+    void TearDown() override {
+        kxLoggingEnabled = true;
+        kxLoggingToDiskEnabled = false;
+        kxLogLevel = 1;
+    }
+    KXCapturingSink::Guard sink = KXCapturingSink::install();
+};
+
+}  // namespace
+
+template <>
+struct fmt::formatter<FormatProbe> : fmt::formatter<std::string_view> {
+    auto format(const FormatProbe&, fmt::format_context& context) const {
+        ++FormatProbe::formatted;
+        return fmt::formatter<std::string_view>::format("probe", context);
+    }
+};
+
+TEST(KXLogGlobals, StartWithDocumentedValues) {
+    EXPECT_TRUE(kxLoggingEnabled);
+    EXPECT_EQ(kxLogLevel, 1);
+    EXPECT_FALSE(kxLoggingToDiskEnabled);
+    EXPECT_TRUE(badging);
+    EXPECT_FALSE(analyticsEnabled);
+    EXPECT_EQ(inboxPageSize, 20);
+    EXPECT_EQ(listPageSize, 20);
+    EXPECT_STREQ(KX_IOS_SDK_VERSION_STRING, "1.0.8.1");
+    EXPECT_STREQ(KXClientFrameworkVersionString,
+                 "@(#)PROGRAM:KXClientFramework  PROJECT:KXClientFramework-1\n");
+    EXPECT_STREQ(kKXAFOAuthClientCredentialsGrantType, "client_credentials");
+    EXPECT_STREQ(kKXAFOAuthScope, "RETURN_ALL_CLIENT_SCOPES");
+}
+
+TEST_F(KXLogTest, LevelSettingGatesEachLevel) {
+    struct Row {
+        std::int64_t setting;
+        std::vector<std::string> words;
+    };
+    const Row table[] = {
+        {-3, {}},
+        {0, {}},
+        {1, {"[ERROR]"}},
+        {2, {"[ERROR]", "[WARN]"}},
+        {3, {"[ERROR]", "[WARN]", "[INFO]"}},
+        {4, {"[ERROR]", "[WARN]", "[INFO]", "[DEBUG]"}},
+        {99, {"[ERROR]", "[WARN]", "[INFO]", "[DEBUG]"}},
+    };
+    for (const auto& row : table) {
+        sink->clear();
+        kxLogLevel = row.setting;
+        LogEmitter::emitAllLevels();
+        const auto lines = sink->lines();
+        ASSERT_EQ(lines.size(), row.words.size()) << "level setting " << row.setting;
+        for (std::size_t i = 0; i < lines.size(); ++i) {
+            EXPECT_EQ(lines[i].rfind(row.words[i], 0), 0u) << lines[i];
+        }
+    }
+}
+
+TEST_F(KXLogTest, LineCarriesLevelFunctionAndLine) {
+    kxLogLevel = 1;
+    const int line = LogEmitter::emitAllLevels();
+    ASSERT_EQ(sink->lines().size(), 1u);
+    EXPECT_EQ(sink->lines()[0],
+              "[ERROR] {anonymous}::LogEmitter::emitAllLevels [Line " + std::to_string(line) +
+                  "] error 1");
+}
+
+TEST_F(KXLogTest, GatedLinesAreNeverFormatted) {
+    FormatProbe::formatted = 0;
+    kxLogLevel = 3;
+    KX_LOG_DEBUG("{}", FormatProbe{});
+    kxLoggingEnabled = false;
+    kxLogLevel = 4;
+    KX_LOG_ERROR("{}", FormatProbe{});
+    EXPECT_EQ(FormatProbe::formatted, 0);
+    EXPECT_TRUE(sink->lines().empty());
+
+    kxLoggingEnabled = true;
+    KX_LOG_DEBUG("{}", FormatProbe{});
+    EXPECT_EQ(FormatProbe::formatted, 1);
+}
+
+TEST(KXLogFunctionName, StripsReturnTypeParametersAndLambdaSuffix) {
+    EXPECT_EQ(KXLog::functionName("void KXDevice::saveDeviceToken(const std::string&)"),
+              "KXDevice::saveDeviceToken");
+    EXPECT_EQ(KXLog::functionName("std::function<void(int)> KXA::make(int) const"), "KXA::make");
+    EXPECT_EQ(KXLog::functionName("KXFoo::bar()::<lambda()>"), "KXFoo::bar");
+    EXPECT_EQ(KXLog::functionName("static std::map<int, std::pair<int, int> > KXB::c()"),
+              "KXB::c");
+    EXPECT_EQ(KXLog::functionName("main"), "main");
+}
+
+TEST_F(KXLogTest, LoggingOffLeavesTheDiskFileAlone) {
+    kxLoggingToDiskEnabled = true;
+    kxLoggingEnabled = false;
+    LogEmitter::emitAllLevels();
+    EXPECT_TRUE(sink->lines().empty());
+    EXPECT_FALSE(std::filesystem::exists(KXDiskLogger::logFilePath()));
+}
+
+TEST_F(KXLogTest, DiskLoggingAppendsEveryWrittenLine) {
+    kxLoggingToDiskEnabled = true;
+    kxLogLevel = 2;
+    LogEmitter::emitAllLevels();
+    LogEmitter::emitAllLevels();
+
+    // Each disk-logged line is announced by a new disk logger on the sink.
+    const auto lines = sink->lines();
+    ASSERT_EQ(lines.size(), 8u);
+    for (std::size_t i = 0; i < lines.size(); i += 2) {
+        EXPECT_EQ(lines[i], "DISKLogger Created");
+    }
+    const std::string file = readFile(KXDiskLogger::logFilePath());
+    EXPECT_EQ(file, lines[1] + "\n" + lines[3] + "\n" + lines[5] + "\n" + lines[7] + "\n");
+    EXPECT_EQ(KXDiskLogger::logFilePath().filename(), "ZandrelSDK.log");
+}
+
+TEST_F(KXLogTest, ClearLogFromDiskKeepsTheFile) {
+    KXDiskLogger logger;
+    logger.writeLogToDisk("first");
+    logger.clearLogFromDisk();
+    KXDiskLogger().writeLogToDisk("second");
+    EXPECT_EQ(readFile(KXDiskLogger::logFilePath()), "first\nsecond\n");
+    EXPECT_EQ(sink->linesContaining("error: (null)").size(), 1u);
+}
+
+TEST_F(KXLogTest, UnwritableLogFileLosesTheLineQuietly) {
+    const auto path = KXDiskLogger::logFilePath();
+    std::filesystem::create_directories(path);  // a directory where the file should be
+    KXDiskLogger().writeLogToDisk("lost");
+    EXPECT_TRUE(std::filesystem::is_directory(path));
+}

@@ -1,0 +1,60 @@
+#include "KXSealedFiles.h"
+
+#include "KXTestDirectories.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+#include <sys/wait.h>
+
+namespace kxtest {
+
+int run(const std::string& command) {
+    const int status = std::system(command.c_str());
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::vector<std::uint8_t> readBytes(const std::filesystem::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+void writeBytes(const std::filesystem::path& path, const std::vector<std::uint8_t>& bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
+
+void writeText(const std::filesystem::path& path, const std::string& text) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+}
+
+std::filesystem::path scratchDirectory(const std::string& name) {
+    auto root = KXTestDirectories::current();
+    if (root.empty()) {
+        root = std::filesystem::temp_directory_path();
+    }
+    auto directory = root / "scratch" / name;
+    std::filesystem::create_directories(directory);
+    return directory;
+}
+
+void sealWithOpenSSL(const std::filesystem::path& plain, const std::filesystem::path& out,
+                     const std::string& password) {
+    const std::string command = "openssl enc -aes-256-cbc -md md5 -salt -pass 'pass:" + password +
+                                "' -in '" + plain.string() + "' -out '" + out.string() + "'";
+    if (run(command) != 0) {
+        throw std::runtime_error("openssl failed: " + command);
+    }
+}
+
+std::string xmlPropertyList(const std::string& entries) {
+    return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+           "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" "
+           "\"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+           "<plist version=\"1.0\">\n<dict>\n" +
+           entries + "</dict>\n</plist>\n";
+}
+
+}  // namespace kxtest
