@@ -1,8 +1,8 @@
 #include <KXClientFramework/KXKeychainWrapper.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXPlatform.h>
+#include <KXClientFramework/KXPropertyList.h>
 
-#include "transport/internal/KXArchive.h"
 
 KXKeychainWrapper::Query KXKeychainWrapper::getKeychainQuery(const std::string& key) {
     return Query{KXKeychainQuery{key, key}, kSecAttrAccessibleAfterFirstUnlock};
@@ -12,7 +12,8 @@ void KXKeychainWrapper::saveValue(const KXJSON& value, const std::string& key) {
     const Query query = getKeychainQuery(key);
     KXKeychain& keychain = KXPlatform::current().keychain();
     keychain.remove(query.item);
-    keychain.add(query.item, kx::archive::archive(value), query.accessibility);
+    const std::string xml = KXPropertyList::toXML(value);
+    keychain.add(query.item, std::vector<std::uint8_t>(xml.begin(), xml.end()), query.accessibility);
 }
 
 KXJSON KXKeychainWrapper::fetchValueForKey(const std::string& key) {
@@ -22,10 +23,10 @@ KXJSON KXKeychainWrapper::fetchValueForKey(const std::string& key) {
     if (status != KXKeychainStatus::Success || !data) {
         return nullptr;
     }
-    std::string why;
-    std::optional<KXJSON> value = kx::archive::unarchive(*data, &why);
+    std::optional<KXJSON> value = KXPropertyList::parse(std::span<const std::uint8_t>(*data));
     if (!value) {
-        KXLog::systemLog(fmt::format("Unarchive of {} failed: {}", key, why));
+        KXLog::systemLog(
+            fmt::format("Unarchive of {} failed: {}", key, "the data is not a property list"));
         return nullptr;
     }
     return std::move(*value);

@@ -1,8 +1,8 @@
 #include <KXClientFramework/KXKeychain.h>
 #include <KXClientFramework/KXOAuthCredential.h>
 #include <KXClientFramework/KXPlatform.h>
+#include <KXClientFramework/KXPropertyList.h>
 
-#include "transport/internal/KXArchive.h"
 
 #include <fmt/format.h>
 
@@ -42,12 +42,13 @@ std::vector<std::uint8_t> KXOAuthCredential::archivedData() const {
     if (clientSecret_) {
         object["clientSecret"] = *clientSecret_;
     }
-    return kx::archive::archive(object);
+    const std::string xml = KXPropertyList::toXML(object);
+    return std::vector<std::uint8_t>(xml.begin(), xml.end());
 }
 
 std::shared_ptr<KXOAuthCredential> KXOAuthCredential::unarchive(
     const std::vector<std::uint8_t>& data) {
-    const std::optional<KXJSON> object = kx::archive::unarchive(data);
+    const std::optional<KXJSON> object = KXPropertyList::parse(std::span<const std::uint8_t>(data));
     if (!object || !object->is_object()) {
         return nullptr;
     }

@@ -311,20 +311,20 @@ TEST_F(HTTPSessionManager, TheActivityIndicatorFollowsTheConfigurationAndHidesAf
 }
 
 TEST_F(HTTPSessionManager, RESTLoggingWritesRequestsAndResponses) {
-    auto sink = std::make_shared<KXCollectingSink>();
+    auto sink = std::make_shared<KXCapturingSink>();
     KXLog::setSink(sink);
     kxLogLevel = 4;
     service.script("GET", "/logged", KXScriptedAnswer::json(200, KXJSON::object()));
 
     get("/logged");
-    EXPECT_FALSE(sink->contains("Request URL:"));
+    EXPECT_FALSE(logged(*sink, "Request URL:"));
 
     KXClientFramework::setRESTfulServiceLogging(true);
     get("/logged", KXJSON{{"page", 1}});
-    EXPECT_TRUE(sink->contains("\nRequest Headers: "));
-    EXPECT_TRUE(sink->contains("\nRequest URL: " + service.baseURL() + "/logged"));
-    EXPECT_TRUE(sink->contains("\nRequest Parameters: {\"page\":1}"));
-    EXPECT_TRUE(sink->contains("\nResponse StatusCode: 200"));
+    EXPECT_TRUE(logged(*sink, "\nRequest Headers: "));
+    EXPECT_TRUE(logged(*sink, "\nRequest URL: " + service.baseURL() + "/logged"));
+    EXPECT_TRUE(logged(*sink, "\nRequest Parameters: {\"page\":1}"));
+    EXPECT_TRUE(logged(*sink, "\nResponse StatusCode: 200"));
     KXLog::setSink(nullptr);
 }
 
@@ -367,7 +367,7 @@ TEST_F(TokenGate, AnExpiredTokenIsReplacedBeforeTheRequest) {
 }
 
 TEST_F(TokenGate, ATokenFailureReachesTheCallerWithoutAResponseAndIsLogged) {
-    auto sink = std::make_shared<KXCollectingSink>();
+    auto sink = std::make_shared<KXCapturingSink>();
     KXLog::setSink(sink);
     service.script("POST", "/token", KXScriptedAnswer::json(401, KXJSON{{"error", "invalid_client"}}));
     service.script("POST", "/token", KXScriptedAnswer::dropped());
@@ -378,8 +378,8 @@ TEST_F(TokenGate, ATokenFailureReachesTheCallerWithoutAResponseAndIsLogged) {
     EXPECT_EQ(rejected.error->domain, NSOSStatusErrorDomain);
     EXPECT_EQ(rejected.error->code, 401);
     EXPECT_EQ(rejected.error->userInfo, (KXJSON{{"error", "invalid_client"}}));
-    EXPECT_TRUE(sink->contains("[ERROR] "));
-    EXPECT_TRUE(sink->contains("ERROR: Error Domain=NSOSStatusErrorDomain Code=401"));
+    EXPECT_TRUE(logged(*sink, "[ERROR] "));
+    EXPECT_TRUE(logged(*sink, "ERROR: Error Domain=NSOSStatusErrorDomain Code=401"));
 
     const KXCallOutcome unreachable = get("/inbox");
     ASSERT_TRUE(unreachable.error);

@@ -172,11 +172,11 @@ TEST_F(OAuth2Client, AFailedRenewalLeavesTheTimerSuspended) {
     ASSERT_TRUE(waitFor([&] { return client.countOfMinutes() == 1; }));
 
     service.script("POST", "/token", KXScriptedAnswer::json(503, KXJSON{{"error", "down"}}));
-    auto sink = std::make_shared<KXCollectingSink>();
+    auto sink = std::make_shared<KXCapturingSink>();
     KXLog::setSink(sink);
     client.setCountOfMinutes(46);
     client.refreshBearerTokenIfNecessary();
-    ASSERT_TRUE(waitFor([&] { return sink->contains("Failed To Refresh Bearer Token"); }));
+    ASSERT_TRUE(waitFor([&] { return logged(*sink, "Failed To Refresh Bearer Token"); }));
     KXLog::setSink(nullptr);
 
     EXPECT_FALSE(timerRunning());

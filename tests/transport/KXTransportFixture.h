@@ -1,5 +1,6 @@
 #pragma once
 
+#include "KXCapturingSink.h"
 #include "KXLoopbackService.h"
 #include "KXTestPlatform.h"
 
@@ -31,27 +32,10 @@ struct KXCallOutcome {
     int callbacks() const { return successes + failures; }
 };
 
-/// Collects log lines so tests can look for the library's messages.
-class KXCollectingSink final : public KXLogSink {
-public:
-    void write(std::string_view line) override {
-        std::lock_guard lock(mutex_);
-        lines_.emplace_back(line);
-    }
-    bool contains(std::string_view text) const {
-        std::lock_guard lock(mutex_);
-        for (const std::string& line : lines_) {
-            if (line.find(text) != std::string::npos) {
-                return true;
-            }
-        }
-        return false;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    std::vector<std::string> lines_;
-};
+/// True when some captured log line contains `text`.
+inline bool logged(const KXCapturingSink& sink, std::string_view text) {
+    return !sink.linesContaining(text).empty();
+}
 
 /// A test platform, a loopback service that every endpoint points at, and helpers to call the
 /// shared transport and run the main queue until the answer arrived.
