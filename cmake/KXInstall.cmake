@@ -18,6 +18,9 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/KXClientFrameworkConfig.cmake
     ${CMAKE_CURRENT_BINARY_DIR}/KXClientFrameworkConfigVersion.cmake
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/KXClientFramework)
 
+# The pkg-config file finds its prefix relative to itself, so the install can be moved.
+file(RELATIVE_PATH KX_PC_PREFIX_FROM_PCFILEDIR
+    "/prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/prefix")
 configure_file(cmake/KXClientFramework.pc.in ${CMAKE_CURRENT_BINARY_DIR}/KXClientFramework.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/KXClientFramework.pc
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -115,4 +115,7 @@ private:
     std::map<KXBackgroundTaskIdentifier, std::function<void()>> backgroundTasks_;
     KXBackgroundTaskIdentifier nextBackgroundTask_ = 1;
     std::uint64_t backgroundEpoch_ = 0;  // invalidates stale expiration timers
+    // Work posted to the main queue holds a weak reference to this, so it is skipped when the
+    // application object is gone by the time it runs.
+    std::shared_ptr<int> lifetime_ = std::make_shared<int>(0);
 };

@@ -6,6 +6,7 @@
 #include <asio/strand.hpp>
 #include <asio/thread_pool.hpp>
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 
@@ -34,9 +35,11 @@ public:
     /// True when called on one of this pool's threads.
     bool isBackgroundThread() const;
 
-    /// Stops accepting work and waits for running work to finish. Called by the destructor.
+    /// Stops accepting work and waits for running work to finish; work that has not started is
+    /// dropped. Called by the destructor; later calls do nothing.
     void shutdown();
 
 private:
     asio::thread_pool pool_;
+    std::atomic<bool> shutDown_{false};
 };

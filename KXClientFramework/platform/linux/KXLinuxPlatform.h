@@ -1,7 +1,12 @@
 #pragma once
 
 #include <KXClientFramework/KXAsioMainQueue.h>
+#include <KXClientFramework/KXDirectoryBundle.h>
 #include <KXClientFramework/KXExport.h>
+#include <KXClientFramework/KXFileKeychain.h>
+#include <KXClientFramework/KXFileUserDefaults.h>
+#include <KXClientFramework/KXLinuxLocationSource.h>
+#include <KXClientFramework/KXLinuxServices.h>
 #include <KXClientFramework/KXPlatform.h>
 
 #include <chrono>
@@ -10,6 +15,11 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+/// The capability level a Linux machine reports in KXDeviceFacts: a fixed value above 847.2, so
+/// the library handles remote notifications that do background work, which a Linux host can
+/// always run.
+inline constexpr double kKXLinuxCoreFoundationVersionNumber = 1600.0;
 
 /// How the Linux default platform is set up. Only the application id is needed; everything else
 /// has a default that follows the XDG base-directory rules.
@@ -22,7 +32,8 @@ struct KXLinuxPlatformOptions {
     std::vector<std::filesystem::path> resourceDirectories;
     /// Overrides of the information dictionary, merged over Info.plist from the resources.
     std::optional<std::string> infoDictionaryJSON;
-    /// Defaults: $XDG_CONFIG_HOME, $XDG_DATA_HOME, $XDG_CACHE_HOME (each + application id).
+    /// Defaults: $XDG_CONFIG_HOME, $XDG_DATA_HOME, $XDG_CACHE_HOME (each + application id), or
+    /// ~/.config, ~/.local/share, ~/.cache when those are unset. A given path is used as is.
     std::optional<std::filesystem::path> configDirectory;
     std::optional<std::filesystem::path> dataDirectory;
     std::optional<std::filesystem::path> cacheDirectory;
@@ -58,8 +69,20 @@ public:
     /// The asio main queue when this platform made one, else null.
     KXAsioMainQueue* asioMainQueue();
 
+    /// Where user defaults (UserDefaults.plist) and the keychain (keychain.plist) live.
+    const std::filesystem::path& configDirectory() const;
+    const std::filesystem::path& dataDirectory() const;
+
     /// Installs a KXLinuxPlatform for `applicationId` and returns it.
     static std::shared_ptr<KXLinuxPlatform> installDefault(const std::string& applicationId);
+
+    /// The main queue of the installed platform (installing the Linux default when none is)
+    /// when it is a KXAsioMainQueue; throws KXException when the installed platform brought
+    /// a main queue of its own.
+    static KXAsioMainQueue& defaultMainQueue();
+
+    /// The application id used when none is given: $KX_APPLICATION_ID, else the program's name.
+    static std::string defaultApplicationId();
 
 private:
     struct Impl;

@@ -1,0 +1,433 @@
+// The versioned container, checked against containers the tests put together themselves from
+// OpenSSL's PBKDF2, HMAC-SHA256 and AES-256-CBC.
+#include "TZCryptoTestSupport.h"
+
+#include <KXClientFramework/TZDecryptor.h>
+#include <KXClientFramework/TZEncryptor.h>
+
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+
+using namespace tztest;
+
+namespace {
+
+constexpr unsigned kRounds = 10000;
+
+const Bytes kIV = patternBytes(16, 100);
+const Bytes kEncryptionSalt = patternBytes(8, 101);
+const Bytes kHMACSalt = patternBytes(8, 102);
+const Bytes kEncryptionKey = patternBytes(32, 103);
+const Bytes kHMACKey = patternBytes(32, 104);
+
+// A password container: version | 1 | salts | IV | AES-256-CBC | HMAC-SHA256. `passwordBytes`
+// are the bytes the keys are derived from.
+Bytes passwordContainer(std::uint8_t version, std::string_view passwordBytes, const Bytes& plain,
+                        bool headerInHMAC = true) {
+    const auto encryptionKey = pbkdf2(passwordBytes, kEncryptionSalt, kRounds, 32);
+    const auto HMACKey = pbkdf2(passwordBytes, kHMACSalt, kRounds, 32);
+    const auto header = concat({Bytes{version, 1}, kEncryptionSalt, kHMACSalt, kIV});
+    const auto ciphertext = aesCBC(true, encryptionKey, kIV, plain);
+    const auto body = concat({header, ciphertext});
+    return concat({body, hmac("SHA256", HMACKey, headerInHMAC ? body : ciphertext)});
+}
+
+// A key container: 3 | 0 | IV | AES-256-CBC | HMAC-SHA256.
+Bytes keyContainer(const Bytes& plain) {
+    const auto body = concat({Bytes{3, 0}, kIV, aesCBC(true, kEncryptionKey, kIV, plain)});
+    return concat({body, hmac("SHA256", kHMACKey, body)});
+}
+
+std::optional<Bytes> openWithKeys(std::span<const std::uint8_t> sealed, KXError* error = nullptr) {
+    return TZDecryptor::decryptData(sealed, kEncryptionKey, kHMACKey, error);
+}
+
+// Collects a streaming cryptor's output and how it ended.
+struct Collector {
+    std::mutex mutex;
+    std::condition_variable changed;
+    Bytes output;
+    bool finished = false;
+    std::optional<KXError> error;
+
+    TZCryptorHandler handler() {
+        return [this](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
+            std::lock_guard lock(mutex);
+            output.insert(output.end(), data.begin(), data.end());
+            if (cryptor.isFinished()) {
+                finished = true;
+                error = cryptor.error();
+                changed.notify_all();
+            }
+        };
+    }
+
+    bool waitUntilFinished() {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, std::chrono::seconds(60), [this] { return finished; });
+    }
+};
+
+void expectHMACMismatch(const std::optional<Bytes>& opened, const KXError& error, const std::string& context) {
+    EXPECT_FALSE(opened.has_value()) << context;
+    EXPECT_EQ(error.domain, kTZCryptorErrorDomain) << context;
+    EXPECT_EQ(error.code, TZCryptorErrorHMACMismatch) << context;
+    EXPECT_EQ(descriptionOf(error), "HMAC Mismatch") << context;
+}
+
+}  // namespace
+
+// MARK: - Writing
+
+TEST(TZEncryptor, PasswordContainerIsExactlyTheDocumentedLayout) {
+    for (const std::size_t length : {std::size_t{0}, std::size_t{15}, std::size_t{16}, std::size_t{300000}}) {
+        const auto plain = patternBytes(length, 7);
+        KXError error;
+        const auto sealed = TZEncryptor::encryptData(plain, kTZCryptorAES256Settings, "pass word", kIV,
+                                                     kEncryptionSalt, kHMACSalt, &error);
+        ASSERT_TRUE(sealed.has_value()) << error.description();
+        EXPECT_EQ(*sealed, passwordContainer(3, "pass word", plain)) << length;
+    }
+}
+
+TEST(TZEncryptor, KeyContainerIsExactlyTheDocumentedLayout) {
+    const auto plain = patternBytes(1000, 8);
+    const auto sealed = TZEncryptor::encryptData(plain, kTZCryptorAES256Settings, kEncryptionKey, kHMACKey, kIV);
+    ASSERT_TRUE(sealed.has_value());
+    EXPECT_EQ(*sealed, keyContainer(plain));
+
+    // The ciphertext between header and HMAC is what the openssl tool makes of the same input.
+    const auto tools = openssl("enc -aes-256-cbc -nosalt -K " + hex(kEncryptionKey) + " -iv " + hex(kIV), plain);
+    ASSERT_EQ(tools.status, 0) << tools.errors;
+    EXPECT_EQ(Bytes(sealed->begin() + 18, sealed->end() - 32), tools.output);
+}
+
+TEST(TZEncryptor, EmptyInputSizes) {
+    // Header, one padding block, HMAC: 34 + 16 + 32 with a password, 18 + 16 + 32 with keys.
+    const auto withPassword = TZEncryptor::encryptData(Bytes{}, kTZCryptorAES256Settings, "pw");
+    ASSERT_TRUE(withPassword.has_value());
+    EXPECT_EQ(withPassword->size(), 82u);
+    EXPECT_EQ((*withPassword)[0], 3);
+    EXPECT_EQ((*withPassword)[1], TZCryptorOptionHasPassword);
+
+    const auto withKeys = TZEncryptor::encryptData(Bytes{}, kTZCryptorAES256Settings, kEncryptionKey, kHMACKey);
+    ASSERT_TRUE(withKeys.has_value());
+    EXPECT_EQ(withKeys->size(), 66u);
+    EXPECT_EQ((*withKeys)[0], 3);
+    EXPECT_EQ((*withKeys)[1], 0);
+}
+
+TEST(TZEncryptor, RandomIVAndSaltsDifferEveryTime) {
+    const auto first = TZEncryptor::encryptData(bytesOf("x"), kTZCryptorAES256Settings, "pw");
+    const auto second = TZEncryptor::encryptData(bytesOf("x"), kTZCryptorAES256Settings, "pw");
+    ASSERT_TRUE(first && second);
+    EXPECT_NE(Bytes(first->begin() + 2, first->begin() + 34), Bytes(second->begin() + 2, second->begin() + 34));
+    EXPECT_EQ(TZDecryptor::decryptData(*first, "pw"), bytesOf("x"));
+    EXPECT_EQ(TZDecryptor::decryptData(*second, "pw"), bytesOf("x"));
+}
+
+TEST(TZEncryptor, KeyFormWithOtherSettingsTakesOnlyTheIVLength) {
+    // Everything but the IV length comes from kTZCryptorAES256Settings.
+    TZCryptorSettings settings = kTZCryptorAES256Settings;
+    settings.IVSize = 24;
+    settings.HMACAlgorithm = 0;
+    settings.HMACLength = 20;
+    settings.options = 0;
+    Bytes sealed;
+    Collector collector;
+    auto encryptor = TZEncryptor::initWithSettings(settings, kEncryptionKey, kHMACKey, collector.handler());
+    ASSERT_NE(encryptor, nullptr);
+    EXPECT_EQ(encryptor->IV().size(), 24u);
+    EXPECT_EQ(encryptor->HMACLength(), 32u);
+    const auto plain = patternBytes(33, 9);
+    encryptor->addData(plain);
+    encryptor->finish();
+    ASSERT_TRUE(collector.waitUntilFinished());
+    ASSERT_FALSE(collector.error.has_value());
+    sealed = collector.output;
+
+    const Bytes IV(sealed.begin() + 2, sealed.begin() + 26);
+    EXPECT_EQ(IV, encryptor->IV());
+    const auto body = Bytes(sealed.begin(), sealed.end() - 32);
+    EXPECT_EQ(Bytes(sealed.end() - 32, sealed.end()), hmac("SHA256", kHMACKey, body));
+    // Padded AES-256-CBC with the first block of the IV.
+    EXPECT_EQ(Bytes(body.begin() + 26, body.end()), aesCBC(true, kEncryptionKey, std::span(IV).first(16), plain));
+
+    TZCryptorSettings reading = kTZCryptorAES256Settings;
+    reading.IVSize = 24;
+    EXPECT_EQ(TZDecryptor::decryptData(sealed, reading, kEncryptionKey, kHMACKey), plain);
+}
+
+TEST(TZEncryptor, WithoutAnHMACKeyNoHMACIsWritten) {
+    const auto plain = patternBytes(40, 10);
+    const auto sealed = TZEncryptor::encryptData(plain, kTZCryptorAES256Settings, kEncryptionKey, Bytes{}, kIV);
+    ASSERT_TRUE(sealed.has_value());
+    EXPECT_EQ(*sealed, concat({Bytes{3, 0}, kIV, aesCBC(true, kEncryptionKey, kIV, plain)}));
+    EXPECT_EQ(TZDecryptor::decryptData(*sealed, kEncryptionKey, Bytes{}), plain);
+}
+
+TEST(TZEncryptor, SetUpFailuresAreReported) {
+    KXError error;
+    EXPECT_FALSE(TZEncryptor::encryptData(bytesOf("x"), kTZCryptorAES256Settings, patternBytes(17, 1), kHMACKey,
+                                          kIV, &error));
+    EXPECT_EQ(error.code, TZCryptorStatusKeySizeError);
+
+    TZCryptorSettings noSuchHMAC = kTZCryptorAES256Settings;
+    noSuchHMAC.HMACAlgorithm = 9;
+    error = {};
+    EXPECT_FALSE(TZEncryptor::encryptData(bytesOf("x"), noSuchHMAC, kEncryptionKey, kHMACKey, kIV, &error));
+    EXPECT_EQ(error.code, TZCryptorStatusParamError);
+    EXPECT_EQ(TZEncryptor::initWithSettings(noSuchHMAC, kEncryptionKey, kHMACKey, kIV, {}), nullptr);
+
+    TZCryptorSettings shortIV = kTZCryptorAES256Settings;
+    shortIV.IVSize = 8;
+    error = {};
+    EXPECT_FALSE(TZEncryptor::encryptData(bytesOf("x"), shortIV, "pw", &error));
+    EXPECT_EQ(error.code, TZCryptorStatusParamError);
+}
+
+TEST(TZEncryptor, FinishingBeforeAnyDataFails) {
+    // The header and the cipher's output buffer come with the first addData().
+    Collector collector;
+    auto encryptor = TZEncryptor::initWithSettings(kTZCryptorAES256Settings, kEncryptionKey, kHMACKey, kIV,
+                                                   collector.handler());
+    encryptor->finish();
+    ASSERT_TRUE(collector.waitUntilFinished());
+    ASSERT_TRUE(collector.error.has_value());
+    EXPECT_EQ(collector.error->code, TZCryptorStatusBufferTooSmall);
+}
+
+// MARK: - Reading
+
+TEST(TZDecryptor, OpensContainersMadeWithoutTheLibrary) {
+    for (const std::size_t length : {std::size_t{0}, std::size_t{1}, std::size_t{32}, std::size_t{700000}}) {
+        const auto plain = patternBytes(length, 11);
+        KXError error;
+        EXPECT_EQ(TZDecryptor::decryptData(passwordContainer(3, "secret", plain), "secret", &error), plain)
+            << error.description();
+        EXPECT_EQ(openWithKeys(keyContainer(plain), &error), plain) << error.description();
+    }
+}
+
+TEST(TZDecryptor, RoundTripsWithTheEncryptor) {
+    const auto plain = patternBytes(1 << 20, 12);
+    const auto sealed = TZEncryptor::encryptData(plain, kTZCryptorAES256Settings, "round trip");
+    ASSERT_TRUE(sealed.has_value());
+    EXPECT_EQ(TZDecryptor::decryptData(*sealed, kTZCryptorAES256Settings, "round trip"), plain);
+
+    // Other PBKDF2 parameters, as the settings say.
+    TZCryptorSettings settings = kTZCryptorAES256Settings;
+    settings.keySettings.rounds = 3;
+    settings.keySettings.PRF = 3;
+    settings.HMACKeySettings.rounds = 5;
+    settings.HMACKeySettings.saltSize = 16;
+    const auto custom = TZEncryptor::encryptData(plain, settings, "round trip");
+    ASSERT_TRUE(custom.has_value());
+    EXPECT_EQ(custom->size(), 2 + 8 + 16 + 16 + plain.size() + 16 + 32);
+    EXPECT_EQ(TZDecryptor::decryptData(*custom, settings, "round trip"), plain);
+    KXError error;
+    EXPECT_FALSE(TZDecryptor::decryptData(*custom, kTZCryptorAES256Settings, "round trip", &error));
+}
+
+TEST(TZDecryptor, EveryChangedByteIsCaught) {
+    const auto sealed = keyContainer(patternBytes(40, 13));
+    ASSERT_EQ(sealed.size(), 18u + 48u + 32u);
+    for (std::size_t position = 0; position < sealed.size(); ++position) {
+        for (const std::uint8_t mask : {0x01, 0x80}) {
+            auto changed = sealed;
+            changed[position] ^= mask;
+            KXError error;
+            const auto opened = openWithKeys(changed, &error);
+            const std::string context = "byte " + std::to_string(position) + " mask " + std::to_string(mask);
+            if (position == 0 && changed[0] != 2) {
+                // An unknown version is refused before anything else.
+                EXPECT_FALSE(opened.has_value()) << context;
+                EXPECT_EQ(error.code, TZCryptorErrorUnknownHeader) << context;
+                EXPECT_EQ(descriptionOf(error), "Unknown header") << context;
+            } else {
+                expectHMACMismatch(opened, error, context);
+            }
+        }
+    }
+}
+
+TEST(TZDecryptor, ChangedPasswordContainersAreCaughtToo) {
+    const auto sealed = passwordContainer(3, "pw", patternBytes(20, 14));
+    for (const std::size_t position : {std::size_t{1}, std::size_t{2}, std::size_t{12}, std::size_t{20},
+                                       std::size_t{40}, sealed.size() - 17, sealed.size() - 1}) {
+        auto changed = sealed;
+        changed[position] ^= 0x04;
+        KXError error;
+        expectHMACMismatch(TZDecryptor::decryptData(changed, "pw", &error), error, std::to_string(position));
+    }
+    KXError error;
+    expectHMACMismatch(TZDecryptor::decryptData(sealed, "wrong", &error), error, "wrong password");
+}
+
+TEST(TZDecryptor, TruncatedOrExtendedContainersAreCaught) {
+    const auto sealed = keyContainer(patternBytes(50, 15));
+    for (std::size_t length = 0; length < sealed.size(); ++length) {
+        KXError error{"untouched", 42};
+        const auto opened = openWithKeys(std::span(sealed).first(length), &error);
+        if (length < 18) {
+            // Shorter than the header: nothing, and no error.
+            ASSERT_TRUE(opened.has_value()) << length;
+            EXPECT_TRUE(opened->empty());
+            EXPECT_EQ(error.domain, "untouched");
+        } else {
+            expectHMACMismatch(opened, error, "length " + std::to_string(length));
+        }
+    }
+    KXError error;
+    expectHMACMismatch(openWithKeys(concat({sealed, Bytes{0}}), &error), error, "one byte more");
+}
+
+TEST(TZDecryptor, PasswordHeaderShorterThanItsSaltsGivesNothing) {
+    const auto sealed = passwordContainer(3, "pw", bytesOf("abc"));
+    for (std::size_t length = 0; length < 34; ++length) {
+        KXError error{"untouched", 42};
+        const auto opened = TZDecryptor::decryptData(std::span(sealed).first(length), "pw", &error);
+        ASSERT_TRUE(opened.has_value()) << length;
+        EXPECT_TRUE(opened->empty());
+        EXPECT_EQ(error.domain, "untouched");
+    }
+}
+
+TEST(TZDecryptor, UnknownVersionsAreRefused) {
+    for (const std::uint8_t version : {0, 1, 4, 255}) {
+        auto sealed = keyContainer(bytesOf("v"));
+        sealed[0] = version;
+        KXError error;
+        EXPECT_FALSE(openWithKeys(sealed, &error)) << int(version);
+        EXPECT_EQ(error.domain, kTZCryptorErrorDomain);
+        EXPECT_EQ(error.code, TZCryptorErrorUnknownHeader);
+        EXPECT_EQ(descriptionOf(error), "Unknown header");
+    }
+    // Refused as soon as the first two bytes are there.
+    auto decryptor = TZDecryptor::initWithEncryptionKey(kEncryptionKey, kHMACKey, {});
+    decryptor->addData(Bytes{7});
+    EXPECT_FALSE(decryptor->isFinished());
+    decryptor->addData(Bytes{0});
+    EXPECT_TRUE(decryptor->isFinished());
+    EXPECT_EQ(decryptor->error()->code, TZCryptorErrorUnknownHeader);
+}
+
+TEST(TZDecryptor, VersionTwoTakesThePasswordCutToItsUTF16Length) {
+    // "pässwörd" is 8 UTF-16 units and 10 UTF-8 bytes; "🔑key" is 5 units and 7 bytes.
+    const std::string passwords[] = {"p\xC3\xA4ssw\xC3\xB6rd", "\xF0\x9F\x94\x91key"};
+    const std::size_t cut[] = {8, 5};
+    const auto plain = bytesOf("version two");
+    for (int i = 0; i < 2; ++i) {
+        const std::string& password = passwords[i];
+        const std::string_view oldBytes = std::string_view(password).substr(0, cut[i]);
+
+        KXError error;
+        EXPECT_EQ(TZDecryptor::decryptData(passwordContainer(2, oldBytes, plain), password, &error), plain)
+            << error.description();
+        // The same container marked version 3 needs the full password bytes.
+        expectHMACMismatch(TZDecryptor::decryptData(passwordContainer(3, oldBytes, plain), password, &error), error,
+                           "v3 with the cut password");
+        EXPECT_EQ(TZDecryptor::decryptData(passwordContainer(3, password, plain), password), plain);
+        // A version-2 container cannot have been made from the full bytes.
+        expectHMACMismatch(TZDecryptor::decryptData(passwordContainer(2, password, plain), password, &error), error,
+                           "v2 with the full password");
+    }
+    // ASCII passwords are the same either way.
+    EXPECT_EQ(TZDecryptor::decryptData(passwordContainer(2, "ascii", plain), "ascii"), plain);
+
+    // Reading a version-2 header switches the decryptor's key settings to that rule.
+    auto decryptor = TZDecryptor::initWithPassword("ascii", {});
+    decryptor->addData(passwordContainer(2, "ascii", plain));
+    EXPECT_TRUE(decryptor->settings().keySettings.hasV2Password);
+    EXPECT_TRUE(decryptor->settings().HMACKeySettings.hasV2Password);
+}
+
+TEST(TZDecryptor, VersionOneHMACLeavesTheHeaderOut) {
+    const auto plain = bytesOf("first version");
+    const auto sealed = passwordContainer(3, "pw", plain, /*headerInHMAC=*/false);
+    KXError error;
+    expectHMACMismatch(TZDecryptor::decryptData(sealed, "pw", &error), error, "header expected in the HMAC");
+
+    Collector collector;
+    auto decryptor = TZDecryptor::initWithPassword("pw", collector.handler());
+    decryptor->setHasV1HMAC(true);
+    decryptor->addData(sealed);
+    decryptor->finish();
+    ASSERT_TRUE(collector.waitUntilFinished());
+    EXPECT_FALSE(collector.error.has_value());
+    EXPECT_EQ(collector.output, plain);
+}
+
+TEST(TZDecryptor, WrongEncryptionKeyWithTheRightHMACKeyIsACipherFailure) {
+    // Authentic data that does not decrypt: the padding check reports it.
+    const auto sealed = keyContainer(patternBytes(64, 16));
+    KXError error;
+    EXPECT_FALSE(TZDecryptor::decryptData(sealed, patternBytes(32, 99), kHMACKey, &error));
+    EXPECT_EQ(error.domain, kTZCryptorErrorDomain);
+    EXPECT_EQ(error.code, TZCryptorStatusDecodeError);
+    EXPECT_TRUE(error.userInfo.is_null());
+
+    error = {};
+    EXPECT_FALSE(TZDecryptor::decryptData(sealed, patternBytes(7, 99), kHMACKey, &error));
+    EXPECT_EQ(error.code, TZCryptorStatusKeySizeError);
+}
+
+TEST(TZDecryptor, WithoutAnHMACKeyTheHMACIsTakenAsCiphertext) {
+    const auto plain = patternBytes(48, 17);
+    const auto sealed = keyContainer(plain);
+    Collector collector;
+    auto decryptor = TZDecryptor::initWithEncryptionKey(kEncryptionKey, Bytes{}, collector.handler());
+    decryptor->addData(sealed);
+    decryptor->finish();
+    ASSERT_TRUE(collector.waitUntilFinished());
+    EXPECT_EQ(decryptor->HMACLength(), 0u);
+    // Everything before the last block was delivered: the plain text, its padding block, and the
+    // first HMAC block turned into garbage.
+    ASSERT_GE(collector.output.size(), plain.size() + 16);
+    EXPECT_EQ(Bytes(collector.output.begin(), collector.output.begin() + 48), plain);
+    EXPECT_EQ(Bytes(collector.output.begin() + 48, collector.output.begin() + 64), Bytes(16, 16));
+    if (collector.error) {
+        EXPECT_EQ(collector.error->code, TZCryptorStatusDecodeError);
+    }
+}
+
+TEST(TZDecryptor, HeaderArrivingOneByteAtATime) {
+    const auto plain = patternBytes(5000, 18);
+    for (const bool withPassword : {false, true}) {
+        const auto sealed = withPassword ? passwordContainer(3, "pw", plain) : keyContainer(plain);
+        const std::size_t headerLength = withPassword ? 34 : 18;
+        Collector collector;
+        auto decryptor = withPassword ? TZDecryptor::initWithPassword("pw", collector.handler())
+                                      : TZDecryptor::initWithEncryptionKey(kEncryptionKey, kHMACKey, collector.handler());
+        for (std::size_t i = 0; i < headerLength; ++i) {
+            EXPECT_EQ(decryptor->HMACLength(), 0u) << i;
+            decryptor->addData(std::span(sealed).subspan(i, 1));
+        }
+        // The header is complete: the HMAC is running and its bytes will be held back.
+        EXPECT_EQ(decryptor->HMACLength(), 32u);
+        EXPECT_EQ(decryptor->options(), withPassword ? TZCryptorOptionHasPassword : 0);
+        for (std::size_t i = headerLength; i < sealed.size(); i += 7) {
+            decryptor->addData(std::span(sealed).subspan(i, std::min<std::size_t>(7, sealed.size() - i)));
+        }
+        decryptor->finish();
+        ASSERT_TRUE(collector.waitUntilFinished());
+        EXPECT_FALSE(collector.error.has_value());
+        EXPECT_EQ(collector.output, plain);
+    }
+}
+
+TEST(TZDecryptor, PlainChunksArriveBeforeTheHMACVerdict) {
+    const auto plain = patternBytes(600 * 1024, 19);
+    auto sealed = keyContainer(plain);
+    sealed.back() ^= 1;
+    Collector collector;
+    auto decryptor = TZDecryptor::initWithEncryptionKey(kEncryptionKey, kHMACKey, collector.handler());
+    decryptor->addData(std::move(sealed));
+    decryptor->finish();
+    ASSERT_TRUE(collector.waitUntilFinished());
+    ASSERT_TRUE(collector.error.has_value());
+    EXPECT_EQ(collector.error->code, TZCryptorErrorHMACMismatch);
+    EXPECT_EQ(collector.output, plain);
+}

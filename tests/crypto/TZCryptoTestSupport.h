@@ -1,0 +1,48 @@
+#pragma once
+
+// Helpers of the sealed-data tests: byte strings, the `openssl` command-line tool as an
+// independent implementation, and raw OpenSSL primitives to compute expected values with.
+
+#include <KXClientFramework/KXError.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tztest {
+
+using Bytes = std::vector<std::uint8_t>;
+
+Bytes bytesOf(std::string_view text);
+/// `length` bytes of a fixed pseudo-random sequence chosen by `seed`.
+Bytes patternBytes(std::size_t length, std::uint32_t seed = 1);
+std::string hex(std::span<const std::uint8_t> bytes);
+Bytes concat(std::initializer_list<std::span<const std::uint8_t>> parts);
+
+struct ToolResult {
+    int status = -1;
+    Bytes output;
+    std::string printed;  // standard output
+    std::string errors;
+};
+
+/// Runs `openssl <arguments> -in <input file> -out <output file>`. The password, when
+/// `password` is given, is passed through the environment variable KX_TEST_PASSWORD so that any
+/// bytes survive; refer to it with `-pass env:KX_TEST_PASSWORD`.
+ToolResult openssl(const std::string& arguments, std::span<const std::uint8_t> input,
+                   const std::string* password = nullptr);
+
+/// Raw OpenSSL: PBKDF2 (PKCS5_PBKDF2_HMAC), HMAC and AES-CBC with PKCS#7 padding.
+Bytes pbkdf2(std::string_view password, std::span<const std::uint8_t> salt, unsigned rounds,
+             std::size_t length, const char* digest = "SHA1");
+Bytes hmac(const char* digest, std::span<const std::uint8_t> key, std::span<const std::uint8_t> data);
+Bytes aesCBC(bool encrypt, std::span<const std::uint8_t> key, std::span<const std::uint8_t> IV,
+             std::span<const std::uint8_t> data);
+
+/// The error's text, as the user info carries it.
+std::string descriptionOf(const KXError& error);
+
+}  // namespace tztest

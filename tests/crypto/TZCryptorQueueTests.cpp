@@ -1,0 +1,191 @@
+// The cryptors' two serial queues: ordering, foreign response queues, concurrency, lifetime.
+#include "TZCryptoTestSupport.h"
+
+#include <KXClientFramework/TZDecryptor.h>
+#include <KXClientFramework/TZEncryptor.h>
+#include <KXClientFramework/TZOpenSSLDecryptor.h>
+#include <KXClientFramework/TZOpenSSLEncryptor.h>
+
+#include <asio/io_context.hpp>
+#include <asio/executor_work_guard.hpp>
+#include <asio/strand.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <thread>
+
+using namespace tztest;
+
+namespace {
+
+const Bytes kKey = patternBytes(32, 1);
+const Bytes kHMACKey = patternBytes(32, 2);
+
+}  // namespace
+
+TEST(TZCryptorQueues, LabelsNameTheClass) {
+    auto decryptor = TZDecryptor::initWithPassword("pw", {});
+    EXPECT_EQ(decryptor->className(), "TZDecryptor");
+    EXPECT_EQ(decryptor->queueLabel(), "net.tolvarn.TZDecryptor");
+    EXPECT_EQ(decryptor->responseQueueLabel(), "net.tolvarn.response.TZDecryptor");
+    auto salted = TZOpenSSLDecryptor::initWithSettings(kTZCryptorAES256Settings, "pw", {});
+    EXPECT_EQ(salted->queueLabel(), "net.tolvarn.TZOpenSSLDecryptor");
+    EXPECT_EQ(salted->responseQueueLabel(), "net.tolvarn.response.TZOpenSSLDecryptor");
+}
+
+TEST(TZCryptorQueues, HandlerRunsOnAForeignResponseQueueOneCallAtATime) {
+    // The response queue lives on an io_context this thread runs: every handler call happens
+    // here, in order, and the work queue waits for each one.
+    asio::io_context context;
+    auto keepRunning = asio::make_work_guard(context);
+    auto strand = asio::make_strand(context);
+    const auto plain = patternBytes(900 * 1024, 3);
+    const auto sealed = TZEncryptor::encryptData(plain, kTZCryptorAES256Settings, kKey, kHMACKey);
+    ASSERT_TRUE(sealed.has_value());
+
+    Bytes output;
+    int calls = 0;
+    bool finished = false;
+    std::atomic<int> inside{0};
+    bool overlapped = false;
+    bool wrongThread = false;
+    const auto thisThread = std::this_thread::get_id();
+    auto decryptor = TZDecryptor::initWithEncryptionKey(kKey, kHMACKey, [&](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
+        if (inside.fetch_add(1) != 0) {
+            overlapped = true;
+        }
+        wrongThread |= std::this_thread::get_id() != thisThread;
+        EXPECT_FALSE(finished) << "a call after the last one";
+        output.insert(output.end(), data.begin(), data.end());
+        ++calls;
+        finished = cryptor.isFinished();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        inside.fetch_sub(1);
+    });
+    decryptor->setResponseQueue(KXSerialQueue(strand), "test");
+    EXPECT_EQ(decryptor->responseQueueLabel(), "test");
+    decryptor->addData(*sealed);
+    decryptor->finish();
+    for (int i = 0; i < 600 && !finished; ++i) {
+        context.run_for(std::chrono::milliseconds(100));
+    }
+    ASSERT_TRUE(finished);
+    EXPECT_FALSE(decryptor->error().has_value());
+    EXPECT_EQ(output, plain);
+    EXPECT_GE(calls, 4);
+    EXPECT_FALSE(overlapped);
+    EXPECT_FALSE(wrongThread);
+}
+
+TEST(TZCryptorQueues, ManyCryptorsAtOnceFromManyThreads) {
+    std::vector<std::thread> threads;
+    std::atomic<int> failures{0};
+    for (int t = 0; t < 8; ++t) {
+        threads.emplace_back([t, &failures] {
+            for (int i = 0; i < 6; ++i) {
+                const auto plain = patternBytes(static_cast<std::size_t>(1000 * i + t * 37 + 300000 * (i % 2)),
+                                                static_cast<std::uint32_t>(t * 10 + i));
+                const auto container = TZEncryptor::encryptData(plain, kTZCryptorAES256Settings, kKey, kHMACKey);
+                const auto salted = TZOpenSSLEncryptor::encryptData(plain, kTZCryptorAES256Settings, kKey,
+                                                                    std::span(kHMACKey).first(16));
+                if (!container || !salted ||
+                    TZDecryptor::decryptData(*container, kKey, kHMACKey) != plain ||
+                    TZOpenSSLDecryptor::decryptData(*salted, kTZCryptorAES256Settings, kKey,
+                                                    std::span(kHMACKey).first(16)) != plain) {
+                    ++failures;
+                }
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(failures.load(), 0);
+}
+
+TEST(TZCryptorQueues, AHandlerCanFeedAnotherCryptor) {
+    // Encrypt and decrypt as one pipeline: the encryptor's handler feeds the decryptor.
+    const auto plain = patternBytes(700 * 1024 + 9, 4);
+    std::promise<Bytes> result;
+    Bytes opened;
+    auto decryptor = TZDecryptor::initWithEncryptionKey(kKey, kHMACKey, [&](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
+        opened.insert(opened.end(), data.begin(), data.end());
+        if (cryptor.isFinished()) {
+            if (cryptor.error()) {
+                result.set_value({});
+            } else {
+                result.set_value(opened);
+            }
+        }
+    });
+    auto encryptor = TZEncryptor::initWithSettings(kTZCryptorAES256Settings, kKey, kHMACKey,
+                                                   [decryptor](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
+                                                       decryptor->addData(data);
+                                                       if (cryptor.isFinished()) {
+                                                           decryptor->finish();
+                                                       }
+                                                   });
+    for (std::size_t at = 0; at < plain.size(); at += 100000) {
+        encryptor->addData(std::span(plain).subspan(at, std::min<std::size_t>(100000, plain.size() - at)));
+    }
+    encryptor->finish();
+    auto future = result.get_future();
+    ASSERT_EQ(future.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    EXPECT_EQ(future.get(), plain);
+}
+
+TEST(TZCryptorQueues, WorkGoesOnWithoutTheCallersReference) {
+    std::promise<std::optional<KXError>> ended;
+    std::size_t received = 0;
+    {
+        auto encryptor = TZEncryptor::initWithSettings(kTZCryptorAES256Settings, kKey, kHMACKey,
+                                                       [&](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
+                                                           received += data.size();
+                                                           if (cryptor.isFinished()) {
+                                                               ended.set_value(cryptor.error());
+                                                           }
+                                                       });
+        encryptor->addData(patternBytes(400000, 5));
+        encryptor->finish();
+    }
+    auto future = ended.get_future();
+    ASSERT_EQ(future.wait_for(std::chrono::seconds(60)), std::future_status::ready);
+    EXPECT_FALSE(future.get().has_value());
+    EXPECT_EQ(received, 18u + 400000u + 16u - 400000u % 16u + 32u);
+}
+
+TEST(TZCryptorQueues, AThrowingHandlerDoesNotStopTheCryptor) {
+    std::promise<void> ended;
+    int calls = 0;
+    auto encryptor = TZEncryptor::initWithSettings(kTZCryptorAES256Settings, kKey, kHMACKey,
+                                                   [&](TZCryptor& cryptor, std::span<const std::uint8_t>) {
+                                                       ++calls;
+                                                       if (cryptor.isFinished()) {
+                                                           ended.set_value();
+                                                       } else {
+                                                           throw std::runtime_error("handler failure");
+                                                       }
+                                                   });
+    encryptor->addData(patternBytes(100, 6));
+    encryptor->finish();
+    ASSERT_EQ(ended.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+    EXPECT_EQ(calls, 2);
+}
+
+TEST(TZCryptorQueues, SynchronousWrapperWithoutACryptor) {
+    KXError error{"untouched", 42};
+    EXPECT_FALSE(TZCryptor::synchronousResultForCryptor(nullptr, patternBytes(10, 1), &error).has_value());
+    EXPECT_EQ(error.domain, "untouched");
+}
+
+TEST(TZCryptorQueues, SynchronousWrapperOnAFinishedCryptorReportsItsError) {
+    // A cryptor that already failed delivers nothing more; the wrapper reports how it ended.
+    auto decryptor = TZDecryptor::initWithEncryptionKey(kKey, kHMACKey, {});
+    decryptor->addData(Bytes{9, 0});
+    ASSERT_TRUE(decryptor->isFinished());
+    KXError error;
+    EXPECT_FALSE(TZCryptor::synchronousResultForCryptor(decryptor, patternBytes(100, 1), &error).has_value());
+    EXPECT_EQ(error.code, TZCryptorErrorUnknownHeader);
+}

@@ -1,0 +1,337 @@
+// The application object: delegate slot, life-cycle state machine, delegate dispatch by
+// respondsTo(), remote-notification hand-over and background tasks.
+#include "KXTestPlatform.h"
+
+#include <KXClientFramework/KXApplication.h>
+#include <KXClientFramework/KXAsioMainQueue.h>
+#include <KXClientFramework/KXNotificationCenter.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+using namespace std::chrono_literals;
+using Callback = KXApplicationDelegateCallback;
+using Event = KXApplicationEvent;
+
+namespace {
+
+// Records every callback it receives; answers respondsTo() for the callbacks it is told to.
+class RecordingDelegate : public KXApplicationDelegate {
+public:
+    explicit RecordingDelegate(std::vector<std::string>& log, std::set<Callback> implemented = {})
+        : log_(log), implemented_(std::move(implemented)) {}
+
+    bool respondsTo(Callback callback) const override {
+        return callback == Callback::Description || implemented_.count(callback) > 0;
+    }
+    bool didFinishLaunching(KXApplication&, const KXJSON& options) override {
+        log_.push_back("didFinishLaunching " + options.dump());
+        return true;
+    }
+    void didBecomeActive(KXApplication&) override { log_.push_back("didBecomeActive"); }
+    void willResignActive(KXApplication&) override { log_.push_back("willResignActive"); }
+    void didEnterBackground(KXApplication&) override { log_.push_back("didEnterBackground"); }
+    void willEnterForeground(KXApplication&) override { log_.push_back("willEnterForeground"); }
+    void willTerminate(KXApplication&) override { log_.push_back("willTerminate"); }
+    void didRegisterForRemoteNotificationsWithDeviceToken(
+        KXApplication&, const std::vector<std::uint8_t>& token) override {
+        log_.push_back("token " + std::to_string(token.size()));
+    }
+    void didFailToRegisterForRemoteNotificationsWithError(KXApplication&,
+                                                          const KXError& error) override {
+        log_.push_back("error " + std::to_string(error.code));
+    }
+    void didReceiveRemoteNotification(KXApplication&, const KXJSON& info) override {
+        log_.push_back("remote " + info.dump());
+    }
+    void didReceiveRemoteNotification(
+        KXApplication&, const KXJSON& info,
+        std::function<void(KXBackgroundFetchResult)> completion) override {
+        log_.push_back("remote+handler " + info.dump());
+        completion(KXBackgroundFetchResult::NewData);
+    }
+    void handleActionWithIdentifier(KXApplication&, const std::string& identifier, const KXJSON&,
+                                    std::function<void()> completion) override {
+        log_.push_back("action " + identifier);
+        completion();
+    }
+    void didRegisterUserNotificationSettings(KXApplication&,
+                                             const KXUserNotificationSettings& s) override {
+        log_.push_back("settings " + std::to_string(s.types));
+    }
+
+private:
+    std::vector<std::string>& log_;
+    std::set<Callback> implemented_;
+};
+
+const std::set<Callback> kLifeCycle = {Callback::DidFinishLaunching,  Callback::DidBecomeActive,
+                                       Callback::WillResignActive,    Callback::DidEnterBackground,
+                                       Callback::WillEnterForeground, Callback::WillTerminate};
+
+class KXApplicationTest : public testing::Test {
+protected:
+    KXAsioMainQueue queue;
+    KXRecordingApplication application{queue, 20ms};
+    std::vector<std::string> log;
+};
+
+}  // namespace
+
+TEST_F(KXApplicationTest, EventsMoveTheStateCallTheDelegateThenNotifyObservers) {
+    application.setDelegate(std::make_shared<RecordingDelegate>(log, kLifeCycle));
+    auto& center = KXNotificationCenter::defaultCenter();
+    std::vector<KXNotificationCenter::Token> tokens;
+    for (Event e : {Event::DidFinishLaunching, Event::DidBecomeActive, Event::WillResignActive,
+                    Event::DidEnterBackground, Event::WillEnterForeground, Event::WillTerminate}) {
+        tokens.push_back(center.addObserver(e, [&](const KXNotification& n) {
+            log.push_back("notified " + std::to_string(static_cast<int>(n.name)) + " " +
+                          n.userInfo.dump());
+        }));
+    }
+
+    EXPECT_EQ(application.applicationState(), KXApplicationState::Inactive);
+    const KXJSON options{{UIApplicationLaunchOptionsRemoteNotificationKey, {{"aps", 1}}}};
+    application.postEvent(Event::DidFinishLaunching, options);
+    EXPECT_EQ(application.applicationState(), KXApplicationState::Inactive);
+    EXPECT_EQ(application.launchOptions(), options);
+
+    const std::pair<Event, KXApplicationState> steps[] = {
+        {Event::DidBecomeActive, KXApplicationState::Active},
+        {Event::WillResignActive, KXApplicationState::Inactive},
+        {Event::DidEnterBackground, KXApplicationState::Background},
+        {Event::WillEnterForeground, KXApplicationState::Inactive},
+        {Event::DidBecomeActive, KXApplicationState::Active},
+    };
+    for (const auto& [event, state] : steps) {
+        application.postEvent(event);
+        EXPECT_EQ(application.applicationState(), state);
+    }
+    application.postEvent(Event::WillTerminate);
+
+    const std::vector<std::string> expected = {"didFinishLaunching " + options.dump(),
+                                               "notified 0 " + options.dump(),
+                                               "didBecomeActive",
+                                               "notified 1 null",
+                                               "willResignActive",
+                                               "notified 2 null",
+                                               "didEnterBackground",
+                                               "notified 3 null",
+                                               "willEnterForeground",
+                                               "notified 4 null",
+                                               "didBecomeActive",
+                                               "notified 1 null",
+                                               "willTerminate",
+                                               "notified 5 null"};
+    EXPECT_EQ(log, expected);
+    for (auto token : tokens) {
+        center.removeObserver(token);
+    }
+}
+
+TEST_F(KXApplicationTest, DelegateIsCalledOnlyForCallbacksItRespondsTo) {
+    application.setDelegate(std::make_shared<RecordingDelegate>(log));  // implements nothing
+    for (Event e : {Event::DidFinishLaunching, Event::DidBecomeActive, Event::DidEnterBackground,
+                    Event::WillTerminate}) {
+        application.postEvent(e);
+    }
+    application.deliverDeviceToken({1, 2, 3});
+    application.deliverRegistrationError(KXError("domain", 3000));
+    application.deliverRemoteNotification({{"aps", 1}});
+    application.registerUserNotificationSettings({KXUserNotificationTypeAlert, {}});
+    queue.poll();
+    EXPECT_TRUE(log.empty());
+
+    application.setDelegate(std::make_shared<RecordingDelegate>(
+        log, std::set<Callback>{Callback::DidRegisterForRemoteNotificationsWithDeviceToken,
+                                Callback::DidFailToRegisterForRemoteNotificationsWithError}));
+    application.deliverDeviceToken({1, 2, 3});
+    application.deliverRegistrationError(KXError("domain", 3000));
+    EXPECT_EQ(log, (std::vector<std::string>{"token 3", "error 3000"}));
+
+    // The default delegate implements only Description.
+    KXApplicationDelegate plain;
+    EXPECT_TRUE(plain.respondsTo(Callback::Description));
+    EXPECT_FALSE(plain.respondsTo(Callback::DidFinishLaunching));
+    EXPECT_TRUE(plain.didFinishLaunching(application, nullptr));
+    EXPECT_NE(RecordingDelegate(log).description().find("RecordingDelegate: 0x"),
+              std::string::npos);
+}
+
+TEST_F(KXApplicationTest, RemoteNotificationsAndActionsReachTheRightVariant) {
+    std::vector<KXBackgroundFetchResult> results;
+    auto collect = [&](KXBackgroundFetchResult r) { results.push_back(r); };
+
+    // Both variants implemented: the one with a completion handler wins.
+    application.setDelegate(std::make_shared<RecordingDelegate>(
+        log, std::set<Callback>{Callback::DidReceiveRemoteNotification,
+                                Callback::DidReceiveRemoteNotificationWithCompletionHandler,
+                                Callback::HandleActionWithIdentifier}));
+    application.deliverRemoteNotification({{"n", 1}}, collect);
+    application.deliverRemoteNotification({{"n", 2}});  // no handler from the host: still fine
+    bool actionDone = false;
+    application.deliverAction("ACCEPT", {{"n", 3}}, [&] { actionDone = true; });
+    EXPECT_EQ(log, (std::vector<std::string>{R"(remote+handler {"n":1})",
+                                             R"(remote+handler {"n":2})", "action ACCEPT"}));
+    EXPECT_EQ(results, std::vector<KXBackgroundFetchResult>{KXBackgroundFetchResult::NewData});
+    EXPECT_TRUE(actionDone);
+
+    // Only the older variant: it is called and the host's handler gets NoData.
+    log.clear();
+    results.clear();
+    application.setDelegate(std::make_shared<RecordingDelegate>(
+        log, std::set<Callback>{Callback::DidReceiveRemoteNotification}));
+    application.deliverRemoteNotification({{"n", 4}}, collect);
+    EXPECT_EQ(log, std::vector<std::string>{R"(remote {"n":4})"});
+    EXPECT_EQ(results, std::vector<KXBackgroundFetchResult>{KXBackgroundFetchResult::NoData});
+
+    // Nothing implemented (or no delegate): handlers are still completed.
+    log.clear();
+    actionDone = false;
+    application.setDelegate(nullptr);
+    application.deliverRemoteNotification({{"n", 5}}, collect);
+    application.deliverAction("X", nullptr, [&] { actionDone = true; });
+    EXPECT_TRUE(log.empty());
+    EXPECT_EQ(results.size(), 2u);
+    EXPECT_TRUE(actionDone);
+}
+
+TEST_F(KXApplicationTest, RegistrationFlagsHooksAndAsynchronousSettingsAnswer) {
+    application.setDelegate(std::make_shared<RecordingDelegate>(
+        log, std::set<Callback>{Callback::DidRegisterUserNotificationSettings}));
+    EXPECT_FALSE(application.isRegisteredForRemoteNotifications());
+    application.registerForRemoteNotifications();
+    EXPECT_TRUE(application.isRegisteredForRemoteNotifications());
+    EXPECT_EQ(application.registerForRemoteNotificationsCount(), 1);
+
+    application.setApplicationIconBadgeNumber(7);
+    application.setNetworkActivityIndicatorVisible(true);
+    EXPECT_EQ(application.applicationIconBadgeNumber(), 7);
+    EXPECT_TRUE(application.isNetworkActivityIndicatorVisible());
+    EXPECT_EQ(application.badgeNumbers(), std::vector<std::int64_t>{7});
+    EXPECT_EQ(application.networkActivityIndicatorChanges(), std::vector<bool>{true});
+
+    const KXUserNotificationSettings settings{
+        KXUserNotificationTypeAlert | KXUserNotificationTypeBadge,
+        {{"INVITE", {{"ACCEPT", "Accept", 1, false, false}}}}};
+    application.registerUserNotificationSettings(settings);
+    ASSERT_TRUE(application.currentUserNotificationSettings().has_value());
+    EXPECT_EQ(application.currentUserNotificationSettings()->categories.at(0).identifier, "INVITE");
+    EXPECT_TRUE(log.empty()) << "the answer comes later, from the main queue";
+    queue.poll();
+    EXPECT_EQ(log, std::vector<std::string>{"settings 5"});
+}
+
+TEST_F(KXApplicationTest, BackgroundTasksExpireWhenTheTimeInTheBackgroundIsUp) {
+    std::vector<std::string> expired;
+    const auto a = application.beginBackgroundTask([&] { expired.push_back("a"); });
+    const auto b = application.beginBackgroundTask([&] { expired.push_back("b"); });
+    const auto c = application.beginBackgroundTask({});
+    EXPECT_NE(a, KXBackgroundTaskInvalid);
+    EXPECT_LT(a, b);
+    EXPECT_LT(b, c);
+    EXPECT_EQ(application.backgroundTaskCount(), 3u);
+    application.endBackgroundTask(b);
+    application.endBackgroundTask(b);  // ending twice, or an unknown task, does nothing
+    application.endBackgroundTask(KXBackgroundTaskInvalid);
+    EXPECT_EQ(application.backgroundTaskCount(), 2u);
+
+    application.postEvent(Event::DidEnterBackground);
+    EXPECT_TRUE(expired.empty()) << "not before the limit";
+    ASSERT_TRUE(queue.runUntil([&] { return !expired.empty(); }, 10s));
+    EXPECT_EQ(expired, std::vector<std::string>{"a"}) << "ended tasks do not expire";
+    EXPECT_EQ(application.backgroundTaskCount(), 2u) << "expired tasks stay until ended";
+
+    // Terminating expires what is still running, but a handler runs at most once.
+    const auto d = application.beginBackgroundTask([&] { expired.push_back("d"); });
+    application.postEvent(Event::WillTerminate);
+    EXPECT_EQ(expired, (std::vector<std::string>{"a", "d"}));
+    application.endBackgroundTask(a);
+    application.endBackgroundTask(c);
+    application.endBackgroundTask(d);
+    EXPECT_EQ(application.backgroundTaskCount(), 0u);
+}
+
+TEST_F(KXApplicationTest, ReturningToTheForegroundCancelsTheExpiration) {
+    bool expired = false;
+    application.beginBackgroundTask([&] { expired = true; });
+    application.postEvent(Event::DidEnterBackground);
+    application.postEvent(Event::WillEnterForeground);
+    // A marker due well after the limit: when it runs, a live expiration timer would have.
+    bool marker = false;
+    queue.postAfter(200ms, [&] { marker = true; });
+    ASSERT_TRUE(queue.runUntil([&] { return marker; }, 10s));
+    EXPECT_FALSE(expired);
+
+    // Entering the background again starts a new allowance that does expire.
+    application.postEvent(Event::DidEnterBackground);
+    ASSERT_TRUE(queue.runUntil([&] { return expired; }, 10s));
+}
+
+TEST_F(KXApplicationTest, WithLockKeepsReadersOutUntilTheSwapIsComplete) {
+    auto first = std::make_shared<RecordingDelegate>(log);
+    auto second = std::make_shared<RecordingDelegate>(log);
+    application.setDelegate(first);
+
+    std::atomic<bool> swapFinished{false};
+    std::shared_ptr<KXApplicationDelegate> seen;
+    std::atomic<bool> readerDone{false};
+    std::thread reader;
+    application.withLock([&] {
+        EXPECT_EQ(application.delegate(), first) << "the slot can be read inside the lock";
+        reader = std::thread([&] {
+            seen = application.delegate();
+            EXPECT_TRUE(swapFinished) << "a reader got in while the swap was in progress";
+            readerDone = true;
+        });
+        // Give the reader every chance to get in if the lock did not keep it out.
+        std::this_thread::sleep_for(50ms);
+        application.setDelegate(second);
+        swapFinished = true;
+    });
+    reader.join();
+    EXPECT_TRUE(readerDone);
+    EXPECT_EQ(seen, second);
+}
+
+TEST_F(KXApplicationTest, ADelegateMayReplaceItselfWhileBeingCalled) {
+    class SelfRemoving : public KXApplicationDelegate {
+      public:
+        explicit SelfRemoving(std::vector<std::string>& log) : log_(log) {}
+        bool respondsTo(Callback c) const override { return c == Callback::DidBecomeActive; }
+        void didBecomeActive(KXApplication& app) override {
+            app.setDelegate(nullptr);  // drops the application's reference to this object
+            log_.push_back(name_);     // still alive: the caller holds it for the call
+        }
+
+      private:
+        std::vector<std::string>& log_;
+        std::string name_ = "still here";
+    };
+    application.setDelegate(std::make_shared<SelfRemoving>(log));
+    application.postEvent(Event::DidBecomeActive);
+    EXPECT_EQ(log, std::vector<std::string>{"still here"});
+    EXPECT_EQ(application.delegate(), nullptr);
+}
+
+TEST(KXApplication, WorkQueuedForADestroyedApplicationIsSkipped) {
+    KXAsioMainQueue queue;
+    std::vector<std::string> log;
+    {
+        KXApplication application(queue, 1ms);
+        application.setDelegate(std::make_shared<RecordingDelegate>(
+            log, std::set<Callback>{Callback::DidRegisterUserNotificationSettings}));
+        application.registerUserNotificationSettings({});
+        application.beginBackgroundTask([&] { log.push_back("expired"); });
+        application.postEvent(Event::DidEnterBackground);
+    }
+    bool marker = false;
+    queue.postAfter(50ms, [&] { marker = true; });
+    ASSERT_TRUE(queue.runUntil([&] { return marker; }, 10s));
+    EXPECT_TRUE(log.empty());
+}

@@ -1,0 +1,311 @@
+// Property-list conversion: round trips through XML and binary, the type mapping, and the
+// rejection of everything that is not a property list.
+#include <KXClientFramework/KXPropertyList.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace {
+
+KXJSON sample() {
+    return KXJSON{
+        {"string", "Grüße, \"quotes\" <tags> & ampersands ]]>"},
+        {"empty", ""},
+        {"zero", 0},
+        {"negative", -42},
+        {"int64min", std::numeric_limits<std::int64_t>::min()},
+        {"int64max", std::numeric_limits<std::int64_t>::max()},
+        {"uint64max", std::numeric_limits<std::uint64_t>::max()},
+        {"aboveInt64", std::uint64_t{9223372036854775808ULL}},
+        {"real", 0.1 + 0.2},
+        {"tiny", -2.5e-300},
+        {"yes", true},
+        {"no", false},
+        {"data", KXJSON::binary({0x00, 0xFF, 0x10, 0x80})},
+        {"emptyData", KXJSON::binary({})},
+        {"array", {1, "two", 3.5, false, KXJSON::object(), KXJSON::array()}},
+        {"nested", {{"inner", {{"deeper", {1, 2, 3}}}}}},
+        {"emptyObject", KXJSON::object()},
+    };
+}
+
+}  // namespace
+
+TEST(KXPropertyList, RoundTripsEveryTypeThroughXMLAndBinary) {
+    const KXJSON value = sample();
+
+    const std::string xml = KXPropertyList::toXML(value);
+    ASSERT_FALSE(xml.empty());
+    EXPECT_NE(xml.find("<!DOCTYPE plist"), std::string::npos);
+    auto fromXML = KXPropertyList::parse(xml);
+    ASSERT_TRUE(fromXML.has_value());
+    EXPECT_EQ(*fromXML, value);
+
+    const std::vector<std::uint8_t> binary = KXPropertyList::toBinary(value);
+    ASSERT_TRUE(KXPropertyList::isBinary(binary));
+    auto fromBinary = KXPropertyList::parse(binary);
+    ASSERT_TRUE(fromBinary.has_value());
+    EXPECT_EQ(*fromBinary, value);
+}
+
+TEST(KXPropertyList, KeepsIntegerSignednessAndTypes) {
+    for (const auto& text : {KXPropertyList::toXML(sample()), [] {
+                                 auto b = KXPropertyList::toBinary(sample());
+                                 return std::string(b.begin(), b.end());
+                             }()}) {
+        auto parsed = KXPropertyList::parse(text);
+        ASSERT_TRUE(parsed.has_value());
+        EXPECT_TRUE((*parsed)["negative"].is_number_integer());
+        EXPECT_EQ((*parsed)["negative"].get<std::int64_t>(), -42);
+        EXPECT_TRUE((*parsed)["uint64max"].is_number_unsigned());
+        EXPECT_EQ((*parsed)["uint64max"].get<std::uint64_t>(),
+                  std::numeric_limits<std::uint64_t>::max());
+        EXPECT_EQ((*parsed)["int64min"].get<std::int64_t>(),
+                  std::numeric_limits<std::int64_t>::min());
+        EXPECT_TRUE((*parsed)["real"].is_number_float());
+        EXPECT_TRUE((*parsed)["yes"].is_boolean());
+        EXPECT_TRUE((*parsed)["data"].is_binary());
+    }
+}
+
+TEST(KXPropertyList, ReadsHandWrittenXMLWithDatesAndRootsOfAnyType) {
+    const std::string xml = R"(<?xml version="1.0" encoding="UTF-8"?>
+<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
+<plist version="1.0">
+<dict>
+    <key>appId</key><string>abc-123</string>
+    <key>inProduction</key><true/>
+    <key>interval</key><integer>30</integer>
+    <key>when</key><date>2021-06-15T08:30:00Z</date>
+    <key>epoch</key><date>2001-01-01T00:00:00Z</date>
+    <key>blob</key><data>aGVsbG8=</data>
+</dict>
+</plist>)";
+    auto parsed = KXPropertyList::parse(xml);
+    ASSERT_TRUE(parsed.has_value());
+    EXPECT_EQ((*parsed)["appId"], "abc-123");
+    EXPECT_EQ((*parsed)["inProduction"], true);
+    EXPECT_EQ((*parsed)["interval"], 30);
+    EXPECT_EQ((*parsed)["when"], "2021-06-15T08:30:00Z");
+    EXPECT_EQ((*parsed)["epoch"], "2001-01-01T00:00:00Z");
+    EXPECT_EQ((*parsed)["blob"], KXJSON::binary({'h', 'e', 'l', 'l', 'o'}));
+
+    auto root = KXPropertyList::parse(
+        std::string("<?xml version=\"1.0\"?><plist version=\"1.0\"><array><string>a</string>"
+                    "<integer>-1</integer></array></plist>"));
+    ASSERT_TRUE(root.has_value());
+    EXPECT_EQ(*root, KXJSON({"a", -1}));
+}
+
+TEST(KXPropertyList, WritingSkipsNullsAndRepairsInvalidUTF8) {
+    const KXJSON value{{"kept", 1},
+                       {"dropped", nullptr},
+                       {"list", {1, nullptr, 2}},
+                       {"bad", std::string("a\xFF\xC0z")},
+                       {"nul", std::string("a\0b", 3)}};
+    for (const auto& parsed : {KXPropertyList::parse(KXPropertyList::toXML(value)),
+                               KXPropertyList::parse(KXPropertyList::toBinary(value))}) {
+        ASSERT_TRUE(parsed.has_value());
+        EXPECT_FALSE(parsed->contains("dropped"));
+        EXPECT_EQ((*parsed)["list"], KXJSON({1, 2}));
+        EXPECT_EQ((*parsed)["bad"], "a\xEF\xBF\xBD\xEF\xBF\xBDz");
+        EXPECT_EQ((*parsed)["nul"],
+                  "a\xEF\xBF\xBD"
+                  "b");
+        EXPECT_EQ((*parsed)["kept"], 1);
+    }
+    // A null root still gives a property list (an empty dictionary).
+    EXPECT_EQ(KXPropertyList::parse(KXPropertyList::toXML(nullptr)), KXJSON::object());
+}
+
+TEST(KXPropertyList, RefusesToWriteOrReadNestingBeyondTheLimit) {
+    KXJSON deep = KXJSON::array();
+    for (std::size_t i = 0; i < KXPropertyList::kMaximumDepth + 5; ++i) {
+        deep = KXJSON::array({deep});
+    }
+    EXPECT_TRUE(KXPropertyList::toXML(deep).empty());
+    EXPECT_TRUE(KXPropertyList::toBinary(deep).empty());
+
+    std::string xml = "<plist>";
+    for (int i = 0; i < 100000; ++i) {
+        xml += "<array>";
+    }
+    for (int i = 0; i < 100000; ++i) {
+        xml += "</array>";
+    }
+    xml += "</plist>";
+    EXPECT_FALSE(KXPropertyList::parse(xml).has_value());
+
+    KXJSON shallow = KXJSON::array();
+    for (int i = 0; i < 100; ++i) {
+        shallow = KXJSON::array({shallow});
+    }
+    EXPECT_EQ(KXPropertyList::parse(KXPropertyList::toBinary(shallow)), shallow);
+}
+
+TEST(KXPropertyList, RejectsThingsThatAreNotPropertyLists) {
+    const std::vector<std::string> inputs = {
+        "",
+        "hello",
+        "{\"json\": true}",
+        "<html><body>Not found</body></html>",
+        "<?xml version=\"1.0\"?>",
+        "<plist>",
+        "<plist><dict><key>a</key><string>unterminated",
+        "bplist00",
+        "bplist00" + std::string(40, '\0'),
+        std::string("<plist><string>\xFF\xFE</string></plist>"),
+    };
+    for (const auto& input : inputs) {
+        EXPECT_FALSE(KXPropertyList::parse(input).has_value()) << input;
+    }
+}
+
+// Hand-made binary property lists: header, objects, offset table, 32-byte trailer.
+namespace {
+
+void appendBigEndian(std::string& s, std::uint64_t v, int n) {
+    for (int i = n - 1; i >= 0; --i) {
+        s.push_back(static_cast<char>((v >> (8 * i)) & 0xFF));
+    }
+}
+
+std::string binaryPlist(const std::vector<std::string>& objects, std::uint64_t top = 0,
+                        std::uint64_t claimedCount = 0) {
+    std::string s = "bplist00";
+    std::vector<std::uint64_t> offsets;
+    for (const auto& object : objects) {
+        offsets.push_back(s.size());
+        s += object;
+    }
+    const std::uint64_t table = s.size();
+    for (auto offset : offsets) {
+        appendBigEndian(s, offset, 4);
+    }
+    s.append(6, '\0');
+    s.push_back(4);  // offset size
+    s.push_back(4);  // reference size
+    appendBigEndian(s, claimedCount != 0 ? claimedCount : objects.size(), 8);
+    appendBigEndian(s, top, 8);
+    appendBigEndian(s, table, 8);
+    return s;
+}
+
+std::string arrayOf(std::initializer_list<std::uint32_t> refs) {
+    std::string s(1, static_cast<char>(0xA0 | refs.size()));
+    for (auto r : refs) {
+        appendBigEndian(s, r, 4);
+    }
+    return s;
+}
+
+}  // namespace
+
+TEST(KXPropertyList, RejectsHostileBinaryStructures) {
+    // A well-formed one first, so the builder is known to be right.
+    const std::string ok = binaryPlist({arrayOf({1}), std::string(1, '\x09')});
+    ASSERT_EQ(KXPropertyList::parse(ok), KXJSON::array({true}));
+
+    // An array that contains itself.
+    EXPECT_FALSE(KXPropertyList::parse(binaryPlist({arrayOf({0})})).has_value());
+    // A reference past the last object.
+    EXPECT_FALSE(KXPropertyList::parse(binaryPlist({arrayOf({7})})).has_value());
+    // A dictionary whose key holds U+0000, or whose key is not a string.
+    std::string dict(1, '\xD1');
+    appendBigEndian(dict, 1, 4);
+    appendBigEndian(dict, 2, 4);
+    EXPECT_TRUE(KXPropertyList::parse(binaryPlist({dict,
+                                                   "\x52"
+                                                   "ab",
+                                                   "\x09"}))
+                    .has_value());
+    EXPECT_FALSE(KXPropertyList::parse(binaryPlist({dict,
+                                                    std::string("\x52"
+                                                                "a\0",
+                                                                3),
+                                                    "\x09"}))
+                     .has_value());
+    EXPECT_FALSE(KXPropertyList::parse(binaryPlist({dict, "\x10\x05", "\x09"})).has_value());
+    // Top object out of range; object count larger than the offset table.
+    EXPECT_FALSE(KXPropertyList::parse(binaryPlist({arrayOf({})}, 3)).has_value());
+    EXPECT_FALSE(KXPropertyList::parse(binaryPlist({arrayOf({})}, 0, 1ULL << 60)).has_value());
+    // An array claiming more elements than the file holds (extended count of 2^62).
+    std::string huge(1, static_cast<char>(0xAF));
+    huge.push_back(static_cast<char>(0x13));
+    appendBigEndian(huge, 1ULL << 62, 8);
+    EXPECT_FALSE(KXPropertyList::parse(binaryPlist({huge})).has_value());
+    // Data and strings claiming impossible lengths.
+    for (char marker : {'\x4F', '\x5F', '\x6F'}) {
+        std::string object(1, marker);
+        object.push_back(static_cast<char>(0x13));
+        appendBigEndian(object, 0x7FFFFFFFFFFFFFFFULL, 8);
+        EXPECT_FALSE(KXPropertyList::parse(binaryPlist({object})).has_value());
+    }
+
+    // Shared objects that would expand exponentially: each array holds its successor twice.
+    std::vector<std::string> bomb;
+    for (std::uint32_t i = 0; i < 60; ++i) {
+        bomb.push_back(arrayOf({i + 1, i + 1}));
+    }
+    bomb.push_back(arrayOf({}));
+    EXPECT_FALSE(KXPropertyList::parse(binaryPlist(bomb)).has_value());
+
+    // Nesting a hundred thousand levels deep.
+    std::vector<std::string> chain;
+    for (std::uint32_t i = 0; i < 100000; ++i) {
+        chain.push_back(arrayOf({i + 1}));
+    }
+    chain.push_back(arrayOf({}));
+    EXPECT_FALSE(KXPropertyList::parse(binaryPlist(chain)).has_value());
+}
+
+TEST(KXPropertyList, SurvivesTruncatedAndMutatedInput) {
+    const std::string xml = KXPropertyList::toXML(sample());
+    const auto binaryBytes = KXPropertyList::toBinary(sample());
+    const std::string binary(binaryBytes.begin(), binaryBytes.end());
+
+    // Every truncation of a binary plist loses its trailer: none may parse.
+    for (std::size_t n = 0; n < binary.size(); ++n) {
+        EXPECT_FALSE(KXPropertyList::parse(binary.substr(0, n)).has_value()) << n;
+    }
+    // A truncated XML plist parses only when the root dictionary is complete (what was cut
+    // is no more than the closing </plist> tag).
+    const std::size_t complete = xml.rfind("</dict>") + std::string("</dict>").size();
+    for (std::size_t n = 0; n < complete; ++n) {
+        EXPECT_FALSE(KXPropertyList::parse(xml.substr(0, n)).has_value())
+            << xml.substr(n > 40 ? n - 40 : 0, 80);
+    }
+
+    // Random damage: parsing returns something or nothing and never crashes or hangs, and
+    // whatever it accepts can be written out again as a property list.
+    std::mt19937 random(12345);
+    auto check = [](const std::string& input) {
+        if (auto value = KXPropertyList::parse(input)) {
+            EXPECT_TRUE(KXPropertyList::parse(KXPropertyList::toXML(*value)).has_value());
+            EXPECT_TRUE(KXPropertyList::parse(KXPropertyList::toBinary(*value)).has_value());
+        }
+    };
+    for (int round = 0; round < 20000; ++round) {
+        std::string damaged = round % 2 == 0 ? xml : binary;
+        const int changes = 1 + static_cast<int>(random() % 4);
+        for (int c = 0; c < changes; ++c) {
+            damaged[random() % damaged.size()] = static_cast<char>(random());
+        }
+        check(damaged);
+    }
+    for (int round = 0; round < 5000; ++round) {
+        std::string garbage(random() % 300, '\0');
+        for (auto& c : garbage) {
+            c = static_cast<char>(random());
+        }
+        if (round % 2 == 0) {
+            garbage = "bplist00" + garbage;
+        }
+        check(garbage);
+    }
+}

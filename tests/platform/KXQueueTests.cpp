@@ -1,0 +1,219 @@
+// The main queue (asio io_context on the initial thread) and the background queue (thread pool
+// with serial queues).
+#include <KXClientFramework/KXAsioMainQueue.h>
+#include <KXClientFramework/KXBackgroundQueue.h>
+
+#include <asio/post.hpp>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+using namespace std::chrono_literals;
+
+TEST(KXAsioMainQueue, RunsPostedWorkInOrderAndNeverInline) {
+    KXAsioMainQueue queue;
+    std::vector<int> order;
+    queue.post([&] {
+        order.push_back(1);
+        // Posting from a handler queues behind what is already there, it does not run now.
+        queue.post([&] { order.push_back(3); });
+        order.push_back(2);
+    });
+    queue.post([&] { order.push_back(4); });
+    queue.post({});  // an empty function is skipped
+
+    EXPECT_TRUE(order.empty()) << "nothing runs before the queue is run";
+    EXPECT_EQ(queue.poll(), 3u);
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 4, 3}));
+}
+
+TEST(KXAsioMainQueue, PollRunsOnlyReadyWorkAndPostAfterRunsInDelayOrder) {
+    KXAsioMainQueue queue;
+    std::vector<int> order;
+    queue.postAfter(1h, [&] { order.push_back(99); });
+    queue.postAfter(30ms, [&] { order.push_back(2); });
+    queue.postAfter(1ms, [&] { order.push_back(1); });
+    queue.post([&] { order.push_back(0); });
+
+    queue.poll();
+    ASSERT_FALSE(order.empty());
+    EXPECT_EQ(order.front(), 0);
+
+    ASSERT_TRUE(queue.runUntil([&] { return order.size() == 3; }, 10s));
+    EXPECT_EQ(order, (std::vector<int>{0, 1, 2})) << "the hour-long timer never ran";
+}
+
+TEST(KXAsioMainQueue, StopEndsRunAndALaterRunWorksAgain) {
+    KXAsioMainQueue queue;
+    int ran = 0;
+    queue.post([&] {
+        ++ran;
+        queue.stop();
+    });
+    queue.post([&] { ++ran; });
+    queue.run();  // returns because of stop(), with the second item still queued
+    EXPECT_EQ(ran, 1);
+
+    queue.post([&] { queue.stop(); });
+    queue.run();
+    EXPECT_EQ(ran, 2) << "run() works again after a stop";
+
+    // A stop requested while nothing runs makes the next run() return at once.
+    queue.stop();
+    queue.post([&] { ++ran; });
+    queue.run();
+    EXPECT_EQ(ran, 2);
+    queue.poll();
+    EXPECT_EQ(ran, 3);
+}
+
+TEST(KXAsioMainQueue, StopFromAnotherThreadEndsRun) {
+    KXAsioMainQueue queue;
+    std::atomic<bool> started{false};
+    queue.post([&] { started = true; });
+    std::thread stopper([&] {
+        while (!started) {
+            std::this_thread::sleep_for(1ms);
+        }
+        queue.stop();
+    });
+    queue.run();  // without work it would wait forever: only the stop ends it
+    stopper.join();
+    EXPECT_TRUE(started);
+}
+
+TEST(KXAsioMainQueue, RunForAndRunUntilReturnAndRunWhatIsDue) {
+    KXAsioMainQueue queue;
+    int ran = 0;
+    queue.post([&] { ++ran; });
+    queue.runFor(5ms);  // a game loop's slice: returns even though the queue never empties
+    EXPECT_EQ(ran, 1);
+
+    EXPECT_FALSE(queue.runUntil([] { return false; }, 5ms)) << "gives up at the time-out";
+    EXPECT_TRUE(queue.runUntil([] { return true; }, 0ms));
+
+    queue.postAfter(1h, [&] { ++ran; });
+    queue.runFor(1ms);
+    EXPECT_EQ(ran, 1);
+}
+
+TEST(KXAsioMainQueue, WorkPostedFromOtherThreadsRunsOnTheMainThread) {
+    KXAsioMainQueue queue;
+    ASSERT_TRUE(queue.isMainThread());
+    ASSERT_TRUE(kxIsProcessInitialThread());
+
+    std::atomic<int> ran{0};
+    std::atomic<bool> allOnMain{true};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            EXPECT_FALSE(queue.isMainThread());
+            EXPECT_FALSE(kxIsProcessInitialThread());
+            for (int i = 0; i < 100; ++i) {
+                queue.post([&] {
+                    if (!queue.isMainThread()) {
+                        allOnMain = false;
+                    }
+                    ++ran;
+                });
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    ASSERT_TRUE(queue.runUntil([&] { return ran == 400; }, 10s));
+    EXPECT_TRUE(allOnMain);
+}
+
+TEST(KXAsioMainQueue, DestroyingTheQueueDropsWorkThatNeverRan) {
+    auto counter = std::make_shared<int>(0);
+    {
+        KXAsioMainQueue queue;
+        queue.post([counter] { ++*counter; });
+        queue.postAfter(1h, [counter] { ++*counter; });
+        EXPECT_EQ(counter.use_count(), 3);
+    }
+    EXPECT_EQ(*counter, 0);
+    EXPECT_EQ(counter.use_count(), 1) << "the queued functions were released";
+}
+
+TEST(KXBackgroundQueue, RunsWorkOnItsOwnThreads) {
+    KXBackgroundQueue background(2);
+    EXPECT_FALSE(background.isBackgroundThread());
+    std::promise<bool> onPool;
+    background.post([&] { onPool.set_value(background.isBackgroundThread()); });
+    EXPECT_TRUE(onPool.get_future().get());
+
+    // Another pool's threads are not this pool's.
+    KXBackgroundQueue other(1);
+    std::promise<bool> onOther;
+    other.post([&] { onOther.set_value(background.isBackgroundThread()); });
+    EXPECT_FALSE(onOther.get_future().get());
+}
+
+TEST(KXBackgroundQueue, SerialQueuesRunOneItemAtATimeInOrder) {
+    KXBackgroundQueue background(4);
+    KXSerialQueue serial = background.makeSerialQueue();
+    std::mutex mutex;
+    std::vector<int> order;
+    std::atomic<int> inside{0};
+    std::atomic<bool> overlapped{false};
+    std::atomic<bool> offPool{false};
+    std::promise<void> done;
+    constexpr int kItems = 500;
+    for (int i = 0; i < kItems; ++i) {
+        asio::post(serial, [&, i] {
+            if (++inside > 1) {
+                overlapped = true;
+            }
+            if (!background.isBackgroundThread()) {
+                offPool = true;
+            }
+            {
+                std::lock_guard lock(mutex);
+                order.push_back(i);
+            }
+            --inside;
+            if (i == kItems - 1) {
+                done.set_value();
+            }
+        });
+    }
+    done.get_future().get();
+    EXPECT_FALSE(overlapped);
+    EXPECT_FALSE(offPool);
+    std::lock_guard lock(mutex);
+    ASSERT_EQ(order.size(), static_cast<std::size_t>(kItems));
+    for (int i = 0; i < kItems; ++i) {
+        ASSERT_EQ(order[i], i);
+    }
+}
+
+TEST(KXBackgroundQueue, ShutdownWaitsForRunningWorkAndDropsTheRest) {
+    KXBackgroundQueue background(1);
+    std::atomic<bool> started{false};
+    std::atomic<bool> finished{false};
+    std::atomic<bool> laterRan{false};
+    background.post([&] {
+        started = true;
+        std::this_thread::sleep_for(50ms);
+        finished = true;
+    });
+    background.post([&] { laterRan = true; });
+    while (!started) {
+        std::this_thread::sleep_for(1ms);
+    }
+    background.shutdown();
+    EXPECT_TRUE(finished) << "shutdown returned while work was still running";
+    EXPECT_FALSE(laterRan) << "work queued behind it is dropped";
+    background.post([&] { laterRan = true; });
+    background.shutdown();
+    EXPECT_FALSE(laterRan) << "a stopped queue accepts no work";
+}
