@@ -1,4 +1,5 @@
 #include "KXSealedFiles.h"
+#include "KXTestPlatform.h"
 
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXPropertyList.h>
@@ -176,4 +177,22 @@ TEST_F(KXConfigDeathTest, DamagedOrForeignFilesStopTheProcess) {
     kxtest::sealWithOpenSSL(directory / "notes.txt", directory / "text.enc", kKey);
     EXPECT_DEATH(KXConfig::defaultConfig().configWithContentsOfFile(directory / "text.enc", kKey),
                  "configurationFile");
+}
+
+TEST(KXConfigMissingFile, ShowsTheAlertAndChangesNothing) {
+    auto platform = KXTestPlatform::install();
+    loaded("<key>appId</key><string>kept</string>\n");
+
+    const auto missing = kxtest::scratchDirectory("none") / "KXConfig.enc";
+    EXPECT_FALSE(KXConfig::defaultConfig().configWithContentsOfFile(missing, kKey));
+    EXPECT_FALSE(KXConfig::defaultConfig().configWithContentsOfFile(std::nullopt, kKey));
+
+    const auto alerts = platform->fakeAlertPresenter().alerts();
+    ASSERT_EQ(alerts.size(), 2u);
+    EXPECT_EQ(alerts[0].title, "Missing Config File");
+    EXPECT_EQ(alerts[0].message,
+              "KXClientFramework was unable to find 'KXConfig.plist'. KXClientFramework may not "
+              "work properly.");
+    EXPECT_EQ(alerts[0].buttons, std::vector<std::string>{"Okay"});
+    EXPECT_EQ(KXConfig::defaultConfig().appId(), "kept");
 }

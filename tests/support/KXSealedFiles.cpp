@@ -2,6 +2,8 @@
 
 #include "KXTestDirectories.h"
 
+#include <gtest/gtest.h>
+
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -35,7 +37,11 @@ std::filesystem::path scratchDirectory(const std::string& name) {
     if (root.empty()) {
         root = std::filesystem::temp_directory_path();
     }
+    // One folder per test case, so cases that share a process never see each other's files.
     auto directory = root / "scratch" / name;
+    if (const auto* test = testing::UnitTest::GetInstance()->current_test_info()) {
+        directory /= std::string(test->test_suite_name()) + "." + test->name();
+    }
     std::filesystem::create_directories(directory);
     return directory;
 }

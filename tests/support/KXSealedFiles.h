@@ -16,7 +16,7 @@ std::vector<std::uint8_t> readBytes(const std::filesystem::path& path);
 void writeBytes(const std::filesystem::path& path, const std::vector<std::uint8_t>& bytes);
 void writeText(const std::filesystem::path& path, const std::string& text);
 
-/// A fresh directory under the test's temporary root.
+/// A directory under the test's temporary root, private to the running test case.
 std::filesystem::path scratchDirectory(const std::string& name);
 
 /// Seals `plain` with `openssl enc -aes-256-cbc -md md5 -salt -pass pass:<password>` into `out`.

@@ -2,11 +2,8 @@
 
 #include <KXClientFramework/TZDecryptor.h>
 #include <KXClientFramework/TZOpenSSLDecryptor.h>
-#if __has_include(<KXClientFramework/TZOpenSSLEncryptor.h>)
 #include <KXClientFramework/TZEncryptor.h>
 #include <KXClientFramework/TZOpenSSLEncryptor.h>
-#define KX_HAVE_ENCRYPTORS 1
-#endif
 
 namespace kxconfig {
 namespace {
@@ -67,7 +64,6 @@ std::vector<std::uint8_t> decrypt(Format format, const Keys& keys,
 
 std::vector<std::uint8_t> encrypt(Format format, const Keys& keys,
                                   const std::vector<std::uint8_t>& input) {
-#ifdef KX_HAVE_ENCRYPTORS
     KXError error;
     if (format == Format::Salted) {
         if (keys.password) {
@@ -87,12 +83,6 @@ std::vector<std::uint8_t> encrypt(Format format, const Keys& keys,
     return result(TZEncryptor::encryptData(input, kTZCryptorAES256Settings, keys.key,
                                            keys.hmacKey, &error),
                   error, "cannot seal");
-#else
-    (void)format;
-    (void)keys;
-    (void)input;
-    throw Failure("encryption is not available in this build");
-#endif
 }
 
 }  // namespace kxconfig

@@ -1,0 +1,135 @@
+#include <KXClientFramework/KXClientFramework.h>
+#include <KXClientFramework/KXConfig.h>
+#include <KXClientFramework/KXHTTPSessionManager.h>
+#include <KXClientFramework/KXLog.h>
+#include <KXClientFramework/KXPlatform.h>
+
+#include "transport/internal/KXURLUtilities.h"
+
+#include <utility>
+
+namespace {
+
+bool isHTTPSuccess(const KXHTTPResponse* response) {
+    const long status = response != nullptr ? response->statusCode : 0;
+    if (KXClientFramework::sharedManager().RESTfulServiceLoggingEnabled()) {
+        KXJSON headers = KXJSON::object();
+        if (response != nullptr) {
+            for (const auto& [name, value] : response->headers) {
+                headers[name] = value;
+            }
+        }
+        KX_LOG_DEBUG("\nResponse Headers: {}\nResponse StatusCode: {}",
+                     headers.dump(-1, ' ', false, KXJSON::error_handler_t::replace), status);
+    }
+    return static_cast<unsigned long>(status - 200) < 100;
+}
+
+KXError errorFromAnswer(const std::string& body, const KXHTTPResponse* response) {
+    return {NSOSStatusErrorDomain, response != nullptr ? response->statusCode : 0,
+            KXHTTPSessionManager::JSONObjectWithData(body)};
+}
+
+void showActivityIndicator(bool visible) {
+    KXPlatform::current().application().setNetworkActivityIndicatorVisible(visible);
+}
+
+}  // namespace
+
+KXHTTPSessionManager& KXHTTPSessionManager::sharedManager() {
+    // Never destroyed: completions may still refer to it while the process winds down.
+    static KXHTTPSessionManager* const manager = new KXHTTPSessionManager();
+    return *manager;
+}
+
+KXJSON KXHTTPSessionManager::JSONObjectWithData(const std::string& body) {
+    KXJSON parsed = KXJSON::parse(body, nullptr, /*allow_exceptions=*/false);
+    if (parsed.is_object() || parsed.is_array()) {
+        return parsed;
+    }
+    return nullptr;
+}
+
+bool KXHTTPSessionManager::httpSuccess(const KXHTTPResponse* response) const {
+    return isHTTPSuccess(response);
+}
+
+KXError KXHTTPSessionManager::createError(const std::string& body,
+                                          const KXHTTPResponse* response) const {
+    return errorFromAnswer(body, response);
+}
+
+void KXHTTPSessionManager::setNetworkActivityIndicatorVisible(bool visible) {
+    showActivityIndicator(visible);
+}
+
+std::string KXHTTPSessionManager::absoluteURLForPath(const std::string& path) const {
+    return kx::url::resolve(baseURL(), kx::url::escapeIllegalCharacters(path));
+}
+
+void KXHTTPSessionManager::GET(const std::string& path, const KXJSON& parameters,
+                               SuccessBlock success, FailureBlock failure) {
+    send("GET", path, parameters, std::move(success), std::move(failure));
+}
+
+void KXHTTPSessionManager::POST(const std::string& path, const KXJSON& parameters,
+                                SuccessBlock success, FailureBlock failure) {
+    send("POST", path, parameters, std::move(success), std::move(failure));
+}
+
+void KXHTTPSessionManager::PUT(const std::string& path, const KXJSON& parameters,
+                               SuccessBlock success, FailureBlock failure) {
+    send("PUT", path, parameters, std::move(success), std::move(failure));
+}
+
+void KXHTTPSessionManager::DELETE(const std::string& path, const KXJSON& parameters,
+                                  SuccessBlock success, FailureBlock failure) {
+    send("DELETE", path, parameters, std::move(success), std::move(failure));
+}
+
+void KXHTTPSessionManager::complete(const std::shared_ptr<const KXHTTPResponse>& response,
+                                    const std::optional<KXError>& error,
+                                    const SuccessBlock& success, const FailureBlock& failure) {
+    if (!error && isHTTPSuccess(response.get())) {
+        if (success) {
+            success(response, JSONObjectWithData(response->body));
+        }
+    } else if (failure) {
+        failure(response, error ? *error
+                                : errorFromAnswer(response ? response->body : std::string(),
+                                                  response.get()));
+    }
+}
+
+void KXHTTPSessionManager::send(const char* method, const std::string& path,
+                                const KXJSON& parameters, SuccessBlock success,
+                                FailureBlock failure) {
+    const std::string URL = absoluteURLForPath(path);
+    showActivityIndicator(KXConfig::defaultConfig().networkActivityIndicatorEnabled());
+    requestWithMethod(
+        method, URL, parameters,
+        [this, success, failure](const KXURLRequest& request) {
+            session()->dataTask(request, [success, failure](
+                                             std::shared_ptr<const KXHTTPResponse> response,
+                                             std::optional<KXError> error) {
+                complete(response, error, success, failure);
+                showActivityIndicator(false);
+            });
+        },
+        [failure](const KXError& error) {
+            showActivityIndicator(false);
+            if (failure) {
+                failure(nullptr, error);
+            }
+        });
+}
+
+void KXHTTPSessionManager::AUTHORIZATION(const std::string& URL, const KXJSON& parameters,
+                                         SuccessBlock success, FailureBlock failure) {
+    const KXURLRequest request = authorizationRequestWithURL(URL, parameters);
+    session()->dataTask(request, [success = std::move(success), failure = std::move(failure)](
+                                     std::shared_ptr<const KXHTTPResponse> response,
+                                     std::optional<KXError> error) {
+        complete(response, error, success, failure);
+    });
+}

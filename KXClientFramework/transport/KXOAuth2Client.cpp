@@ -1,0 +1,257 @@
+#include <KXClientFramework/KXBackgroundTimer.h>
+#include <KXClientFramework/KXClientFramework.h>
+#include <KXClientFramework/KXConfig.h>
+#include <KXClientFramework/KXGlobals.h>
+#include <KXClientFramework/KXHTTPSessionManager.h>
+#include <KXClientFramework/KXLog.h>
+#include <KXClientFramework/KXOAuth2Client.h>
+#include <KXClientFramework/KXOAuthCredential.h>
+#include <KXClientFramework/KXPlatform.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <utility>
+
+namespace {
+
+constexpr const char* kKeychainServicePrefix = "KXOAuthCredentialService";
+constexpr double kRenewalTickSeconds = 60.0;
+constexpr double kRenewalFactor = 0.8;
+// Lifetimes beyond this many seconds (about 31 years) count as "never", which also keeps the
+// date arithmetic far from the limits of the clock's representation.
+constexpr double kLongestLifetimeSeconds = 1e9;
+
+/// A scalar taken as received: a string stays, a number becomes its decimal text.
+std::optional<std::string> scalarString(const KXJSON& value) {
+    if (value.is_string()) {
+        return value.get<std::string>();
+    }
+    if (value.is_number_integer() || value.is_number_unsigned()) {
+        return value.dump();
+    }
+    if (value.is_number_float()) {
+        const double number = value.get<double>();
+        return number == std::trunc(number) && std::fabs(number) < 1e15
+                   ? std::to_string(static_cast<std::int64_t>(number))
+                   : value.dump();
+    }
+    return std::nullopt;
+}
+
+/// The lifetime in seconds: a number, or a string read like a number (its leading numeric
+/// part). Any other kind of value counts as absent.
+std::optional<double> lifetimeSeconds(const KXJSON& value) {
+    double seconds = 0;
+    if (value.is_number()) {
+        seconds = value.get<double>();
+    } else if (value.is_string()) {
+        seconds = std::strtod(value.get_ref<const std::string&>().c_str(), nullptr);
+    } else if (value.is_boolean()) {
+        seconds = value.get<bool>() ? 1 : 0;
+    } else {
+        return std::nullopt;
+    }
+    if (std::isnan(seconds)) {
+        return std::nullopt;
+    }
+    return seconds;
+}
+
+std::string describe(const std::shared_ptr<KXBearerToken>& token) {
+    return fmt::format("<KXBearerToken: {}>", static_cast<const void*>(token.get()));
+}
+
+}  // namespace
+
+KXOAuth2Client& KXOAuth2Client::client() {
+    // Never destroyed: the renewal timer may tick until the process ends.
+    static KXOAuth2Client* const shared = new KXOAuth2Client();
+    return *shared;
+}
+
+KXOAuth2Client::KXOAuth2Client() = default;
+
+KXOAuth2Client::~KXOAuth2Client() {
+    // Destroying the timer cancels it and waits for a tick that is running.
+    std::unique_ptr<KXBackgroundTimer> timer;
+    {
+        std::lock_guard lock(mutex_);
+        timer = std::move(backgroundTimer_);
+    }
+}
+
+KXOAuth2Client& KXOAuth2Client::initWithClientId(std::optional<std::string> clientId,
+                                                 std::optional<std::string> secret) {
+    std::lock_guard lock(mutex_);
+    keychainId_ = std::string(kKeychainServicePrefix) + clientId.value_or("");
+    clientId_ = std::move(clientId);
+    secret_ = std::move(secret);
+    return *this;
+}
+
+KXJSON KXOAuth2Client::grantParameters(const std::optional<std::string>& clientId,
+                                       const std::optional<std::string>& secret) {
+    KXJSON parameters = {{"grant_type", kKXAFOAuthClientCredentialsGrantType},
+                         {"scope", kKXAFOAuthScope}};
+    if (clientId) {
+        parameters["client_id"] = *clientId;
+    }
+    if (secret) {
+        parameters["client_secret"] = *secret;
+    }
+    return parameters;
+}
+
+std::string KXOAuth2Client::tokenURL() {
+    const KXServiceEndpoints endpoints = KXClientFramework::serviceEndpoints();
+    return (KXConfig::defaultConfig().inProduction() ? endpoints.productionToken
+                                                     : endpoints.stagingToken) +
+           "/token";
+}
+
+void KXOAuth2Client::authenticateWithSuccess(SuccessBlock success, FailureBlock failure) {
+    KX_LOG_DEBUG("Fetching and Storing Bearer Token");
+    fetchAndStoreBearerTokenWithParameters(grantParameters(clientId(), secret()),
+                                           std::move(success), std::move(failure));
+}
+
+void KXOAuth2Client::fetchAndStoreBearerTokenWithParameters(const KXJSON& parameters,
+                                                            SuccessBlock success,
+                                                            FailureBlock failure) {
+    KXHTTPSessionManager::sharedManager().AUTHORIZATION(
+        tokenURL(), parameters,
+        [this, success = std::move(success)](const std::shared_ptr<const KXHTTPResponse>&,
+                                             const KXJSON& responseObject) {
+            if (!responseObject.is_object()) {
+                return;  // a 2xx answer without a JSON object is dropped
+            }
+            createAndStoreAuthCredentials(responseObject);
+            saveBearerToken(responseObject);
+            if (success) {
+                success();
+            }
+        },
+        [failure = std::move(failure)](const std::shared_ptr<const KXHTTPResponse>&,
+                                       const KXError& error) {
+            if (failure) {
+                failure(error);
+            }
+        });
+}
+
+bool KXOAuth2Client::createAndStoreAuthCredentials(const KXJSON& /*response*/) {
+    std::string identifier;
+    std::shared_ptr<KXOAuthCredential> credential;
+    {
+        std::lock_guard lock(mutex_);
+        identifier = keychainId_;
+        credential = KXOAuthCredential::credentialWithClientId(clientId_, secret_);
+    }
+    return KXOAuthCredential::storeCredential(credential, identifier);
+}
+
+void KXOAuth2Client::saveBearerToken(const KXJSON& response) {
+    using std::chrono::system_clock;
+    const KXClock& clock = KXPlatform::current().clock();
+    const KXJSON empty;
+    const KXJSON& accessToken =
+        response.is_object() && response.contains("access_token") ? response["access_token"] : empty;
+    const KXJSON& expiresIn =
+        response.is_object() && response.contains("expires_in") ? response["expires_in"] : empty;
+
+    KXBearerToken::Date expiration = KXBearerToken::distantFuture();
+    if (const std::optional<double> seconds = lifetimeSeconds(expiresIn)) {
+        if (*seconds < kLongestLifetimeSeconds) {
+            const double bounded = std::max(*seconds, -kLongestLifetimeSeconds);
+            expiration = clock.now() + std::chrono::duration_cast<system_clock::duration>(
+                                           std::chrono::duration<double>(bounded));
+        }
+    }
+    auto token = std::make_shared<KXBearerToken>(scalarString(accessToken), expiration);
+    KXHTTPSessionManager::sharedManager().setBearerToken(token);
+
+    // The clock is read again after the expiration was computed, so a lifetime of exactly
+    // 3600 seconds counts as 59 whole minutes and renews after 47 ticks.
+    const auto minutes =
+        std::chrono::duration_cast<std::chrono::minutes>(expiration - clock.now()).count();
+    setExpireInMinutes(static_cast<std::int64_t>(static_cast<double>(minutes) * kRenewalFactor));
+    setCountOfMinutes(0);
+
+    KXBackgroundTimer* timer = nullptr;
+    {
+        std::lock_guard lock(mutex_);
+        if (!backgroundTimer_) {
+            backgroundTimer_ = std::make_unique<KXBackgroundTimer>(
+                kRenewalTickSeconds, [this] { refreshBearerTokenIfNecessary(); });
+        }
+        timer = backgroundTimer_.get();
+    }
+    if (!timer->isRunning()) {
+        timer->resume();
+    }
+}
+
+void KXOAuth2Client::refreshBearerTokenIfNecessary() {
+    const std::int64_t count = countOfMinutes_.fetch_add(1) + 1;
+    if (count < expireInMinutes()) {
+        return;
+    }
+    if (KXBackgroundTimer* timer = backgroundTimer()) {
+        timer->suspend();
+    }
+    refreshBearerTokenWithSuccess(
+        [](const std::shared_ptr<KXBearerToken>& token) {
+            KX_LOG_DEBUG("Successfully Refreshed Bearer Token: {}", describe(token));
+        },
+        [](const KXError&) { KX_LOG_ERROR("Failed To Refresh Bearer Token"); });
+}
+
+void KXOAuth2Client::refreshBearerTokenWithSuccess(TokenBlock success, FailureBlock failure) {
+    const std::shared_ptr<KXOAuthCredential> credential =
+        KXOAuthCredential::retrieveCredentialWithIdentifier(keychainId());
+    const KXJSON parameters =
+        credential ? grantParameters(credential->clientId(), credential->clientSecret())
+                   : grantParameters(std::nullopt, std::nullopt);
+    fetchAndStoreBearerTokenWithParameters(
+        parameters,
+        [success = std::move(success)] {
+            if (success) {
+                success(KXHTTPSessionManager::sharedManager().bearerToken());
+            }
+        },
+        [failure = std::move(failure)](const KXError& error) {
+            if (failure) {
+                failure(error);
+            }
+        });
+}
+
+std::string KXOAuth2Client::keychainId() const {
+    std::lock_guard lock(mutex_);
+    return keychainId_;
+}
+void KXOAuth2Client::setKeychainId(std::string keychainId) {
+    std::lock_guard lock(mutex_);
+    keychainId_ = std::move(keychainId);
+}
+std::optional<std::string> KXOAuth2Client::clientId() const {
+    std::lock_guard lock(mutex_);
+    return clientId_;
+}
+void KXOAuth2Client::setClientId(std::optional<std::string> clientId) {
+    std::lock_guard lock(mutex_);
+    clientId_ = std::move(clientId);
+}
+std::optional<std::string> KXOAuth2Client::secret() const {
+    std::lock_guard lock(mutex_);
+    return secret_;
+}
+void KXOAuth2Client::setSecret(std::optional<std::string> secret) {
+    std::lock_guard lock(mutex_);
+    secret_ = std::move(secret);
+}
+KXBackgroundTimer* KXOAuth2Client::backgroundTimer() const {
+    std::lock_guard lock(mutex_);
+    return backgroundTimer_.get();
+}

@@ -1,0 +1,105 @@
+#pragma once
+
+#include <KXClientFramework/KXBearerToken.h>
+#include <KXClientFramework/KXError.h>
+#include <KXClientFramework/KXExport.h>
+#include <KXClientFramework/KXJSON.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+class KXBackgroundTimer;
+
+/// Obtains bearer tokens with the OAuth 2 client-credentials grant and renews them before they
+/// run out.
+///
+/// Each saved token resets a minute counter; a KXBackgroundTimer ticks every 60 seconds on the
+/// background queue (at once when it is first resumed) and, once the counter reaches 80 % of
+/// the token's lifetime in minutes, suspends itself and renews the token with the credential
+/// stored in the keychain. The next saved token resumes it. A failed renewal leaves it
+/// suspended; the transport's token gate then fetches a token when it finds the current one
+/// expired.
+///
+/// A 2xx token answer whose body is not JSON is dropped: neither block of the fetch runs, and a
+/// request waiting for that token in the transport's gate never completes.
+///
+/// Every member may be called from any thread.
+class KX_EXPORT KXOAuth2Client {
+public:
+    using SuccessBlock = std::function<void()>;
+    using FailureBlock = std::function<void(const KXError& error)>;
+    using TokenBlock = std::function<void(const std::shared_ptr<KXBearerToken>& token)>;
+
+    /// The shared client, created empty on first use. Its identity is replaced by each
+    /// initWithClientId() (the façade re-initialises it at every authentication).
+    static KXOAuth2Client& client();
+
+    KXOAuth2Client();
+    ~KXOAuth2Client();
+    KXOAuth2Client(const KXOAuth2Client&) = delete;
+    KXOAuth2Client& operator=(const KXOAuth2Client&) = delete;
+
+    /// Sets the client id, the secret and keychainId ("KXOAuthCredentialService" + client id).
+    KXOAuth2Client& initWithClientId(std::optional<std::string> clientId,
+                                     std::optional<std::string> secret);
+
+    /// Fetches a token with this client's own id and secret and stores it.
+    void authenticateWithSuccess(SuccessBlock success, FailureBlock failure);
+
+    /// Posts `parameters` to the token endpoint ("/token" on the production or staging token
+    /// host, by the configuration's inProduction). A JSON answer stores the credential and the
+    /// token, then calls `success`; an error answer or a transport failure calls `failure`.
+    void fetchAndStoreBearerTokenWithParameters(const KXJSON& parameters, SuccessBlock success,
+                                                FailureBlock failure);
+
+    /// Stores this client's id and secret in the keychain under keychainId(). The response is
+    /// not consulted.
+    bool createAndStoreAuthCredentials(const KXJSON& response);
+
+    /// Makes the token of a token response ("access_token", "expires_in" seconds; a missing or
+    /// null lifetime never expires) the transport's bearer token, sets expireInMinutes to 80 %
+    /// of its whole minutes, restarts the count and runs the renewal timer.
+    void saveBearerToken(const KXJSON& response);
+
+    /// One tick of the renewal timer.
+    void refreshBearerTokenIfNecessary();
+
+    /// Fetches a new token with the credential stored under keychainId() (with none stored, the
+    /// request carries only the grant type and the scope) and passes the transport's new
+    /// bearer token to `success`.
+    void refreshBearerTokenWithSuccess(TokenBlock success, FailureBlock failure);
+
+    /// The grant's form parameters; an absent id or secret leaves its key out.
+    static KXJSON grantParameters(const std::optional<std::string>& clientId,
+                                  const std::optional<std::string>& secret);
+
+    /// The token endpoint chosen by the configuration's inProduction.
+    static std::string tokenURL();
+
+    std::string keychainId() const;
+    void setKeychainId(std::string keychainId);
+    std::optional<std::string> clientId() const;
+    void setClientId(std::optional<std::string> clientId);
+    std::optional<std::string> secret() const;
+    void setSecret(std::optional<std::string> secret);
+    std::int64_t expireInMinutes() const { return expireInMinutes_.load(); }
+    void setExpireInMinutes(std::int64_t minutes) { expireInMinutes_.store(minutes); }
+    std::int64_t countOfMinutes() const { return countOfMinutes_.load(); }
+    void setCountOfMinutes(std::int64_t count) { countOfMinutes_.store(count); }
+    /// The renewal timer; null until the first token is saved.
+    KXBackgroundTimer* backgroundTimer() const;
+
+private:
+    mutable std::mutex mutex_;
+    std::string keychainId_;
+    std::optional<std::string> clientId_;
+    std::optional<std::string> secret_;
+    std::atomic<std::int64_t> expireInMinutes_{0};
+    std::atomic<std::int64_t> countOfMinutes_{0};
+    std::unique_ptr<KXBackgroundTimer> backgroundTimer_;
+};

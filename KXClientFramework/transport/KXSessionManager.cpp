@@ -1,0 +1,239 @@
+#include <KXClientFramework/KXClientFramework.h>
+#include <KXClientFramework/KXConfig.h>
+#include <KXClientFramework/KXLog.h>
+#include <KXClientFramework/KXOAuth2Client.h>
+#include <KXClientFramework/KXSessionManager.h>
+
+#include "transport/internal/KXURLUtilities.h"
+
+#include <utility>
+
+namespace {
+
+constexpr double kRequestTimeout = 10.0;
+
+std::string dumpForLog(const KXJSON& value) {
+    return value.dump(-1, ' ', false, KXJSON::error_handler_t::replace);
+}
+
+KXJSON headersForLog(const KXHTTPHeaders& headers) {
+    KXJSON object = KXJSON::object();
+    for (const auto& [name, value] : headers) {
+        object[name] = value;
+    }
+    return object;
+}
+
+std::string formValue(const KXJSON& value) {
+    if (value.is_string()) {
+        return value.get<std::string>();
+    }
+    if (value.is_null()) {
+        return "<null>";
+    }
+    return dumpForLog(value);
+}
+
+}  // namespace
+
+KXSessionManager& KXSessionManager::sharedInstance() {
+    static KXSessionManager* const instance = new KXSessionManager();
+    return *instance;
+}
+
+std::string KXSessionManager::kxBaseURI() {
+    if (KXConfig::defaultConfig().inProduction()) {
+        return "/KXFrontier";
+    }
+    const KXClientFramework& settings = KXClientFramework::sharedManager();
+    switch (settings.environment()) {
+        case 1:
+        case 2:
+        case 3:
+            return fmt::format("/ZandrelService/rest/bu/{}",
+                               settings.businessUnit().value_or("(null)"));
+        case 5:
+            return "/KXFrontier-devinteg";
+        case 4:
+        default:
+            return "/KXFrontier-stg";
+    }
+}
+
+KXSessionManager::KXSessionManager() {
+    configureBaseUrl();
+    configuration_ = KXSessionConfiguration::defaultSessionConfiguration();
+    configuration_.timeoutIntervalForRequest = kRequestTimeout;
+    session_ = KXURLSession::sessionWithConfiguration(configuration_);
+}
+
+KXSessionManager::~KXSessionManager() = default;
+
+void KXSessionManager::configureBaseUrl() {
+    const std::int64_t environment = KXClientFramework::sharedManager().environment();
+    KX_LOG_DEBUG("KX iOS SDK Environment: {}", environment);
+    const KXServiceEndpoints endpoints = KXClientFramework::serviceEndpoints();
+    std::string url;
+    if (KXConfig::defaultConfig().inProduction()) {
+        url = endpoints.production;
+    } else {
+        switch (environment) {
+            case 1:
+                url = endpoints.test;
+                break;
+            case 2:
+                url = endpoints.staging;
+                break;
+            case 3:
+                url = endpoints.localServer;
+                break;
+            default:
+                url = endpoints.development;
+                break;
+        }
+    }
+    setBaseURL(url);
+    KX_LOG_DEBUG("Base URL: {}", kx::url::host(url));
+}
+
+void KXSessionManager::resetBaseURLToEnvironment(std::int64_t environment) {
+    KXClientFramework::setEnvironment(environment);
+    configureBaseUrl();
+}
+
+void KXSessionManager::setAuthorizationHeader(const std::optional<std::string>& token) {
+    if (!token) {
+        return;
+    }
+    std::lock_guard lock(mutex_);
+    configuration_.HTTPAdditionalHeaders = KXHTTPHeaders{{"Authorization", "BEARER " + *token}};
+    session_ = KXURLSession::sessionWithConfiguration(configuration_);
+}
+
+KXURLRequest KXSessionManager::baseRequest(const std::string& method, const std::string& URL) const {
+    KXURLRequest request;
+    request.URL = URL;
+    request.HTTPMethod = method;
+    std::lock_guard lock(mutex_);
+    request.timeoutInterval = configuration_.timeoutIntervalForRequest;
+    return request;
+}
+
+KXURLRequest KXSessionManager::requestWithMethod(const std::string& method, const std::string& URL,
+                                                 const KXJSON& parameters, KXError* error) {
+    KXURLRequest request = baseRequest(method, URL);
+    request.setValue("application/json", "Accept");
+    request.setValue("application/json", "Content-Type");
+
+    const std::shared_ptr<KXBearerToken> token = bearerToken();
+    setAuthorizationHeader(token ? token->token() : std::nullopt);
+
+    if (!parameters.is_null()) {
+        try {
+            request.HTTPBody = parameters.dump();
+        } catch (const KXJSON::exception& exception) {
+            if (error != nullptr) {
+                *error = KXError("NSCocoaErrorDomain", 3840,
+                                 KXJSON{{"NSLocalizedDescription", exception.what()}});
+            }
+        }
+    }
+
+    if (KXClientFramework::sharedManager().RESTfulServiceLoggingEnabled()) {
+        KX_LOG_DEBUG("\nRequest Headers: {}\nRequest URL: {}\nRequest Parameters: {}",
+                     dumpForLog(headersForLog(request.allHTTPHeaderFields)), request.URL,
+                     parameters.is_null() ? std::string("(null)") : dumpForLog(parameters));
+    }
+    return request;
+}
+
+KXURLRequest KXSessionManager::authorizationRequestWithURL(const std::string& URL,
+                                                           const KXJSON& parameters,
+                                                           KXError* /*error*/) {
+    KXURLRequest request = baseRequest("POST", URL);
+    request.setValue("application/x-www-form-urlencoded", "Content-Type");
+    if (!parameters.is_null()) {
+        request.HTTPBody = serialize(parameters);
+    }
+    if (KXClientFramework::sharedManager().RESTfulServiceLoggingEnabled()) {
+        KX_LOG_DEBUG("\nRequest Headers: {}\nRequest URL: {}",
+                     dumpForLog(headersForLog(request.allHTTPHeaderFields)), request.URL);
+    }
+    return request;
+}
+
+std::string KXSessionManager::serialize(const KXJSON& parameters) const {
+    std::string body;
+    if (!parameters.is_object()) {
+        return body;
+    }
+    for (const auto& [key, value] : parameters.items()) {
+        if (!body.empty()) {
+            body.push_back('&');
+        }
+        body.append(key).push_back('=');
+        body.append(formValue(value));
+    }
+    return body;
+}
+
+void KXSessionManager::requestWithMethod(const std::string& method, const std::string& URL,
+                                         const KXJSON& parameters, RequestBlock request,
+                                         ErrorBlock failure) {
+    const std::shared_ptr<KXBearerToken> token = bearerToken();
+    if (token && !token->isExpired()) {
+        KXURLRequest built = requestWithMethod(method, URL, parameters);
+        if (request) {
+            request(built);
+        }
+        return;
+    }
+    KXOAuth2Client::client().refreshBearerTokenWithSuccess(
+        [this, method, URL, parameters, request](const std::shared_ptr<KXBearerToken>&) {
+            KXURLRequest built = requestWithMethod(method, URL, parameters);
+            if (request) {
+                request(built);
+            }
+        },
+        [failure](const KXError& error) {
+            KX_LOG_ERROR("ERROR: {}", error.description());
+            if (failure) {
+                failure(error);
+            }
+        });
+}
+
+std::shared_ptr<KXURLSession> KXSessionManager::session() const {
+    std::lock_guard lock(mutex_);
+    return session_;
+}
+
+std::string KXSessionManager::baseURL() const {
+    std::lock_guard lock(mutex_);
+    return baseURL_;
+}
+
+void KXSessionManager::setBaseURL(std::string baseURL) {
+    std::lock_guard lock(mutex_);
+    baseURL_ = std::move(baseURL);
+}
+
+std::shared_ptr<KXBearerToken> KXSessionManager::bearerToken() const {
+    std::lock_guard lock(mutex_);
+    return bearerToken_;
+}
+
+void KXSessionManager::setBearerToken(std::shared_ptr<KXBearerToken> bearerToken) {
+    std::lock_guard lock(mutex_);
+    bearerToken_ = std::move(bearerToken);
+}
+
+KXSessionConfiguration KXSessionManager::configuration() const {
+    std::lock_guard lock(mutex_);
+    return configuration_;
+}
+
+void KXSessionManager::setConfiguration(KXSessionConfiguration configuration) {
+    std::lock_guard lock(mutex_);
+    configuration_ = std::move(configuration);
+}

@@ -1,0 +1,261 @@
+// Client-credential tokens against the loopback token endpoint: the grant, what is stored, the
+// renewal arithmetic and the renewal timer (driven by direct ticks and the test clock).
+#include "KXTransportFixture.h"
+
+#include <KXClientFramework/KXBackgroundTimer.h>
+#include <KXClientFramework/KXOAuth2Client.h>
+#include <KXClientFramework/KXOAuthCredential.h>
+
+#include <map>
+
+using namespace std::chrono_literals;
+
+namespace {
+
+std::map<std::string, std::string> formFields(const std::string& body) {
+    std::map<std::string, std::string> fields;
+    std::size_t start = 0;
+    while (start <= body.size()) {
+        const std::size_t end = std::min(body.find('&', start), body.size());
+        const std::string piece = body.substr(start, end - start);
+        const std::size_t equals = piece.find('=');
+        if (equals != std::string::npos) {
+            fields[piece.substr(0, equals)] = piece.substr(equals + 1);
+        }
+        start = end + 1;
+    }
+    return fields;
+}
+
+class OAuth2Client : public KXTransportTest {
+protected:
+    KXOAuth2Client& client = KXOAuth2Client::client();
+
+    void SetUp() override {
+        client.initWithClientId("client-7", "secret-7");
+        // Time passes between two readings of the clock, as it does on a real device.
+        platform->testClock().setAdvancePerRead(1us);
+    }
+
+    struct Result {
+        int successes = 0;
+        int failures = 0;
+        std::optional<KXError> error;
+    };
+
+    Result authenticate() {
+        Result result;
+        client.authenticateWithSuccess([&] { ++result.successes; },
+                                       [&](const KXError& error) {
+                                           ++result.failures;
+                                           result.error = error;
+                                       });
+        EXPECT_TRUE(runUntil([&] { return result.successes + result.failures > 0; }));
+        drain();
+        EXPECT_EQ(result.successes + result.failures, 1);
+        return result;
+    }
+
+    std::optional<std::string> currentToken() {
+        auto token = transport().bearerToken();
+        return token ? token->token() : std::nullopt;
+    }
+
+    bool timerRunning() {
+        KXBackgroundTimer* timer = client.backgroundTimer();
+        return timer != nullptr && timer->isRunning();
+    }
+};
+
+}  // namespace
+
+TEST_F(OAuth2Client, AuthenticationPostsTheGrantAndStoresTokenAndCredential) {
+    service.scriptToken("token-1", 3600);
+    EXPECT_EQ(client.keychainId(), "KXOAuthCredentialServiceclient-7");
+    EXPECT_EQ(authenticate().successes, 1);
+
+    const auto requests = service.requestsTo("/token");
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].method, "POST");
+    EXPECT_EQ(requests[0].headers.at("Content-Type"), "application/x-www-form-urlencoded");
+    EXPECT_EQ(formFields(requests[0].body),
+              (std::map<std::string, std::string>{{"grant_type", "client_credentials"},
+                                                  {"scope", "RETURN_ALL_CLIENT_SCOPES"},
+                                                  {"client_id", "client-7"},
+                                                  {"client_secret", "secret-7"}}));
+
+    EXPECT_EQ(currentToken(), "token-1");
+    auto stored = KXOAuthCredential::retrieveCredentialWithIdentifier(client.keychainId());
+    ASSERT_TRUE(stored);
+    EXPECT_EQ(stored->clientId(), "client-7");
+    EXPECT_EQ(stored->clientSecret(), "secret-7");
+    EXPECT_TRUE(timerRunning());
+}
+
+TEST_F(OAuth2Client, TheTokenLifetimeSetsTheRenewalTick) {
+    // Nothing is scripted for /token here, so renewals that the timer starts fail and change
+    // nothing that this test reads.
+    const std::vector<std::pair<KXJSON, std::int64_t>> cases = {
+        {3600, 47}, {"3600", 47}, {3600.0, 47}, {60, 0}, {180, 1}, {120, 0}, {-600, -8}};
+    for (const auto& [expiresIn, ticks] : cases) {
+        client.saveBearerToken(KXJSON{{"access_token", "t"}, {"expires_in", expiresIn}});
+        EXPECT_EQ(client.expireInMinutes(), ticks) << expiresIn;
+    }
+
+    for (const KXJSON& response : {KXJSON{{"access_token", "forever"}, {"expires_in", nullptr}},
+                                   KXJSON{{"access_token", "forever"}},
+                                   KXJSON{{"access_token", "forever"}, {"expires_in", KXJSON::array()}}}) {
+        platform->testClock().set(std::chrono::system_clock::now());
+        client.saveBearerToken(response);
+        EXPECT_GT(client.expireInMinutes(), 50'000'000) << response;
+        auto token = transport().bearerToken();
+        ASSERT_TRUE(token);
+        EXPECT_EQ(token->token(), "forever");
+        platform->testClock().advance(std::chrono::hours(24 * 365 * 100));
+        EXPECT_FALSE(token->isExpired()) << response;
+    }
+
+    // A numeric token is taken as its decimal text; anything else counts as absent.
+    client.saveBearerToken(KXJSON{{"access_token", 12345}, {"expires_in", 3600}});
+    EXPECT_EQ(currentToken(), "12345");
+    client.saveBearerToken(KXJSON{{"access_token", KXJSON::object()}, {"expires_in", 3600}});
+    EXPECT_EQ(currentToken(), std::nullopt);
+}
+
+TEST_F(OAuth2Client, ATokenExpiresOnlyStrictlyAfterItsDate) {
+    platform->testClock().setAdvancePerRead({});
+    const auto now = platform->clock().now();
+    EXPECT_FALSE(KXBearerToken("t", now).isExpired());
+    EXPECT_TRUE(KXBearerToken("t", now - 1ns).isExpired());
+    EXPECT_FALSE(KXBearerToken("t", now + 1ns).isExpired());
+    EXPECT_FALSE(KXBearerToken("t", std::nullopt).isExpired());
+    platform->testClock().advance(1ns);
+    EXPECT_TRUE(KXBearerToken("t", now).isExpired());
+}
+
+TEST_F(OAuth2Client, TheRenewalComesOnTheTickThatReachesEightyPercent) {
+    service.scriptToken("token-1", 3600);
+    authenticate();
+    ASSERT_EQ(client.expireInMinutes(), 47);
+    // A new timer ticks at once; the next scheduled tick is a minute away.
+    ASSERT_TRUE(waitFor([&] { return client.countOfMinutes() == 1; }));
+
+    for (int tick = 2; tick <= 46; ++tick) {
+        client.refreshBearerTokenIfNecessary();
+    }
+    drain();
+    EXPECT_EQ(client.countOfMinutes(), 46);
+    EXPECT_EQ(service.requestsTo("/token").size(), 1u);
+    EXPECT_TRUE(timerRunning());
+
+    service.scriptToken("token-2", 3600);
+    client.refreshBearerTokenIfNecessary();  // the 47th
+    EXPECT_FALSE(timerRunning()) << "the renewing tick suspends the timer";
+    ASSERT_TRUE(waitFor([&] { return currentToken() == "token-2"; }));
+    EXPECT_EQ(service.requestsTo("/token").size(), 2u);
+    EXPECT_TRUE(timerRunning()) << "the saved token resumes it";
+    EXPECT_EQ(client.expireInMinutes(), 47);
+    EXPECT_LE(client.countOfMinutes(), 1) << "the count starts again";
+}
+
+TEST_F(OAuth2Client, AShortLivedTokenIsRenewedOnTheFirstTick) {
+    service.scriptToken("short", 60);
+    authenticate();
+    EXPECT_EQ(client.expireInMinutes(), 0);
+    // The timer's first tick, at once, already reaches the renewal point.
+    ASSERT_TRUE(waitFor([&] { return service.requestsTo("/token").size() >= 2; }));
+}
+
+TEST_F(OAuth2Client, AFailedRenewalLeavesTheTimerSuspended) {
+    service.scriptToken("token-1", 3600);
+    authenticate();
+    ASSERT_TRUE(waitFor([&] { return client.countOfMinutes() == 1; }));
+
+    service.script("POST", "/token", KXScriptedAnswer::json(503, KXJSON{{"error", "down"}}));
+    auto sink = std::make_shared<KXCapturingSink>();
+    KXLog::setSink(sink);
+    client.setCountOfMinutes(46);
+    client.refreshBearerTokenIfNecessary();
+    ASSERT_TRUE(waitFor([&] { return logged(*sink, "Failed To Refresh Bearer Token"); }));
+    KXLog::setSink(nullptr);
+
+    EXPECT_FALSE(timerRunning());
+    EXPECT_EQ(currentToken(), "token-1") << "the old token stays in place";
+    EXPECT_EQ(service.requestsTo("/token").size(), 2u);
+}
+
+TEST_F(OAuth2Client, RenewalUsesTheCredentialInTheKeychain) {
+    service.scriptToken("renewed", 3600);
+    ASSERT_TRUE(KXOAuthCredential::storeCredential(
+        KXOAuthCredential::credentialWithClientId("kc-id", "kc-secret"), client.keychainId()));
+
+    std::shared_ptr<KXBearerToken> received;
+    int calls = 0;
+    client.refreshBearerTokenWithSuccess(
+        [&](const std::shared_ptr<KXBearerToken>& token) {
+            ++calls;
+            received = token;
+        },
+        [&](const KXError&) { ++calls; });
+    ASSERT_TRUE(runUntil([&] { return calls > 0; }));
+    ASSERT_TRUE(received);
+    EXPECT_EQ(received, transport().bearerToken());
+    EXPECT_EQ(received->token(), "renewed");
+    auto fields = formFields(service.requestsTo("/token").back().body);
+    EXPECT_EQ(fields["client_id"], "kc-id");
+    EXPECT_EQ(fields["client_secret"], "kc-secret");
+
+    // Without a stored credential only the grant type and the scope go out.
+    ASSERT_TRUE(KXOAuthCredential::deleteCredentialWithIdentifier(client.keychainId()));
+    calls = 0;
+    client.refreshBearerTokenWithSuccess([&](const std::shared_ptr<KXBearerToken>&) { ++calls; },
+                                         [&](const KXError&) { ++calls; });
+    ASSERT_TRUE(runUntil([&] { return calls > 0; }));
+    EXPECT_EQ(formFields(service.requestsTo("/token").back().body),
+              (std::map<std::string, std::string>{{"grant_type", "client_credentials"},
+                                                  {"scope", "RETURN_ALL_CLIENT_SCOPES"}}));
+}
+
+TEST_F(OAuth2Client, AFailedFetchReportsTheErrorAndStoresNothing) {
+    transport().setBearerToken(std::make_shared<KXBearerToken>("kept", std::nullopt));
+    service.script("POST", "/token", KXScriptedAnswer::json(401, KXJSON{{"error", "invalid_client"}}));
+    const Result result = authenticate();
+    ASSERT_TRUE(result.error);
+    EXPECT_EQ(result.error->domain, NSOSStatusErrorDomain);
+    EXPECT_EQ(result.error->code, 401);
+    EXPECT_EQ(result.error->userInfo, (KXJSON{{"error", "invalid_client"}}));
+    EXPECT_EQ(currentToken(), "kept");
+    EXPECT_FALSE(KXOAuthCredential::retrieveCredentialWithIdentifier(client.keychainId()));
+    EXPECT_EQ(client.backgroundTimer(), nullptr);
+}
+
+TEST_F(OAuth2Client, ASuccessfulAnswerWithoutJSONIsDropped) {
+    service.script("POST", "/token", KXScriptedAnswer::text(200, "<html>maintenance</html>", "text/html"));
+    int calls = 0;
+    client.authenticateWithSuccess([&] { ++calls; }, [&](const KXError&) { ++calls; });
+    ASSERT_TRUE(service.waitForRequests(1, kPatience));
+    platform->mainQueue().runFor(300ms);
+    EXPECT_EQ(calls, 0);
+    EXPECT_FALSE(transport().bearerToken());
+    EXPECT_FALSE(KXOAuthCredential::retrieveCredentialWithIdentifier(client.keychainId()));
+}
+
+TEST_F(OAuth2Client, TheTokenHostFollowsInProduction) {
+    KXLoopbackService production;
+    KXServiceEndpoints endpoints = KXClientFramework::serviceEndpoints();
+    endpoints.productionToken = production.baseURL();
+    KXClientFramework::setServiceEndpoints(endpoints);
+    service.scriptToken("staging-token");
+    production.scriptToken("production-token");
+
+    EXPECT_EQ(KXOAuth2Client::tokenURL(), service.baseURL() + "/token");
+    authenticate();
+    EXPECT_EQ(currentToken(), "staging-token");
+
+    KXConfig::defaultConfig().setInProduction(true);
+    EXPECT_EQ(KXOAuth2Client::tokenURL(), production.baseURL() + "/token");
+    authenticate();
+    EXPECT_EQ(currentToken(), "production-token");
+    EXPECT_EQ(production.requestsTo("/token").size(), 1u);
+    KXConfig::defaultConfig().setInProduction(false);
+}

@@ -1,0 +1,96 @@
+// Where the transport sends: the environment table for base URL and base path.
+#include "KXTestPlatform.h"
+
+#include <KXClientFramework/KXClientFramework.h>
+#include <KXClientFramework/KXConfig.h>
+#include <KXClientFramework/KXSessionManager.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+KXServiceEndpoints distinctEndpoints() {
+    KXServiceEndpoints endpoints;
+    endpoints.production = "https://prod.example.test";
+    endpoints.test = "http://test.example.test";
+    endpoints.staging = "http://staging.example.test:8080";
+    endpoints.localServer = "http://127.0.0.1:9650";
+    endpoints.development = "https://dev.example.test";
+    return endpoints;
+}
+
+struct Row {
+    bool inProduction;
+    std::int64_t environment;
+    std::string baseURL;
+    std::string basePath;
+};
+
+class EnvironmentTable : public ::testing::Test {
+protected:
+    std::shared_ptr<KXTestPlatform> platform = KXTestPlatform::install();
+};
+
+}  // namespace
+
+TEST_F(EnvironmentTable, EachEnvironmentChoosesItsHostAndPath) {
+    KXClientFramework::setServiceEndpoints(distinctEndpoints());
+    KXClientFramework::sharedManager().setBusinessUnit("BU9");
+    const std::string bu = "/ZandrelService/rest/bu/BU9";
+    const std::vector<Row> rows = {
+        {false, 0, "https://dev.example.test", "/KXFrontier-stg"},
+        {false, 1, "http://test.example.test", bu},
+        {false, 2, "http://staging.example.test:8080", bu},
+        {false, 3, "http://127.0.0.1:9650", bu},
+        {false, 4, "https://dev.example.test", "/KXFrontier-stg"},
+        {false, 5, "https://dev.example.test", "/KXFrontier-devinteg"},
+        {false, 6, "https://dev.example.test", "/KXFrontier-stg"},
+        {false, -1, "https://dev.example.test", "/KXFrontier-stg"},
+    };
+    for (bool inProduction : {false, true}) {
+        KXConfig::defaultConfig().setInProduction(inProduction);
+        for (const Row& row : rows) {
+            KXClientFramework::setEnvironment(row.environment);
+            KXSessionManager manager;
+            const std::string expectedURL = inProduction ? "https://prod.example.test" : row.baseURL;
+            const std::string expectedPath = inProduction ? "/KXFrontier" : row.basePath;
+            EXPECT_EQ(manager.baseURL(), expectedURL)
+                << "environment " << row.environment << " inProduction " << inProduction;
+            EXPECT_EQ(KXSessionManager::kxBaseURI(), expectedPath)
+                << "environment " << row.environment << " inProduction " << inProduction;
+        }
+    }
+}
+
+TEST_F(EnvironmentTable, ThePathFollowsEveryChangeButTheHostOnlyAReset) {
+    KXClientFramework::setServiceEndpoints(distinctEndpoints());
+    KXSessionManager manager;
+    EXPECT_EQ(manager.baseURL(), "https://dev.example.test");
+
+    KXClientFramework::setEnvironment(1);
+    EXPECT_EQ(KXSessionManager::kxBaseURI(), "/ZandrelService/rest/bu/(null)")
+        << "an absent business unit is written the way the format writes nil";
+    EXPECT_EQ(manager.baseURL(), "https://dev.example.test");
+
+    manager.resetBaseURLToEnvironment(2);
+    EXPECT_EQ(KXClientFramework::sharedManager().environment(), 2);
+    EXPECT_EQ(manager.baseURL(), "http://staging.example.test:8080");
+
+    // Endpoints set after start-up reach the transport at its next reset.
+    KXServiceEndpoints moved = distinctEndpoints();
+    moved.staging = "http://moved.example.test";
+    KXClientFramework::setServiceEndpoints(moved);
+    EXPECT_EQ(manager.baseURL(), "http://staging.example.test:8080");
+    manager.configureBaseUrl();
+    EXPECT_EQ(manager.baseURL(), "http://moved.example.test");
+}
+
+TEST_F(EnvironmentTable, DefaultEndpointsNeverReachARealHost) {
+    const KXServiceEndpoints defaults;
+    for (const std::string* url : {&defaults.production, &defaults.test, &defaults.staging,
+                                   &defaults.development, &defaults.productionToken,
+                                   &defaults.stagingToken}) {
+        EXPECT_NE(url->find(".invalid"), std::string::npos) << *url;
+    }
+    EXPECT_EQ(defaults.localServer, "http://127.0.0.1:9650");
+}

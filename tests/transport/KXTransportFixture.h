@@ -1,0 +1,125 @@
+#pragma once
+
+#include "KXCapturingSink.h"
+#include "KXLoopbackService.h"
+#include "KXTestPlatform.h"
+
+#include <KXClientFramework/KXClientFramework.h>
+#include <KXClientFramework/KXConfig.h>
+#include <KXClientFramework/KXHTTPSessionManager.h>
+#include <KXClientFramework/KXLog.h>
+#include <KXClientFramework/KXLogSink.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// What came back from one verb call: how often each callback ran, on which thread, with what.
+struct KXCallOutcome {
+    int successes = 0;
+    int failures = 0;
+    bool allOnMainThread = true;
+    std::shared_ptr<const KXHTTPResponse> response;
+    KXJSON object;
+    std::optional<KXError> error;
+
+    int callbacks() const { return successes + failures; }
+};
+
+/// True when some captured log line contains `text`.
+inline bool logged(const KXCapturingSink& sink, std::string_view text) {
+    return !sink.linesContaining(text).empty();
+}
+
+/// A test platform, a loopback service that every endpoint points at, and helpers to call the
+/// shared transport and run the main queue until the answer arrived.
+class KXTransportTest : public ::testing::Test {
+protected:
+    static constexpr std::chrono::milliseconds kPatience{15000};
+
+    std::shared_ptr<KXTestPlatform> platform = KXTestPlatform::install();
+    KXLoopbackService service;
+
+    KXTransportTest() {
+        KXServiceEndpoints endpoints;
+        endpoints.production = service.baseURL();
+        endpoints.test = service.baseURL();
+        endpoints.staging = service.baseURL();
+        endpoints.localServer = service.baseURL();
+        endpoints.development = service.baseURL();
+        endpoints.productionToken = service.baseURL();
+        endpoints.stagingToken = service.baseURL();
+        KXClientFramework::setServiceEndpoints(endpoints);
+    }
+
+    KXHTTPSessionManager& transport() { return KXHTTPSessionManager::sharedManager(); }
+
+    /// Gives the transport a token that does not expire, so requests skip the token endpoint.
+    void giveToken(const std::string& token = "test-token") {
+        transport().setBearerToken(std::make_shared<KXBearerToken>(token, std::nullopt));
+    }
+
+    bool runUntil(const std::function<bool()>& done) {
+        return platform->mainQueue().runUntil(done, kPatience);
+    }
+
+    /// Runs the main queue until `done` holds, also for conditions that other threads change.
+    bool waitFor(const std::function<bool()>& done) {
+        const auto deadline = std::chrono::steady_clock::now() + kPatience;
+        while (!done()) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                return false;
+            }
+            platform->mainQueue().runFor(std::chrono::milliseconds(5));
+        }
+        return true;
+    }
+
+    /// Lets queued work run for a moment, to catch a callback that arrives twice.
+    void drain() { platform->mainQueue().runFor(std::chrono::milliseconds(50)); }
+
+    using Verb = void (KXHTTPSessionManager::*)(const std::string&, const KXJSON&,
+                                                KXHTTPSessionManager::SuccessBlock,
+                                                KXHTTPSessionManager::FailureBlock);
+
+    /// Starts a call whose outcome lands in `outcome`.
+    void start(Verb verb, const std::string& path, const KXJSON& parameters,
+               KXCallOutcome& outcome) {
+        (transport().*verb)(
+            path, parameters,
+            [this, &outcome](std::shared_ptr<const KXHTTPResponse> response, const KXJSON& object) {
+                ++outcome.successes;
+                outcome.allOnMainThread &= platform->mainQueue().isMainThread();
+                outcome.response = std::move(response);
+                outcome.object = object;
+            },
+            [this, &outcome](std::shared_ptr<const KXHTTPResponse> response, const KXError& error) {
+                ++outcome.failures;
+                outcome.allOnMainThread &= platform->mainQueue().isMainThread();
+                outcome.response = std::move(response);
+                outcome.error = error;
+            });
+    }
+
+    /// Calls and waits for the outcome; fails the test unless exactly one callback ran, on the
+    /// main thread.
+    KXCallOutcome call(Verb verb, const std::string& path, const KXJSON& parameters = nullptr) {
+        KXCallOutcome outcome;
+        start(verb, path, parameters, outcome);
+        EXPECT_TRUE(runUntil([&] { return outcome.callbacks() > 0; })) << "no callback for " << path;
+        drain();
+        EXPECT_EQ(outcome.callbacks(), 1) << path;
+        EXPECT_TRUE(outcome.allOnMainThread) << path;
+        return outcome;
+    }
+
+    KXCallOutcome get(const std::string& path, const KXJSON& parameters = nullptr) {
+        return call(&KXHTTPSessionManager::GET, path, parameters);
+    }
+};
