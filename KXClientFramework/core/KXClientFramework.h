@@ -139,7 +139,8 @@ public:
     // Life cycle.
 
     /// Observes the application's launch and termination on the default notification centre.
-    /// Runs by itself when the library is loaded; calling it again changes nothing.
+    /// Runs by itself when the library is loaded; only the first call registers, so each
+    /// handler runs at most once per process.
     static void load();
     /// The launch handler (runs once): with the library engaged, switches analytics on when the
     /// configuration asks for it and switches location by the configuration; otherwise logs

@@ -31,6 +31,7 @@ constexpr double kBackgroundFetchCoreFoundationVersion = 847.2;
 struct Engagement {
     std::mutex mutex;
     std::shared_ptr<KXClientFramework> sharedZandrel;
+    bool loaded = false;
     std::optional<KXNotificationCenter::Token> launchObserver;
     std::optional<KXNotificationCenter::Token> terminationObserver;
 };
@@ -289,17 +290,16 @@ void KXClientFramework::deleteUserDefaultsExternalIdForKey(const std::string& ke
 
 void KXClientFramework::load() {
     std::lock_guard lock(engagement().mutex);
+    if (std::exchange(engagement().loaded, true)) {
+        return;
+    }
     KXNotificationCenter& center = KXNotificationCenter::defaultCenter();
-    if (!engagement().launchObserver) {
-        engagement().launchObserver = center.addObserver(
-            KXApplicationEvent::DidFinishLaunching,
-            [](const KXNotification& n) { handleAppDidFinishLaunchingNotification(n); });
-    }
-    if (!engagement().terminationObserver) {
-        engagement().terminationObserver = center.addObserver(
-            KXApplicationEvent::WillTerminate,
-            [](const KXNotification& n) { handleAppTerminationNotification(n); });
-    }
+    engagement().launchObserver = center.addObserver(
+        KXApplicationEvent::DidFinishLaunching,
+        [](const KXNotification& n) { handleAppDidFinishLaunchingNotification(n); });
+    engagement().terminationObserver = center.addObserver(
+        KXApplicationEvent::WillTerminate,
+        [](const KXNotification& n) { handleAppTerminationNotification(n); });
 }
 
 void KXClientFramework::handleAppDidFinishLaunchingNotification(

@@ -19,7 +19,7 @@ bool everyObjectResponds(Callback callback) {
 // The answers to one background notification, shared by the completion handlers of its
 // receivers.
 struct FetchMerge {
-    std::shared_ptr<std::mutex> lock;
+    std::shared_ptr<std::recursive_mutex> lock;
     std::function<void(KXBackgroundFetchResult)> completionHandler;
     std::size_t expected = 0;
     std::size_t answered = 0;
@@ -29,7 +29,7 @@ struct FetchMerge {
 }  // namespace
 
 KXClientFrameworkAppDelegateProxy::KXClientFrameworkAppDelegateProxy()
-    : mergeLock_(std::make_shared<std::mutex>()) {}
+    : mergeLock_(std::make_shared<std::recursive_mutex>()) {}
 
 std::shared_ptr<KXApplicationDelegate> KXClientFrameworkAppDelegateProxy::originalAppDelegate()
     const {

@@ -86,6 +86,7 @@ private:
     std::shared_ptr<KXApplicationDelegate> originalAppDelegate_;
     std::shared_ptr<KXClientFrameworkAppDelegate> zandrelAppDelegate_;
     // The proxy's lock for merging background-notification answers; completion handlers share
-    // it, so it lives as long as the last of them.
-    std::shared_ptr<std::mutex> mergeLock_;
+    // it, so it lives as long as the last of them. Recursive, so that an application handler
+    // may complete another notification's receiver on the same thread.
+    std::shared_ptr<std::recursive_mutex> mergeLock_;
 };

@@ -356,6 +356,24 @@ TEST_F(KXAppDelegateProxyTest, AnswersFromManyThreadsCompleteExactlyOnce) {
     }
 }
 
+TEST_F(KXAppDelegateProxyTest, AnApplicationHandlerMayCompleteAnotherNotificationFromInsideTheMerge) {
+    install({Callback::DidReceiveRemoteNotificationWithCompletionHandler}, true);
+    std::vector<std::string> completed;
+    proxy->didReceiveRemoteNotification(application(), {{"n", 2}},
+                                        [&](Result) { completed.push_back("second"); });
+    Handler secondLibrary = library->handlers[0];
+    Handler secondApp = app->handlers[0];
+    proxy->didReceiveRemoteNotification(application(), {{"n", 1}}, [&](Result) {
+        // Still inside the merge of the first notification, on the same thread.
+        secondLibrary(Result::NoData);
+        secondApp(Result::NoData);
+        completed.push_back("first");
+    });
+    library->handlers[1](Result::NoData);
+    app->handlers[1](Result::NewData);
+    EXPECT_EQ(completed, (Strings{"second", "first"}));
+}
+
 TEST_F(KXAppDelegateProxyTest, TheLibraryDelegateNeverAnswersSoTheHandlerIsNotCalled) {
     // The application implements it and answers: expected 2, answered 1.
     install({Callback::DidReceiveRemoteNotificationWithCompletionHandler});
