@@ -39,10 +39,14 @@ public:
     std::chrono::system_clock::time_point now() const override;
     void set(std::chrono::system_clock::time_point time);
     void advance(std::chrono::system_clock::duration by);
+    /// Makes every reading move the clock on by `step` afterwards, as time passes between two
+    /// readings on a real device (zero by default: the clock stands still).
+    void setAdvancePerRead(std::chrono::system_clock::duration step);
 
 private:
     mutable std::mutex mutex_;
-    std::chrono::system_clock::time_point now_{std::chrono::seconds(1577836800)};
+    mutable std::chrono::system_clock::time_point now_{std::chrono::seconds(1577836800)};
+    std::chrono::system_clock::duration advancePerRead_{};
 };
 
 /// Records every alert instead of showing it.

@@ -397,7 +397,7 @@ TEST_F(TokenGate, ATokenAnswerWithoutJSONLeavesTheRequestWaitingForever) {
     start(&KXHTTPSessionManager::GET, "/inbox", nullptr, outcome);
     ASSERT_TRUE(service.waitForRequests(1, kPatience));
     // Let the token answer reach the main queue and be dropped there.
-    platform->mainQueue().runFor(300ms);
+    platform->asioMainQueue().runFor(300ms);
     EXPECT_EQ(outcome.callbacks(), 0);
     EXPECT_FALSE(transport().bearerToken());
     EXPECT_TRUE(service.requestsTo("/inbox").empty());

@@ -34,7 +34,7 @@ protected:
     void SetUp() override {
         client.initWithClientId("client-7", "secret-7");
         // Time passes between two readings of the clock, as it does on a real device.
-        platform->testClock().setAdvancePerRead(1us);
+        platform->fakeClock().setAdvancePerRead(1us);
     }
 
     struct Result {
@@ -105,13 +105,13 @@ TEST_F(OAuth2Client, TheTokenLifetimeSetsTheRenewalTick) {
     for (const KXJSON& response : {KXJSON{{"access_token", "forever"}, {"expires_in", nullptr}},
                                    KXJSON{{"access_token", "forever"}},
                                    KXJSON{{"access_token", "forever"}, {"expires_in", KXJSON::array()}}}) {
-        platform->testClock().set(std::chrono::system_clock::now());
+        platform->fakeClock().set(std::chrono::system_clock::now());
         client.saveBearerToken(response);
         EXPECT_GT(client.expireInMinutes(), 50'000'000) << response;
         auto token = transport().bearerToken();
         ASSERT_TRUE(token);
         EXPECT_EQ(token->token(), "forever");
-        platform->testClock().advance(std::chrono::hours(24 * 365 * 100));
+        platform->fakeClock().advance(std::chrono::hours(24 * 365 * 100));
         EXPECT_FALSE(token->isExpired()) << response;
     }
 
@@ -123,13 +123,13 @@ TEST_F(OAuth2Client, TheTokenLifetimeSetsTheRenewalTick) {
 }
 
 TEST_F(OAuth2Client, ATokenExpiresOnlyStrictlyAfterItsDate) {
-    platform->testClock().setAdvancePerRead({});
+    platform->fakeClock().setAdvancePerRead({});
     const auto now = platform->clock().now();
     EXPECT_FALSE(KXBearerToken("t", now).isExpired());
     EXPECT_TRUE(KXBearerToken("t", now - 1ns).isExpired());
     EXPECT_FALSE(KXBearerToken("t", now + 1ns).isExpired());
     EXPECT_FALSE(KXBearerToken("t", std::nullopt).isExpired());
-    platform->testClock().advance(1ns);
+    platform->fakeClock().advance(1ns);
     EXPECT_TRUE(KXBearerToken("t", now).isExpired());
 }
 
@@ -234,7 +234,7 @@ TEST_F(OAuth2Client, ASuccessfulAnswerWithoutJSONIsDropped) {
     int calls = 0;
     client.authenticateWithSuccess([&] { ++calls; }, [&](const KXError&) { ++calls; });
     ASSERT_TRUE(service.waitForRequests(1, kPatience));
-    platform->mainQueue().runFor(300ms);
+    platform->asioMainQueue().runFor(300ms);
     EXPECT_EQ(calls, 0);
     EXPECT_FALSE(transport().bearerToken());
     EXPECT_FALSE(KXOAuthCredential::retrieveCredentialWithIdentifier(client.keychainId()));

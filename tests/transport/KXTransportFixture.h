@@ -66,7 +66,7 @@ protected:
     }
 
     bool runUntil(const std::function<bool()>& done) {
-        return platform->mainQueue().runUntil(done, kPatience);
+        return platform->asioMainQueue().runUntil(done, kPatience);
     }
 
     /// Runs the main queue until `done` holds, also for conditions that other threads change.
@@ -76,13 +76,13 @@ protected:
             if (std::chrono::steady_clock::now() > deadline) {
                 return false;
             }
-            platform->mainQueue().runFor(std::chrono::milliseconds(5));
+            platform->asioMainQueue().runFor(std::chrono::milliseconds(5));
         }
         return true;
     }
 
     /// Lets queued work run for a moment, to catch a callback that arrives twice.
-    void drain() { platform->mainQueue().runFor(std::chrono::milliseconds(50)); }
+    void drain() { platform->asioMainQueue().runFor(std::chrono::milliseconds(50)); }
 
     using Verb = void (KXHTTPSessionManager::*)(const std::string&, const KXJSON&,
                                                 KXHTTPSessionManager::SuccessBlock,
