@@ -14,8 +14,8 @@ using Clock = std::chrono::steady_clock;
 // Every transition bumps `generation`, so a wait armed before a suspend or cancel finds itself
 // stale when it completes and does nothing.
 struct KXBackgroundTimer::State : std::enable_shared_from_this<State> {
-    State(asio::any_io_executor executor, double seconds, std::function<void()> completion)
-        : timer(std::move(executor)),
+    State(const asio::any_io_executor& executor, double seconds, std::function<void()> completion)
+        : timer(executor),
           intervalSeconds(seconds),
           interval(std::chrono::duration_cast<Clock::duration>(
               std::chrono::duration<double>(seconds > 0 ? seconds : 0))),
@@ -143,4 +143,6 @@ bool KXBackgroundTimer::isCancelled() const {
     return state_->cancelled;
 }
 
-double KXBackgroundTimer::interval() const { return state_->intervalSeconds; }
+double KXBackgroundTimer::interval() const {
+    return state_->intervalSeconds;
+}

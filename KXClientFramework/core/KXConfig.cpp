@@ -190,8 +190,8 @@ void KXConfig::applyConfiguration(const KXJSON& configuration) {
 
     auto interval = values.find("analyticsSessionInterval");
     const std::int64_t seconds = interval == values.end() ? 0 : integerValue(*interval);
-    analyticsSessionInterval_ = seconds > kMinimumSessionInterval - 1 ? seconds
-                                                                      : kMinimumSessionInterval;
+    analyticsSessionInterval_ =
+        seconds > kMinimumSessionInterval - 1 ? seconds : kMinimumSessionInterval;
 }
 
 bool KXConfig::configWithContentsOfFile(const std::optional<std::filesystem::path>& path,

@@ -12,7 +12,9 @@ namespace {
 constexpr const char* kLogFileName = "ZandrelSDK.log";
 }
 
-KXDiskLogger::KXDiskLogger() { KXLog::systemLog("DISKLogger Created"); }
+KXDiskLogger::KXDiskLogger() {
+    KXLog::systemLog("DISKLogger Created");
+}
 
 std::filesystem::path KXDiskLogger::logFilePath() {
     return KXPlatform::current().cachesDirectory() / kLogFileName;

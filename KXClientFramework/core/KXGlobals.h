@@ -23,7 +23,8 @@ extern KX_EXPORT std::atomic<bool> analyticsEnabled;
 extern KX_EXPORT const std::int64_t inboxPageSize;  // 20
 extern KX_EXPORT const std::int64_t listPageSize;   // 20
 extern KX_EXPORT const double KXClientFrameworkVersionNumber;
-extern KX_EXPORT const char KXClientFrameworkVersionString[];
+extern KX_EXPORT const char
+    KXClientFrameworkVersionString[];  // NOLINT(modernize-avoid-c-arrays): a C string by contract
 extern KX_EXPORT const char* const KX_IOS_SDK_VERSION_STRING;  // "1.0.8.1"
 extern KX_EXPORT const char* const InboxEmptyCellReuseIdentifier;
 extern KX_EXPORT const char* const ListCellReuseIdentifier;

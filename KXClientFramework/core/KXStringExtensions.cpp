@@ -1,5 +1,7 @@
 #include <KXClientFramework/KXStringExtensions.h>
 
+#include <string_view>
+
 bool KXStringExtensions::stringIsNilOrEmpty(const KXJSON& value) {
     return !value.is_string() || value.get_ref<const std::string&>().empty();
 }
@@ -10,7 +12,7 @@ std::optional<std::string> KXStringExtensions::urlEncode(const KXJSON& value) {
     }
     // Characters that are illegal in a URL are always escaped; the reserved characters
     // !*'();:@&=+$,/?%#[] and the blank are escaped as well. What stays is the unreserved set.
-    static constexpr char kHex[] = "0123456789ABCDEF";
+    static constexpr std::string_view kHex = "0123456789ABCDEF";
     const auto& text = value.get_ref<const std::string&>();
     std::string encoded;
     encoded.reserve(text.size() * 3);

@@ -71,14 +71,15 @@ TEST(KXConfig, LoadsEveryKeyOfAnXMLPropertyListThroughAnyInstance) {
 }
 
 TEST(KXConfig, LoadsABinaryPropertyList) {
-    const KXJSON values = {{"appId", "binary-app"}, {"inProduction", true},
-                           {"analyticsSessionInterval", 120}};
+    const KXJSON values = {
+        {"appId", "binary-app"}, {"inProduction", true}, {"analyticsSessionInterval", 120}};
     const auto binary = KXPropertyList::toBinary(values);
     const auto directory = kxtest::scratchDirectory("binary");
     kxtest::writeBytes(directory / "plain.bplist", binary);
     kxtest::sealWithOpenSSL(directory / "plain.bplist", directory / "KXConfig.enc", kKey);
 
-    ASSERT_TRUE(KXConfig::defaultConfig().configWithContentsOfFile(directory / "KXConfig.enc", kKey));
+    ASSERT_TRUE(
+        KXConfig::defaultConfig().configWithContentsOfFile(directory / "KXConfig.enc", kKey));
     EXPECT_EQ(KXConfig::defaultConfig().appId(), "binary-app");
     EXPECT_TRUE(KXConfig::defaultConfig().inProduction());
     EXPECT_EQ(KXConfig::defaultConfig().analyticsSessionInterval(), 120);
@@ -86,11 +87,16 @@ TEST(KXConfig, LoadsABinaryPropertyList) {
 
 TEST(KXConfig, SessionIntervalHasAFloorOfNinety) {
     const std::pair<std::string, std::int64_t> table[] = {
-        {"<integer>89</integer>", 90},     {"<integer>90</integer>", 90},
-        {"<integer>91</integer>", 91},     {"<integer>-5</integer>", 90},
-        {"<integer>0</integer>", 90},      {"<real>91.9</real>", 91},
-        {"<string>120</string>", 120},     {"<string> 95s</string>", 95},
-        {"<string>soon</string>", 90},     {"<true/>", 90},
+        {"<integer>89</integer>", 90},
+        {"<integer>90</integer>", 90},
+        {"<integer>91</integer>", 91},
+        {"<integer>-5</integer>", 90},
+        {"<integer>0</integer>", 90},
+        {"<real>91.9</real>", 91},
+        {"<string>120</string>", 120},
+        {"<string> 95s</string>", 95},
+        {"<string>soon</string>", 90},
+        {"<true/>", 90},
         {"<integer>99999999999</integer>", 99999999999},
     };
     for (const auto& [value, expected] : table) {
@@ -101,7 +107,8 @@ TEST(KXConfig, SessionIntervalHasAFloorOfNinety) {
 }
 
 TEST(KXConfig, BooleanReadingFollowsThePlatformConversion) {
-    for (const char* yes : {"YES", "yes", "Y", "true", "T", "t", "1", "9lives", " 7", "+3", "007"}) {
+    for (const char* yes :
+         {"YES", "yes", "Y", "true", "T", "t", "1", "9lives", " 7", "+3", "007"}) {
         EXPECT_TRUE(KXConfig::boolValue(yes)) << yes;
     }
     for (const char* no : {"NO", "no", "false", "F", "0", "", "  ", "abc", "000", "-0", "x1"}) {
@@ -169,8 +176,9 @@ TEST_F(KXConfigDeathTest, DamagedOrForeignFilesStopTheProcess) {
     auto bytes = kxtest::readBytes(sealed(xmlPropertyList(kFullEntries)));
     bytes.resize(bytes.size() - 7);
     kxtest::writeBytes(directory / "truncated.enc", bytes);
-    EXPECT_DEATH(KXConfig::defaultConfig().configWithContentsOfFile(directory / "truncated.enc", kKey),
-                 "configurationFile");
+    EXPECT_DEATH(
+        KXConfig::defaultConfig().configWithContentsOfFile(directory / "truncated.enc", kKey),
+        "configurationFile");
 
     // Opens with the key, but what is inside is not a property list.
     kxtest::writeText(directory / "notes.txt", "just some text, not a property list");

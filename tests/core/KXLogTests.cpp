@@ -36,7 +36,7 @@ std::string readFile(const std::filesystem::path& path) {
 }
 
 class KXLogTest : public testing::Test {
-protected:
+  protected:
     void SetUp() override {
         kxLoggingEnabled = true;
         kxLoggingToDiskEnabled = false;
@@ -106,9 +106,8 @@ TEST_F(KXLogTest, LineCarriesLevelFunctionAndLine) {
     kxLogLevel = 1;
     const int line = LogEmitter::emitAllLevels();
     ASSERT_EQ(sink->lines().size(), 1u);
-    EXPECT_EQ(sink->lines()[0],
-              "[ERROR] {anonymous}::LogEmitter::emitAllLevels [Line " + std::to_string(line) +
-                  "] error 1");
+    EXPECT_EQ(sink->lines()[0], "[ERROR] {anonymous}::LogEmitter::emitAllLevels [Line " +
+                                    std::to_string(line) + "] error 1");
 }
 
 TEST_F(KXLogTest, GatedLinesAreNeverFormatted) {
@@ -131,8 +130,7 @@ TEST(KXLogFunctionName, StripsReturnTypeParametersAndLambdaSuffix) {
               "KXDevice::saveDeviceToken");
     EXPECT_EQ(KXLog::functionName("std::function<void(int)> KXA::make(int) const"), "KXA::make");
     EXPECT_EQ(KXLog::functionName("KXFoo::bar()::<lambda()>"), "KXFoo::bar");
-    EXPECT_EQ(KXLog::functionName("static std::map<int, std::pair<int, int> > KXB::c()"),
-              "KXB::c");
+    EXPECT_EQ(KXLog::functionName("static std::map<int, std::pair<int, int> > KXB::c()"), "KXB::c");
     EXPECT_EQ(KXLog::functionName("main"), "main");
 }
 

@@ -39,7 +39,8 @@ TEST(KXDateExtensions, TruncatesToTheMinuteInUTC) {
 
     // Before 1970 the minute still starts earlier, not later.
     const auto old = sys_days{1969y / December / 31} + 23h + 59min + 30s;
-    EXPECT_EQ(KXDateExtensions::dateInUTCFromDate(old), sys_days{1969y / December / 31} + 23h + 59min);
+    EXPECT_EQ(KXDateExtensions::dateInUTCFromDate(old),
+              sys_days{1969y / December / 31} + 23h + 59min);
 }
 
 TEST(KXDateExtensions, LogsTheResultAtDebug) {

@@ -41,4 +41,6 @@ KXTestDirectories::~KXTestDirectories() {
     }
 }
 
-const std::filesystem::path& KXTestDirectories::current() { return currentRoot(); }
+const std::filesystem::path& KXTestDirectories::current() {
+    return currentRoot();
+}

@@ -24,13 +24,14 @@ std::string readText(const std::filesystem::path& path) {
 // Decrypts with the openssl tool; empty on failure.
 std::string opensslOpen(const std::filesystem::path& sealed, const std::string& password) {
     const auto out = sealed.string() + ".plain";
-    const int status = kxtest::run("openssl enc -d -aes-256-cbc -md md5 -pass 'pass:" + password +
-                                   "' -in '" + sealed.string() + "' -out '" + out + "' 2>/dev/null");
+    const int status =
+        kxtest::run("openssl enc -d -aes-256-cbc -md md5 -pass 'pass:" + password + "' -in '" +
+                    sealed.string() + "' -out '" + out + "' 2>/dev/null");
     return status == 0 ? readText(out) : std::string();
 }
 
 class KXConfigTool : public testing::Test {
-protected:
+  protected:
     std::filesystem::path directory = kxtest::scratchDirectory("kxconfig");
     std::filesystem::path sealedFile = directory / "KXConfig.enc";
 
@@ -48,7 +49,8 @@ TEST_F(KXConfigTool, SealWritesAnXMLPropertyListThatOpenSSLOpens) {
     sealJSON({{"appId", "a1"}, {"inProduction", true}, {"analyticsSessionInterval", 45}});
     const std::string plain = opensslOpen(sealedFile, kKey);
     EXPECT_NE(plain.find("<?xml"), std::string::npos) << plain;
-    const auto parsed = KXPropertyList::parse(std::vector<std::uint8_t>(plain.begin(), plain.end()));
+    const auto parsed =
+        KXPropertyList::parse(std::vector<std::uint8_t>(plain.begin(), plain.end()));
     ASSERT_TRUE(parsed);
     EXPECT_EQ((*parsed)["appId"], "a1");
     EXPECT_EQ((*parsed)["inProduction"], true);
@@ -58,7 +60,8 @@ TEST_F(KXConfigTool, SealWritesAnXMLPropertyListThatOpenSSLOpens) {
 TEST_F(KXConfigTool, SealAcceptsXMLAndBinaryPropertyLists) {
     kxtest::writeText(directory / "in.plist",
                       kxtest::xmlPropertyList("<key>appId</key><string>from-xml</string>\n"));
-    kxtest::writeBytes(directory / "in.bplist", KXPropertyList::toBinary({{"appId", "from-binary"}}));
+    kxtest::writeBytes(directory / "in.bplist",
+                       KXPropertyList::toBinary({{"appId", "from-binary"}}));
     for (const char* name : {"in.plist", "in.bplist"}) {
         const auto out = directory / (std::string(name) + ".enc");
         ASSERT_EQ(kxconfig({"seal", "--key", kKey, (directory / name).string(), "-o", out.string()})
@@ -73,8 +76,8 @@ TEST_F(KXConfigTool, SealAcceptsXMLAndBinaryPropertyLists) {
 
 TEST_F(KXConfigTool, SealRefusesInputThatIsNoConfiguration) {
     kxtest::writeText(directory / "list.json", "[1, 2]");
-    const auto result = kxconfig({"seal", "--key", kKey, (directory / "list.json").string(), "-o",
-                                  sealedFile.string()});
+    const auto result = kxconfig(
+        {"seal", "--key", kKey, (directory / "list.json").string(), "-o", sealedFile.string()});
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_FALSE(std::filesystem::exists(sealedFile));
     EXPECT_EQ(kxconfig({"seal", "--key", kKey, (directory / "absent.json").string()}).exitCode, 1);
@@ -152,7 +155,8 @@ TEST_F(KXConfigTool, SaltedWithKeyAndIVIsRawCBC) {
                           (directory / "raw.enc").string() + "'"),
               0);
     EXPECT_EQ(ours.out, readText(directory / "raw.enc"));
-    const auto back = kxconfig({"decrypt", "--format", "salted", "--key", key, "--iv", iv}, ours.out);
+    const auto back =
+        kxconfig({"decrypt", "--format", "salted", "--key", key, "--iv", iv}, ours.out);
     EXPECT_EQ(back.out, plain);
 }
 
@@ -186,7 +190,8 @@ TEST_F(KXConfigTool, UsageErrorsExitWithTwoAndHelpWithZero) {
     EXPECT_EQ(kxconfig({"open", "file.enc"}).exitCode, 2) << "missing --key";
     EXPECT_EQ(kxconfig({"encrypt", "--format", "salted"}).exitCode, 2);
     EXPECT_EQ(kxconfig({"encrypt", "--format", "rot13", "--password", "x"}).exitCode, 2);
-    EXPECT_EQ(kxconfig({"encrypt", "--format", "v3", "--password", "x", "--key", "00"}).exitCode, 2);
+    EXPECT_EQ(kxconfig({"encrypt", "--format", "v3", "--password", "x", "--key", "00"}).exitCode,
+              2);
     for (const char* command : {"seal", "open", "check", "encrypt", "decrypt"}) {
         const auto help = kxconfig({command, "--help"});
         EXPECT_EQ(help.exitCode, 0) << command;
@@ -196,7 +201,8 @@ TEST_F(KXConfigTool, UsageErrorsExitWithTwoAndHelpWithZero) {
 }
 
 TEST_F(KXConfigTool, BadHexIsAFailureNotACrash) {
-    const auto result = kxconfig({"encrypt", "--format", "salted", "--key", "zz", "--iv", "00"}, "x");
+    const auto result =
+        kxconfig({"encrypt", "--format", "salted", "--key", "zz", "--iv", "00"}, "x");
     EXPECT_EQ(result.exitCode, 1);
     EXPECT_NE(result.err.find("--key"), std::string::npos);
 }

@@ -5,6 +5,7 @@
 #include <KXClientFramework/KXPropertyList.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -17,10 +18,10 @@ namespace {
 std::vector<std::uint8_t> readInput(const std::string& path) {
     if (path.empty() || path == "-") {
         std::vector<std::uint8_t> bytes;
-        char buffer[1 << 16];
+        std::array<char, 1 << 16> buffer{};
         std::size_t count = 0;
-        while ((count = std::fread(buffer, 1, sizeof buffer, stdin)) > 0) {
-            bytes.insert(bytes.end(), buffer, buffer + count);
+        while ((count = std::fread(buffer.data(), 1, buffer.size(), stdin)) > 0) {
+            bytes.insert(bytes.end(), buffer.data(), buffer.data() + count);
         }
         if (std::ferror(stdin)) {
             throw Failure("cannot read standard input");
@@ -101,8 +102,7 @@ int seal(const SealOptions& options) {
     const std::string xml = KXPropertyList::toXML(configuration);
     Keys keys;
     keys.password = options.key;
-    writeOutput(options.output,
-                kxconfig::encrypt(Format::Salted, keys, {xml.begin(), xml.end()}));
+    writeOutput(options.output, kxconfig::encrypt(Format::Salted, keys, {xml.begin(), xml.end()}));
     return 0;
 }
 

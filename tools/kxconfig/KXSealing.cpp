@@ -1,8 +1,8 @@
 #include "KXSealing.h"
 
 #include <KXClientFramework/TZDecryptor.h>
-#include <KXClientFramework/TZOpenSSLDecryptor.h>
 #include <KXClientFramework/TZEncryptor.h>
+#include <KXClientFramework/TZOpenSSLDecryptor.h>
 #include <KXClientFramework/TZOpenSSLEncryptor.h>
 
 namespace kxconfig {
@@ -13,8 +13,8 @@ namespace {
                   " " + std::to_string(error.code) + ")");
 }
 
-std::vector<std::uint8_t> result(std::optional<std::vector<std::uint8_t>> output, const KXError& error,
-                                 const char* what) {
+std::vector<std::uint8_t> result(std::optional<std::vector<std::uint8_t>> output,
+                                 const KXError& error, const char* what) {
     if (!output) {
         fail(what, error);
     }
@@ -25,9 +25,15 @@ std::vector<std::uint8_t> result(std::optional<std::vector<std::uint8_t>> output
 
 std::vector<std::uint8_t> parseHex(const std::string& text, const char* what) {
     auto nibble = [&](char c) -> std::uint8_t {
-        if (c >= '0' && c <= '9') return static_cast<std::uint8_t>(c - '0');
-        if (c >= 'a' && c <= 'f') return static_cast<std::uint8_t>(c - 'a' + 10);
-        if (c >= 'A' && c <= 'F') return static_cast<std::uint8_t>(c - 'A' + 10);
+        if (c >= '0' && c <= '9') {
+            return static_cast<std::uint8_t>(c - '0');
+        }
+        if (c >= 'a' && c <= 'f') {
+            return static_cast<std::uint8_t>(c - 'a' + 10);
+        }
+        if (c >= 'A' && c <= 'F') {
+            return static_cast<std::uint8_t>(c - 'A' + 10);
+        }
         throw Failure(std::string(what) + " is not hexadecimal");
     };
     if (text.size() % 2 != 0) {
@@ -76,13 +82,13 @@ std::vector<std::uint8_t> encrypt(Format format, const Keys& keys,
                       error, "cannot encrypt");
     }
     if (keys.password) {
-        return result(TZEncryptor::encryptData(input, kTZCryptorAES256Settings, *keys.password,
-                                               &error),
-                      error, "cannot seal");
+        return result(
+            TZEncryptor::encryptData(input, kTZCryptorAES256Settings, *keys.password, &error),
+            error, "cannot seal");
     }
-    return result(TZEncryptor::encryptData(input, kTZCryptorAES256Settings, keys.key,
-                                           keys.hmacKey, &error),
-                  error, "cannot seal");
+    return result(
+        TZEncryptor::encryptData(input, kTZCryptorAES256Settings, keys.key, keys.hmacKey, &error),
+        error, "cannot seal");
 }
 
 }  // namespace kxconfig

@@ -30,11 +30,10 @@ CLI::App* addCryptCommand(CLI::App& app, const char* name, const char* descripti
     command->add_option("--format", arguments.format, "salted or v3")
         ->required()
         ->check(CLI::IsMember({"salted", "v3"}));
-    auto* password = command->add_option("--password", arguments.password,
-                                          "derive the keys from this password");
+    auto* password =
+        command->add_option("--password", arguments.password, "derive the keys from this password");
     auto* key = command->add_option("--key", arguments.key, "encryption key, hexadecimal");
-    command->add_option("--hmac-key", arguments.hmacKey, "HMAC key, hexadecimal (v3)")
-        ->needs(key);
+    command->add_option("--hmac-key", arguments.hmacKey, "HMAC key, hexadecimal (v3)")->needs(key);
     command->add_option("--iv", arguments.iv, "IV, hexadecimal")->needs(key);
     password->excludes(key);
     key->excludes(password);
@@ -45,8 +44,8 @@ CLI::App* addCryptCommand(CLI::App& app, const char* name, const char* descripti
 
 kxconfig::CryptOptions cryptOptions(const CryptArguments& arguments) {
     kxconfig::CryptOptions options;
-    options.format = arguments.format == "v3" ? kxconfig::Format::Version3
-                                              : kxconfig::Format::Salted;
+    options.format =
+        arguments.format == "v3" ? kxconfig::Format::Version3 : kxconfig::Format::Salted;
     if (!arguments.password.empty()) {
         options.keys.password = arguments.password;
     } else {
@@ -70,8 +69,7 @@ int main(int argc, char** argv) {
     seal->add_option("--key", sealOptions.key, "the application key")->required();
     seal->add_option("INPUT", sealOptions.input, "property list (XML or binary) or JSON object")
         ->required();
-    seal->add_option("-o,--output", sealOptions.output, "output file")
-        ->capture_default_str();
+    seal->add_option("-o,--output", sealOptions.output, "output file")->capture_default_str();
 
     kxconfig::OpenOptions openOptions;
     auto* open = app.add_subcommand("open", "Print a sealed configuration as JSON or XML");
@@ -105,8 +103,7 @@ int main(int argc, char** argv) {
         for (auto* command : {encrypt, decrypt}) {
             const auto& arguments = command == encrypt ? encryptArguments : decryptArguments;
             if (command->parsed() && arguments.password.empty() && arguments.key.empty()) {
-                std::cerr << "kxconfig: " << command->get_name()
-                          << " needs --password or --key\n";
+                std::cerr << "kxconfig: " << command->get_name() << " needs --password or --key\n";
                 return kUsage;
             }
         }
