@@ -93,7 +93,7 @@ public:
     /// The password bytes are its UTF-8 form; with `hasV2Password` only its first n bytes, n
     /// being the password's length in UTF-16 units, as version-2 containers were written (a
     /// non-ASCII password is thereby cut short). A derivation the parameters do not allow
-    /// leaves the key all zero.
+    /// leaves the key all zero; a `keySize` above 1 MiB gives an empty key.
     static std::vector<std::uint8_t> keyForPassword(std::string_view password,
                                                     std::span<const std::uint8_t> salt,
                                                     const TZCryptorKeyDerivationSettings& settings);

@@ -4,6 +4,7 @@
 
 #include "crypto/internal/TZHMAC.h"
 #include "crypto/internal/TZKeyDerivation.h"
+#include "crypto/internal/TZSettingsLimits.h"
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -182,6 +183,9 @@ int TZ_CCKeyDerivationPBKDF(std::uint32_t algorithm, const char* password,
 std::vector<std::uint8_t> TZCryptor::keyForPassword(std::string_view password,
                                                     std::span<const std::uint8_t> salt,
                                                     const TZCryptorKeyDerivationSettings& settings) {
+    if (settings.keySize > kTZMaxSettingSize) {
+        return {};
+    }
     std::vector<std::uint8_t> key(settings.keySize, 0);
     const std::string_view bytes =
         settings.hasV2Password ? password.substr(0, utf16Length(password)) : password;

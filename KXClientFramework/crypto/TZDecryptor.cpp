@@ -3,6 +3,7 @@
 #include "crypto/internal/TZCryptorErrors.h"
 #include "crypto/internal/TZHMAC.h"
 #include "crypto/internal/TZSecrets.h"
+#include "crypto/internal/TZSettingsLimits.h"
 
 #include <algorithm>
 
@@ -211,6 +212,10 @@ void TZDecryptor::consumeHeaderFromData(std::vector<std::uint8_t>& data) {
         return;
     }
     const TZCryptorSettings settings = this->settings();
+    if (!TZSettingsAreUsable(settings)) {
+        cleanupAndNotifyWithError(TZStatusError(TZCryptorStatusParamError));
+        return;
+    }
     const bool hasPassword = (options() & TZCryptorOptionHasPassword) != 0;
     std::uint64_t headerLength = saturatingAdd(2, settings.IVSize);
     if (hasPassword) {

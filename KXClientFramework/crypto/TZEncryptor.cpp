@@ -3,6 +3,7 @@
 #include "crypto/internal/TZCryptorErrors.h"
 #include "crypto/internal/TZHMAC.h"
 #include "crypto/internal/TZSecrets.h"
+#include "crypto/internal/TZSettingsLimits.h"
 
 #include <algorithm>
 
@@ -28,6 +29,10 @@ TZEncryptor::~TZEncryptor() = default;
 bool TZEncryptor::setUpWithKeys(const TZCryptorSettings& settings,
                                 std::span<const std::uint8_t> encryptionKey,
                                 std::span<const std::uint8_t> HMACKey, std::span<const std::uint8_t> IV) {
+    if (!TZSettingsAreUsable(settings)) {
+        cleanupAndNotifyWithError(TZStatusError(TZCryptorStatusParamError));
+        return false;
+    }
     IV_.assign(IV.begin(), IV.end());
     if (!HMACKey.empty()) {
         HMAC_ = TZHMAC::start(settings.HMACAlgorithm, HMACKey);
@@ -50,6 +55,10 @@ bool TZEncryptor::setUpWithPassword(const TZCryptorSettings& settings, std::stri
                                     std::span<const std::uint8_t> IV,
                                     std::span<const std::uint8_t> encryptionSalt,
                                     std::span<const std::uint8_t> HMACSalt) {
+    if (!TZSettingsAreUsable(settings)) {
+        cleanupAndNotifyWithError(TZStatusError(TZCryptorStatusParamError));
+        return false;
+    }
     auto encryptionKey = keyForPassword(password, encryptionSalt, settings.keySettings);
     auto HMACKey = keyForPassword(password, HMACSalt, settings.HMACKeySettings);
     const bool ready = setUpWithKeys(settings, encryptionKey, HMACKey, IV);
@@ -68,6 +77,9 @@ bool TZEncryptor::setUpWithPassword(const TZCryptorSettings& settings, std::stri
 std::shared_ptr<TZEncryptor> TZEncryptor::initWithSettings(const TZCryptorSettings& settings,
                                                            std::string_view password,
                                                            TZCryptorHandler handler) {
+    if (!TZSettingsAreUsable(settings)) {
+        return initWithSettings(settings, password, {}, {}, {}, std::move(handler));  // fails
+    }
     const auto IV = randomDataOfLength(settings.IVSize);
     const auto encryptionSalt = randomDataOfLength(settings.keySettings.saltSize);
     const auto HMACSalt = randomDataOfLength(settings.HMACKeySettings.saltSize);
@@ -88,6 +100,9 @@ std::shared_ptr<TZEncryptor> TZEncryptor::initWithSettings(const TZCryptorSettin
                                                            std::span<const std::uint8_t> encryptionKey,
                                                            std::span<const std::uint8_t> HMACKey,
                                                            TZCryptorHandler handler) {
+    if (!TZSettingsAreUsable(settings)) {
+        return initWithSettings(settings, encryptionKey, HMACKey, {}, std::move(handler));  // fails
+    }
     const auto IV = randomDataOfLength(settings.IVSize);
     return initWithSettings(kTZCryptorAES256Settings, encryptionKey, HMACKey, IV, std::move(handler));
 }
@@ -105,6 +120,9 @@ std::optional<std::vector<std::uint8_t>> TZEncryptor::encryptData(std::span<cons
                                                                   const TZCryptorSettings& settings,
                                                                   std::string_view password,
                                                                   KXError* error) {
+    if (!TZSettingsAreUsable(settings)) {
+        return encryptData(data, settings, password, {}, {}, {}, error);  // reports the settings
+    }
     const auto IV = randomDataOfLength(settings.IVSize);
     const auto encryptionSalt = randomDataOfLength(settings.keySettings.saltSize);
     const auto HMACSalt = randomDataOfLength(settings.HMACKeySettings.saltSize);
@@ -125,6 +143,9 @@ std::optional<std::vector<std::uint8_t>> TZEncryptor::encryptData(
 std::optional<std::vector<std::uint8_t>> TZEncryptor::encryptData(
     std::span<const std::uint8_t> data, const TZCryptorSettings& settings,
     std::span<const std::uint8_t> encryptionKey, std::span<const std::uint8_t> HMACKey, KXError* error) {
+    if (!TZSettingsAreUsable(settings)) {
+        return encryptData(data, settings, encryptionKey, HMACKey, {}, error);  // reports the settings
+    }
     const auto IV = randomDataOfLength(settings.IVSize);
     return encryptData(data, kTZCryptorAES256Settings, encryptionKey, HMACKey, IV, error);
 }

@@ -1,6 +1,8 @@
 #include <KXClientFramework/TZOpenSSLEncryptor.h>
 
+#include "crypto/internal/TZCryptorErrors.h"
 #include "crypto/internal/TZSecrets.h"
+#include "crypto/internal/TZSettingsLimits.h"
 
 #include <cstring>
 
@@ -20,6 +22,10 @@ bool TZOpenSSLEncryptor::setUpWithKeyAndIV(const TZCryptorSettings& settings,
 }
 
 bool TZOpenSSLEncryptor::setUpWithPassword(const TZCryptorSettings& settings, std::string_view password) {
+    if (!TZKeySettingsAreUsable(settings.keySettings)) {
+        cleanupAndNotifyWithError(TZStatusError(TZCryptorStatusParamError));
+        return false;
+    }
     const auto salt = randomDataOfLength(settings.keySettings.saltSize);
     auto key = TZOpenSSLCryptorGetKey(password, salt, settings.keySettings);
     auto IV = TZOpenSSLCryptorGetIV(key, password, salt, settings.keySettings);

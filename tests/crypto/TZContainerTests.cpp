@@ -188,6 +188,35 @@ TEST(TZEncryptor, SetUpFailuresAreReported) {
     EXPECT_EQ(error.code, TZCryptorStatusParamError);
 }
 
+TEST(TZEncryptor, HugeSettingsAreRefusedNotAllocated) {
+    for (const auto change : {+[](TZCryptorSettings& s) { s.IVSize = std::uint64_t{1} << 40; },
+                              +[](TZCryptorSettings& s) { s.keySettings.saltSize = std::uint64_t{1} << 50; },
+                              +[](TZCryptorSettings& s) { s.HMACKeySettings.keySize = std::uint64_t{1} << 62; },
+                              +[](TZCryptorSettings& s) { s.HMACLength = std::uint64_t{1} << 40; }}) {
+        TZCryptorSettings settings = kTZCryptorAES256Settings;
+        change(settings);
+        KXError error;
+        EXPECT_FALSE(TZEncryptor::encryptData(bytesOf("x"), settings, "pw", &error));
+        EXPECT_EQ(error.code, TZCryptorStatusParamError);
+        EXPECT_EQ(TZEncryptor::initWithSettings(settings, "pw", {}), nullptr);
+
+        // Opening: refused once the header is there.
+        error = {};
+        EXPECT_FALSE(TZDecryptor::decryptData(passwordContainer(3, "pw", bytesOf("x")), settings, "pw", &error));
+        EXPECT_EQ(error.code, TZCryptorStatusParamError);
+    }
+    TZCryptorSettings hugeIV = kTZCryptorAES256Settings;
+    hugeIV.IVSize = std::uint64_t{1} << 40;
+    KXError error;
+    EXPECT_FALSE(TZEncryptor::encryptData(bytesOf("x"), hugeIV, kEncryptionKey, kHMACKey, &error));
+    EXPECT_EQ(error.code, TZCryptorStatusParamError);
+    EXPECT_EQ(TZEncryptor::initWithSettings(hugeIV, kEncryptionKey, kHMACKey, {}), nullptr);
+
+    TZCryptorKeyDerivationSettings hugeKey = kTZCryptorAES256Settings.keySettings;
+    hugeKey.keySize = std::uint64_t{1} << 40;
+    EXPECT_TRUE(TZCryptor::keyForPassword("pw", kEncryptionSalt, hugeKey).empty());
+}
+
 TEST(TZEncryptor, FinishingBeforeAnyDataFails) {
     // The header and the cipher's output buffer come with the first addData().
     Collector collector;

@@ -5,7 +5,7 @@
 // pieces.
 //
 // Input layout of every sealed-data target: one byte choosing the piece size of the streaming
-// run (1 to 64 bytes), then the data to decrypt.
+// run (see pieceSize), then the data to decrypt.
 
 #include <KXClientFramework/TZDecryptor.h>
 #include <KXClientFramework/TZOpenSSLDecryptor.h>
@@ -39,6 +39,13 @@ inline const std::vector<std::uint8_t>& saltedIV() {
 }
 
 inline constexpr const char* kPassword = "fuzz password";
+
+/// The piece size of the streaming run chosen by the input's first byte: mostly small pieces,
+/// which cut headers apart, and some large ones, so that a run stays quick.
+inline std::size_t pieceSize(std::uint8_t choice) {
+    static constexpr std::size_t kSizes[] = {1, 2, 3, 5, 7, 16, 17, 33, 64, 100, 256, 4096};
+    return kSizes[choice % (sizeof(kSizes) / sizeof(kSizes[0]))];
+}
 
 /// kTZCryptorAES256Settings with one PBKDF2 round, so that password containers are cheap to
 /// open. Everything else about them is the same.

@@ -6,7 +6,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     if (size == 0) {
         return 0;
     }
-    const std::size_t piece = bytes[0] % 64 + 1;
+    const std::size_t piece = tzfuzz::pieceSize(bytes[0]);
     const std::span<const std::uint8_t> data(bytes + 1, size - 1);
 
     KXError error;

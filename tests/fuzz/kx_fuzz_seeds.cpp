@@ -18,7 +18,7 @@ void writeSeeds(const std::filesystem::path& directory, const std::vector<std::v
     std::filesystem::create_directories(directory);
     int index = 0;
     for (const auto& data : sealed) {
-        for (const std::uint8_t piece : {std::uint8_t{0}, std::uint8_t{15}, std::uint8_t{63}}) {
+        for (const std::uint8_t piece : {std::uint8_t{0}, std::uint8_t{6}, std::uint8_t{11}}) {
             std::ofstream out(directory / ("seed-" + std::to_string(index++)), std::ios::binary);
             out.put(static_cast<char>(piece));
             out.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
