@@ -1,13 +1,20 @@
 #pragma once
 
+#include <KXClientFramework/KXApplicationTypes.h>
+#include <KXClientFramework/KXError.h>
 #include <KXClientFramework/KXExport.h>
+#include <KXClientFramework/KXJSON.h>
 #include <KXClientFramework/KXServiceEndpoints.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+
+class KXClientFrameworkAppDelegateProxy;
+struct KXNotification;
 
 /// The library's façade and the holder of its process-wide settings.
 ///
@@ -15,6 +22,16 @@
 /// the service environment, the business unit, the REST logging switch and, once the
 /// application authenticated through it, the client credentials and the application id. Every
 /// accessor may be called from any thread.
+///
+/// The application joins the service with one call on the main thread while it launches:
+///
+///     KXClientFramework::sharedManager().engageUsingKey(key);
+///
+/// Engaging creates a second object of this class, the engaged object (sharedZandrel()),
+/// which holds the dispatcher installed as the application's delegate; whether the library is
+/// engaged is judged by that object alone. eject() (called when the application terminates)
+/// gives the application its own delegate back and drops the engaged object; the settings, the
+/// configuration and the token stay.
 class KX_EXPORT KXClientFramework {
 public:
     /// The shared manager, created on first use.
@@ -69,6 +86,74 @@ public:
     static void setDiskLogging(bool enabled);
     static void setLogLevel(std::int64_t level);
 
+    // Engagement (main thread).
+
+    /// Joins the service: checks the main thread (else throws KXException
+    /// "KXClientFrameworkEngageBackgroundThreadException"), installs the dispatcher as the
+    /// application's delegate, opens the bundle's KXConfig.enc with `key` (a missing file shows
+    /// the missing-file alert; one that does not open with the key stops the process), switches
+    /// location by the configuration, chooses the credentials (authZconfig()), authenticates,
+    /// and registers for notifications (also without a configuration). The token arrives later;
+    /// requests made meanwhile wait for it in the transport. Only the first call engages; later
+    /// ones only recompute backgroundNotificationEnabled().
+    void engageUsingKey(const std::string& key);
+
+    /// Re-initialises the shared token client with the credentials and authenticates; either
+    /// block may be empty. Callbacks arrive on the main queue.
+    void authenticateWithClientId(const std::optional<std::string>& clientId,
+                                  const std::optional<std::string>& secret,
+                                  std::function<void()> success,
+                                  std::function<void(const KXError&)> failureBlock);
+
+    /// Takes the production or the staging credentials of the configuration (by its
+    /// inProduction) and its appId.
+    void authZconfig();
+
+    /// One entry of the user defaults: set (absent removes it), read, remove; writes are
+    /// synchronised at once.
+    void saveUserDefaultsExternalId(const std::optional<std::string>& externalId,
+                                    const std::string& key);
+    std::optional<std::string> retrieveUserDefaultsExternalIdForKey(const std::string& key) const;
+    void deleteUserDefaultsExternalIdForKey(const std::string& key);
+
+    /// The engaged object; null before engagement and after eject().
+    std::shared_ptr<KXClientFramework> sharedZandrel() const;
+
+    /// The dispatcher installed as the application's delegate (on the engaged object).
+    std::shared_ptr<KXClientFrameworkAppDelegateProxy> appDelegate() const;
+    void setAppDelegate(std::shared_ptr<KXClientFrameworkAppDelegateProxy> proxy);
+
+    /// Stored for the application; the live analytics switch is the global analyticsEnabled.
+    bool analyticsEnabled() const;
+    void setAnalyticsEnabled(bool enabled);
+
+    /// Receives the remote notifications that reach the library's delegate, with the
+    /// application's state, on behalf of the analytics engine. The engine itself is not part of
+    /// the library yet; until it is, this handler on the engaged object is where they go.
+    using AnalyticsNotificationHandler =
+        std::function<void(const KXJSON& userInfo, KXApplicationState state)>;
+    void setAnalyticsNotificationHandler(AnalyticsNotificationHandler handler);
+    /// Hands a remote notification to the analytics handler, if one is set.
+    void handleNotificationForAnalytics(const KXJSON& userInfo, KXApplicationState state) const;
+
+    // Life cycle.
+
+    /// Observes the application's launch and termination on the default notification centre.
+    /// Runs by itself when the library is loaded; only the first call registers, so each
+    /// handler runs at most once per process.
+    static void load();
+    /// The launch handler (runs once): with the library engaged, switches analytics on when the
+    /// configuration asks for it and switches location by the configuration; otherwise logs
+    /// that engageUsingKey() was not called in time.
+    static void handleAppDidFinishLaunchingNotification(const KXNotification& notification);
+    /// The termination handler (runs once): eject().
+    static void handleAppTerminationNotification(const KXNotification& notification);
+    /// Gives the application the delegate it had before engagement and drops the engaged
+    /// object. Does nothing when not engaged.
+    static void eject();
+    /// Switches the global analyticsEnabled; refused (DEBUG line) while not engaged.
+    static void enableAnalytics(bool enabled);
+
     /// The base URLs of the service and its token endpoint. The transport's base URL is taken
     /// when the shared transport is created or reset (KXSessionManager::configureBaseUrl()); the
     /// token endpoint is read at each token request.
@@ -87,4 +172,7 @@ private:
     bool pushEnabledOnDevice_ = false;
     bool backgroundNotificationEnabled_ = false;
     std::optional<std::string> applicationName_;
+    bool analyticsEnabled_ = false;
+    std::shared_ptr<KXClientFrameworkAppDelegateProxy> appDelegate_;
+    AnalyticsNotificationHandler analyticsNotificationHandler_;
 };

@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -209,10 +210,16 @@ std::optional<fs::path> kxMoveAside(const fs::path& path) {
     for (int attempt = 0; attempt < 1000; ++attempt) {
         const fs::path target =
             attempt == 0 ? fs::path(base) : fs::path(fmt::format("{}-{}", base, attempt));
-        // link() + unlink() rather than rename(): it never replaces an earlier damaged copy.
-        if (::link(path.c_str(), target.c_str()) == 0) {
-            ::unlink(path.c_str());
+        // Never replace an earlier damaged copy: rename without replacing where the file
+        // system supports it, else link() and unlink().
+        if (::renameat2(AT_FDCWD, path.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0) {
             return target;
+        }
+        if (errno == EINVAL || errno == ENOSYS) {
+            if (::link(path.c_str(), target.c_str()) == 0) {
+                ::unlink(path.c_str());
+                return target;
+            }
         }
         if (errno != EEXIST) {
             return std::nullopt;

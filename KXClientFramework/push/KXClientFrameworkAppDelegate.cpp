@@ -1,0 +1,74 @@
+#include <KXClientFramework/KXApplication.h>
+#include <KXClientFramework/KXClientFramework.h>
+#include <KXClientFramework/KXClientFrameworkAppDelegate.h>
+#include <KXClientFramework/KXDevice.h>
+#include <KXClientFramework/KXLog.h>
+
+using Callback = KXApplicationDelegateCallback;
+
+bool KXClientFrameworkAppDelegate::respondsTo(Callback callback) const {
+    switch (callback) {
+        case Callback::DidRegisterForRemoteNotificationsWithDeviceToken:
+        case Callback::DidFailToRegisterForRemoteNotificationsWithError:
+        case Callback::DidReceiveRemoteNotificationWithCompletionHandler:
+        case Callback::HandleActionWithIdentifier:
+        case Callback::DidRegisterUserNotificationSettings:
+            return true;
+        default:
+            return KXApplicationDelegate::respondsTo(callback);
+    }
+}
+
+std::string KXClientFrameworkAppDelegate::deviceTokenString(
+    const std::vector<std::uint8_t>& deviceToken) {
+    static constexpr char kDigits[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(deviceToken.size() * 2);
+    for (const std::uint8_t byte : deviceToken) {
+        text.push_back(kDigits[byte >> 4]);
+        text.push_back(kDigits[byte & 0x0f]);
+    }
+    return text;
+}
+
+void KXClientFrameworkAppDelegate::didRegisterForRemoteNotificationsWithDeviceToken(
+    KXApplication& /*application*/, const std::vector<std::uint8_t>& deviceToken) {
+    const std::string token = deviceTokenString(deviceToken);
+    KXClientFramework::sharedManager().setPushEnabledOnDevice(true);
+    KXDevice& device = KXDevice::currentDevice();
+    device.saveDeviceToken(token);
+    KX_LOG_INFO("APNS device applicationToken: {}", device.deviceToken().value_or("(null)"));
+}
+
+void KXClientFrameworkAppDelegate::didFailToRegisterForRemoteNotificationsWithError(
+    KXApplication& /*application*/, const KXError& error) {
+    KX_LOG_ERROR("Failed To Register For Remote Notifications With Error: {}",
+                 error.description());
+}
+
+void KXClientFrameworkAppDelegate::didReceiveRemoteNotification(
+    KXApplication& application, const KXJSON& userInfo,
+    std::function<void(KXBackgroundFetchResult)> /*completionHandler*/) {
+    // The handler is deliberately left uncalled: the proxy's merge then never reports for a
+    // notification the library received (see KXClientFrameworkAppDelegateProxy).
+    if (auto engaged = KXClientFramework::sharedManager().sharedZandrel()) {
+        engaged->handleNotificationForAnalytics(userInfo, application.applicationState());
+    }
+}
+
+void KXClientFrameworkAppDelegate::handleActionWithIdentifier(
+    KXApplication& /*application*/, const std::string& identifier, const KXJSON& userInfo,
+    std::function<void()> completionHandler) {
+    KX_LOG_INFO("HandleActionWithIdentifier: {} and userInfo: {}", identifier,
+                userInfo.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    // Not yet handed to an action handler: the invitation actions (subscribing on accept) are
+    // not part of the library yet. The system is told at once that the tap was handled.
+    if (completionHandler) {
+        completionHandler();
+    }
+}
+
+void KXClientFrameworkAppDelegate::didRegisterUserNotificationSettings(
+    KXApplication& application, const KXUserNotificationSettings& /*settings*/) {
+    application.registerForRemoteNotifications();
+}

@@ -1,0 +1,559 @@
+// Engaging the library: the dispatcher around the application's delegate, the configuration,
+// location, credentials and authentication against a loopback token endpoint, notification
+// registration; eject; the launch and termination handlers; analytics switching.
+#include "KXCapturingSink.h"
+#include "KXLoopbackService.h"
+#include "KXSealedFiles.h"
+#include "KXTestPlatform.h"
+
+#include <KXClientFramework/KXClientFramework.h>
+#include <KXClientFramework/KXClientFrameworkAppDelegateProxy.h>
+#include <KXClientFramework/KXConfig.h>
+#include <KXClientFramework/KXDevice.h>
+#include <KXClientFramework/KXException.h>
+#include <KXClientFramework/KXFileUserDefaults.h>
+#include <KXClientFramework/KXHTTPSessionManager.h>
+#include <KXClientFramework/KXLocationService.h>
+#include <KXClientFramework/KXOAuth2Client.h>
+
+#include <gtest/gtest.h>
+
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+using Callback = KXApplicationDelegateCallback;
+
+namespace {
+
+const std::string kKey = "engage-key-42";
+
+const std::string kStagingEntries =
+    "<key>appId</key><string>app-1</string>\n"
+    "<key>stageClientId</key><string>stage-id</string>\n"
+    "<key>stageClientSecret</key><string>stage-secret</string>\n"
+    "<key>prodClientId</key><string>prod-id</string>\n"
+    "<key>prodClientSecret</key><string>prod-secret</string>\n";
+
+// The application's own delegate: implements the device-token callback and records it.
+class AppDelegate : public KXApplicationDelegate {
+public:
+    bool respondsTo(Callback callback) const override {
+        return callback == Callback::Description ||
+               callback == Callback::DidRegisterForRemoteNotificationsWithDeviceToken;
+    }
+    void didRegisterForRemoteNotificationsWithDeviceToken(
+        KXApplication&, const std::vector<std::uint8_t>& token) override {
+        tokens.push_back(token);
+    }
+    std::vector<std::vector<std::uint8_t>> tokens;
+};
+
+struct Scenario {
+    std::string entries = kStagingEntries;
+    bool writeConfiguration = true;
+    KXJSON infoDictionary = KXJSON::object();
+    std::optional<std::string> systemVersion = "12";
+    KXScriptedAnswer stagingTokenAnswer =
+        KXScriptedAnswer::json(200, {{"access_token", "staging-token"}, {"expires_in", 3600}});
+};
+
+class KXEngagementTest : public testing::Test {
+protected:
+    void start(const Scenario& setup = {}) {
+        KXTestPlatformOptions options;
+        options.infoDictionary = setup.infoDictionary;
+        platform = KXTestPlatform::install(options);
+        platform->fakeDeviceFacts().systemVersion = setup.systemVersion;
+        if (setup.writeConfiguration) {
+            const auto scratch = kxtest::scratchDirectory("plain");
+            kxtest::writeText(scratch / "KXConfig.plist", kxtest::xmlPropertyList(setup.entries));
+            kxtest::sealWithOpenSSL(scratch / "KXConfig.plist",
+                                    platform->resourceDirectory() / "KXConfig.enc", kKey);
+        }
+
+        KXServiceEndpoints endpoints;
+        endpoints.development = service.baseURL();
+        endpoints.production = service.baseURL();
+        endpoints.stagingToken = service.baseURL() + "/staging";
+        endpoints.productionToken = service.baseURL() + "/production";
+        KXClientFramework::setServiceEndpoints(endpoints);
+        service.script("POST", "/staging/token", setup.stagingTokenAnswer);
+        service.script("POST", "/production/token",
+                       KXScriptedAnswer::json(200, {{"access_token", "production-token"},
+                                                    {"expires_in", 3600}}));
+
+        appDelegate = std::make_shared<AppDelegate>();
+        platform->application().setDelegate(appDelegate);
+        kxLogLevel = 4;
+    }
+
+    KXClientFramework& manager() { return KXClientFramework::sharedManager(); }
+    KXApplication& application() { return platform->application(); }
+
+    std::shared_ptr<KXClientFrameworkAppDelegateProxy> installedProxy() {
+        return std::dynamic_pointer_cast<KXClientFrameworkAppDelegateProxy>(
+            application().delegate());
+    }
+
+    bool waitFor(const std::function<bool()>& done) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
+        while (!done()) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                return false;
+            }
+            platform->asioMainQueue().runFor(std::chrono::milliseconds(5));
+        }
+        return true;
+    }
+
+    bool waitForReady() {
+        return waitFor([&] { return !sink->linesContaining("KX iOS SDK Ready!").empty(); });
+    }
+
+    // Runs what the main queue holds now (answers of the fake authoriser and the like).
+    void drain() {
+        bool reached = false;
+        platform->mainQueue().post([&] { reached = true; });
+        ASSERT_TRUE(platform->runUntil([&] { return reached; }));
+    }
+
+    KXCapturingSink::Guard sink = KXCapturingSink::install();
+    KXLoopbackService service;
+    std::shared_ptr<KXTestPlatform> platform;
+    std::shared_ptr<AppDelegate> appDelegate;
+};
+
+std::string formValue(const std::string& body, const std::string& key) {
+    const std::string needle = key + "=";
+    std::size_t at = 0;
+    while ((at = body.find(needle, at)) != std::string::npos) {
+        if (at == 0 || body[at - 1] == '&') {
+            const std::size_t end = body.find('&', at);
+            return body.substr(at + needle.size(),
+                               end == std::string::npos ? std::string::npos
+                                                        : end - at - needle.size());
+        }
+        at += needle.size();
+    }
+    return "<missing>";
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Engaging
+
+TEST_F(KXEngagementTest, EngagingPutsTheDispatcherAroundTheApplicationDelegateAndAuthenticates) {
+    start();
+    EXPECT_EQ(manager().sharedZandrel(), nullptr);
+
+    manager().engageUsingKey(kKey);
+
+    const auto engaged = manager().sharedZandrel();
+    ASSERT_NE(engaged, nullptr);
+    EXPECT_NE(engaged.get(), &manager());  // the engaged object is not the shared manager
+    const auto proxy = installedProxy();
+    ASSERT_NE(proxy, nullptr);
+    EXPECT_EQ(engaged->appDelegate(), proxy);
+    EXPECT_EQ(proxy->originalAppDelegate(), appDelegate);
+    EXPECT_NE(proxy->zandrelAppDelegate(), nullptr);
+
+    // Credentials chosen for staging land on the receiver.
+    EXPECT_EQ(manager().clientId(), "stage-id");
+    EXPECT_EQ(manager().clientSecret(), "stage-secret");
+    EXPECT_EQ(manager().applicationId(), "app-1");
+
+    ASSERT_TRUE(waitForReady());
+    const auto requests = service.requestsTo("/staging/token");
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].method, "POST");
+    EXPECT_EQ(formValue(requests[0].body, "client_id"), "stage-id");
+    EXPECT_EQ(formValue(requests[0].body, "client_secret"), "stage-secret");
+    EXPECT_EQ(formValue(requests[0].body, "grant_type"), "client_credentials");
+    EXPECT_EQ(formValue(requests[0].body, "scope"), "RETURN_ALL_CLIENT_SCOPES");
+    EXPECT_TRUE(service.requestsTo("/production/token").empty());
+    const auto token = KXHTTPSessionManager::sharedManager().bearerToken();
+    ASSERT_NE(token, nullptr);
+    EXPECT_EQ(token->token(), "staging-token");
+
+    const auto logged = sink->lines();
+    auto position = [&](std::string_view text) {
+        for (std::size_t i = 0; i < logged.size(); ++i) {
+            if (logged[i].find(text) != std::string::npos) {
+                return static_cast<long>(i);
+            }
+        }
+        return -1L;
+    };
+    EXPECT_GE(position("] Configuring KX iOS SDK"), 0);
+    EXPECT_LT(position("] Configuring KX iOS SDK"), position("] Authenticating KX iOS SDK"));
+    EXPECT_LT(position("] Authenticating KX iOS SDK"),
+              position("] Initializing KX iOS SDK with\n\tbusinessUnit: (null),\n\tclientId: "
+                       "stage-id,\n\tapplicationId: app-1\n"));
+    EXPECT_LT(position("] Authenticating KX iOS SDK"), position("] Register for Pushing KX iOS SDK"));
+    EXPECT_GE(position("] \n\nKX iOS SDK Ready!\n\n"), 0);
+    EXPECT_EQ(position("] Configuring KX iOS SDK"),
+              position("[DEBUG] KXClientFramework::engageUsingKey [Line "));
+}
+
+TEST_F(KXEngagementTest, ProductionConfigurationAuthenticatesWithTheProductionCredentials) {
+    Scenario setup;
+    setup.entries += "<key>inProduction</key><true/>\n";
+    start(setup);
+    manager().engageUsingKey(kKey);
+    ASSERT_TRUE(waitForReady());
+    EXPECT_EQ(manager().clientId(), "prod-id");
+    EXPECT_EQ(manager().clientSecret(), "prod-secret");
+    const auto requests = service.requestsTo("/production/token");
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(formValue(requests[0].body, "client_id"), "prod-id");
+    EXPECT_EQ(formValue(requests[0].body, "client_secret"), "prod-secret");
+    EXPECT_TRUE(service.requestsTo("/staging/token").empty());
+}
+
+TEST_F(KXEngagementTest, AFailedAuthenticationIsOnlyLogged) {
+    Scenario setup;
+    setup.stagingTokenAnswer = KXScriptedAnswer::json(401, {{"error", "invalid_client"}});
+    start(setup);
+    manager().engageUsingKey(kKey);
+    ASSERT_TRUE(waitFor(
+        [&] { return !sink->linesContaining("Error Zandrel had trouble starting.").empty(); }));
+    const auto lines = sink->linesContaining("] Error Zandrel had trouble starting.\nError Domain=");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].rfind("[ERROR] ", 0), 0u);
+    EXPECT_NE(lines[0].find("Code=401"), std::string::npos) << lines[0];
+    EXPECT_NE(manager().sharedZandrel(), nullptr);  // still engaged
+}
+
+TEST_F(KXEngagementTest, ASecondEngageChangesNothingButTheBackgroundFlag) {
+    Scenario setup;
+    setup.infoDictionary = {{"UIBackgroundModes", {"fetch", "remote-notification"}}};
+    start(setup);
+    manager().engageUsingKey(kKey);
+    ASSERT_TRUE(waitForReady());
+    drain();
+    const auto engaged = manager().sharedZandrel();
+    const auto proxy = installedProxy();
+    EXPECT_TRUE(manager().backgroundNotificationEnabled());
+
+    platform->fakeDeviceFacts().coreFoundationVersionNumber = 800.0;
+    manager().engageUsingKey("another key");
+    drain();
+
+    EXPECT_FALSE(manager().backgroundNotificationEnabled());
+    EXPECT_EQ(manager().sharedZandrel(), engaged);
+    EXPECT_EQ(installedProxy(), proxy);
+    EXPECT_EQ(proxy->originalAppDelegate(), appDelegate);  // not wrapped twice
+    EXPECT_EQ(sink->linesContaining("] Configuring KX iOS SDK").size(), 1u);
+    EXPECT_EQ(platform->fakeNotificationAuthorizer().requests().size(), 1u);
+    EXPECT_EQ(service.requestsTo("/staging/token").size(), 1u);
+}
+
+TEST_F(KXEngagementTest, EngagingOffTheMainThreadThrowsAndEngagesNothing) {
+    Scenario setup;
+    setup.infoDictionary = {{"UIBackgroundModes", {"remote-notification"}}};
+    start(setup);
+    std::optional<KXException> thrown;
+    std::thread([&] {
+        try {
+            manager().engageUsingKey(kKey);
+        } catch (const KXException& e) {
+            thrown = e;
+        }
+    }).join();
+
+    ASSERT_TRUE(thrown.has_value());
+    EXPECT_EQ(thrown->name(), "KXClientFrameworkEngageBackgroundThreadException");
+    EXPECT_EQ(thrown->reason(), "KXClientFramework engage must be called on the main thread.");
+    EXPECT_TRUE(thrown->userInfo().is_null());
+    EXPECT_EQ(manager().sharedZandrel(), nullptr);
+    EXPECT_EQ(application().delegate(), appDelegate);
+    EXPECT_TRUE(manager().backgroundNotificationEnabled());  // computed before the check
+    EXPECT_TRUE(sink->linesContaining("Configuring KX iOS SDK").empty());
+
+    // The main thread can still engage afterwards.
+    manager().engageUsingKey(kKey);
+    EXPECT_NE(installedProxy(), nullptr);
+}
+
+TEST_F(KXEngagementTest, BackgroundNotificationsNeedTheModeAndARecentEnoughPlatform) {
+    struct Case {
+        KXJSON modes;
+        double coreFoundation;
+        bool enabled;
+    };
+    const std::vector<Case> cases = {
+        {{"remote-notification"}, 847.2, true},
+        {{"audio", "remote-notification"}, 1600.0, true},
+        {{"fetch"}, 1600.0, false},
+        {nullptr, 1600.0, false},
+        {"remote-notification", 1600.0, false},  // not a list
+        {{"remote-notification"}, 847.1, false},
+    };
+    for (const Case& c : cases) {
+        Scenario setup;
+        setup.writeConfiguration = false;  // nothing to authenticate
+        if (!c.modes.is_null()) {
+            setup.infoDictionary = {{"UIBackgroundModes", c.modes}};
+        }
+        start(setup);
+        platform->fakeDeviceFacts().coreFoundationVersionNumber = c.coreFoundation;
+        manager().engageUsingKey(kKey);  // after the first, only the flag is computed
+        EXPECT_EQ(manager().backgroundNotificationEnabled(), c.enabled)
+            << c.modes.dump() << " " << c.coreFoundation;
+    }
+}
+
+class KXEngagementRegistrationTest
+    : public KXEngagementTest,
+      public testing::WithParamInterface<std::pair<std::optional<std::string>, bool>> {};
+
+TEST_P(KXEngagementRegistrationTest, TheSystemVersionChoosesTheRegistration) {
+    const auto& [version, newer] = GetParam();
+    Scenario setup;
+    setup.systemVersion = version;
+    start(setup);
+    manager().engageUsingKey(kKey);
+    drain();
+
+    if (newer) {
+        EXPECT_EQ(platform->fakeNotificationAuthorizer().requests(), std::vector<std::uint32_t>{7});
+        EXPECT_FALSE(application().currentUserNotificationSettings().has_value());
+        EXPECT_EQ(platform->recordingApplication().registerForRemoteNotificationsCount(), 1);
+    } else {
+        EXPECT_TRUE(platform->fakeNotificationAuthorizer().requests().empty());
+        const auto settings = application().currentUserNotificationSettings();
+        ASSERT_TRUE(settings.has_value());
+        EXPECT_EQ(settings->types, 7u);
+        // The library's delegate registers once the settings are registered.
+        EXPECT_EQ(platform->recordingApplication().registerForRemoteNotificationsCount(), 1);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Versions, KXEngagementRegistrationTest,
+    testing::Values(std::make_pair(std::optional<std::string>("9.3"), false),
+                    std::make_pair(std::optional<std::string>("9.10.4"), false),
+                    std::make_pair(std::optional<std::string>("10"), false),
+                    std::make_pair(std::optional<std::string>("10.0"), true),
+                    std::make_pair(std::optional<std::string>("10.0.1"), true),
+                    std::make_pair(std::optional<std::string>("11.2"), true),
+                    std::make_pair(std::optional<std::string>("12"), true),
+                    std::make_pair(std::optional<std::string>(), true)));
+
+TEST_F(KXEngagementTest, AMissingConfigurationShowsTheAlertAndStillRegistersForNotifications) {
+    Scenario setup;
+    setup.writeConfiguration = false;
+    start(setup);
+    manager().engageUsingKey(kKey);
+    drain();
+
+    const auto alerts = platform->fakeAlertPresenter().alerts();
+    ASSERT_EQ(alerts.size(), 1u);
+    EXPECT_EQ(alerts[0].title, "Missing Config File");
+    EXPECT_EQ(alerts[0].message,
+              "KXClientFramework was unable to find 'KXConfig.plist'. KXClientFramework may not "
+              "work properly.");
+    EXPECT_EQ(alerts[0].buttons, std::vector<std::string>{"Okay"});
+
+    EXPECT_NE(installedProxy(), nullptr);  // engaged all the same
+    EXPECT_EQ(platform->fakeNotificationAuthorizer().requests(), std::vector<std::uint32_t>{7});
+    EXPECT_EQ(platform->recordingApplication().registerForRemoteNotificationsCount(), 1);
+    // No credentials, no authentication, no location.
+    EXPECT_EQ(manager().clientId(), std::nullopt);
+    EXPECT_EQ(KXOAuth2Client::client().clientId(), std::nullopt);
+    EXPECT_TRUE(sink->linesContaining("Authenticating KX iOS SDK").empty());
+    EXPECT_TRUE(platform->locationSources().empty());
+}
+
+TEST_F(KXEngagementTest, LocationFollowsTheConfiguration) {
+    Scenario setup;
+    setup.entries += "<key>locationServicesEnabled</key><true/>\n";
+    setup.infoDictionary = {{"NSLocationWhenInUseUsageDescription", "To find your table"}};
+    start(setup);
+    manager().engageUsingKey(kKey);
+
+    ASSERT_EQ(platform->locationSources().size(), 1u);
+    const KXFakeLocationSource& source = *platform->locationSources()[0];
+    EXPECT_TRUE(source.isUpdating());
+    EXPECT_EQ(source.desiredAccuracy(), kCLLocationAccuracyKilometer);
+    EXPECT_EQ(source.distanceFilter(), 10.0);
+    EXPECT_EQ(source.calls().requestWhenInUseAuthorization, 1);
+    EXPECT_EQ(source.calls().requestAlwaysAuthorization, 1);
+    EXPECT_TRUE(KXLocationService::sharedManager().isEnabled());
+    EXPECT_EQ(sink->linesContaining("] KXLocationService enabled").size(), 1u);
+    EXPECT_EQ(sink->linesContaining("NSLocationAlwaysUsageDescription in the info.plist").size(),
+              1u);
+    EXPECT_TRUE(sink->linesContaining("NSLocationWhenInUseUsageDescription in the info").empty());
+}
+
+TEST_F(KXEngagementTest, LocationStaysOffWhenTheConfigurationSaysSo) {
+    start();
+    KXLocationService::sharedManager().setEnabled(true);
+    manager().engageUsingKey(kKey);
+    EXPECT_FALSE(KXLocationService::sharedManager().isEnabled());
+    EXPECT_TRUE(platform->locationSources().empty());
+    EXPECT_TRUE(sink->linesContaining("KXLocationService enabled").empty());
+}
+
+TEST_F(KXEngagementTest, TheDeviceTokenReachesBothDelegatesOnceEngaged) {
+    start();
+    manager().engageUsingKey(kKey);
+    application().deliverDeviceToken({0x0a, 0x0b, 0xfe});
+    EXPECT_EQ(KXDevice::currentDevice().deviceToken(), "0a0bfe");
+    EXPECT_TRUE(manager().pushEnabledOnDevice());
+    ASSERT_EQ(appDelegate->tokens.size(), 1u);
+    EXPECT_EQ(appDelegate->tokens[0], (std::vector<std::uint8_t>{0x0a, 0x0b, 0xfe}));
+}
+
+TEST_F(KXEngagementTest, RemoteNotificationsReachTheAnalyticsHandlerOfTheEngagedObject) {
+    Scenario setup;
+    setup.infoDictionary = {{"UIBackgroundModes", {"remote-notification"}}};
+    start(setup);
+    manager().engageUsingKey(kKey);
+    std::vector<std::pair<KXJSON, KXApplicationState>> received;
+    manager().sharedZandrel()->setAnalyticsNotificationHandler(
+        [&](const KXJSON& info, KXApplicationState state) { received.emplace_back(info, state); });
+
+    application().postEvent(KXApplicationEvent::DidBecomeActive);
+    int completions = 0;
+    application().deliverRemoteNotification({{"aps", {{"alert", "hello"}}}},
+                                             [&](KXBackgroundFetchResult) { ++completions; });
+    ASSERT_EQ(received.size(), 1u);
+    EXPECT_EQ(received[0].first, KXJSON({{"aps", {{"alert", "hello"}}}}));
+    EXPECT_EQ(received[0].second, KXApplicationState::Active);
+    EXPECT_EQ(completions, 0);  // the library's delegate never answers
+
+    // After eject nothing reaches analytics through the library's delegate.
+    KXClientFramework::eject();
+    KXClientFrameworkAppDelegate().didReceiveRemoteNotification(application(), {{"n", 2}}, {});
+    EXPECT_EQ(received.size(), 1u);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Eject
+
+TEST_F(KXEngagementTest, EjectRestoresTheDelegateAndALaterEngageWrapsItAgain) {
+    start();
+    manager().engageUsingKey(kKey);
+    ASSERT_TRUE(waitForReady());
+    const auto firstProxy = installedProxy();
+
+    KXClientFramework::eject();
+    EXPECT_EQ(application().delegate(), appDelegate);
+    EXPECT_EQ(manager().sharedZandrel(), nullptr);
+    EXPECT_EQ(manager().clientId(), "stage-id");  // settings stay
+    KXClientFramework::eject();                   // nothing left to do
+    EXPECT_EQ(application().delegate(), appDelegate);
+
+    manager().engageUsingKey(kKey);
+    const auto secondProxy = installedProxy();
+    ASSERT_NE(secondProxy, nullptr);
+    EXPECT_NE(secondProxy, firstProxy);
+    EXPECT_EQ(secondProxy->originalAppDelegate(), appDelegate);
+    ASSERT_TRUE(service.waitForRequests(2, std::chrono::seconds(15)));
+    EXPECT_EQ(service.requestsTo("/staging/token").size(), 2u);  // authenticated again
+}
+
+// ---------------------------------------------------------------------------------------------
+// Scenario and termination
+
+TEST_F(KXEngagementTest, LaunchingWithoutEngagingLogsTwoErrorsOnce) {
+    start();
+    kxLogLevel = 1;
+    application().postEvent(KXApplicationEvent::DidFinishLaunching);
+    application().postEvent(KXApplicationEvent::DidFinishLaunching);
+
+    const auto lines = sink->lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].rfind("[ERROR] KXClientFramework::handleAppDidFinishLaunchingNotification "
+                             "[Line ",
+                             0),
+              0u)
+        << lines[0];
+    EXPECT_NE(lines[0].find("] [KXClientFramework engage] was not called in "
+                            "application:didFinishLaunchingWithOptions:"),
+              std::string::npos);
+    EXPECT_NE(lines[1].find("] Please ensure that [KXClientFramework engage] is called "
+                            "synchronously before application:didFinishLaunchingWithOptions: "
+                            "returns"),
+              std::string::npos);
+}
+
+TEST_F(KXEngagementTest, LaunchingAfterEngagingStartsAnalyticsAndLocationByTheConfiguration) {
+    Scenario setup;
+    setup.entries +=
+        "<key>analyticsEnabled</key><true/>\n<key>locationServicesEnabled</key><true/>\n";
+    start(setup);
+    manager().engageUsingKey(kKey);
+    ASSERT_EQ(platform->locationSources().size(), 1u);
+    EXPECT_FALSE(analyticsEnabled.load());
+
+    application().postEvent(KXApplicationEvent::DidFinishLaunching,
+                            {{UIApplicationLaunchOptionsRemoteNotificationKey, {{"aps", 1}}}});
+    EXPECT_TRUE(analyticsEnabled.load());
+    EXPECT_EQ(sink->linesContaining("] Analytics started!").size(), 1u);
+    EXPECT_TRUE(sink->linesContaining("not called in").empty());
+    // Location switched again, on the same source, without a second log line.
+    ASSERT_EQ(platform->locationSources().size(), 1u);
+    EXPECT_EQ(platform->locationSources()[0]->calls().startUpdatingLocation, 2);
+    EXPECT_EQ(sink->linesContaining("] KXLocationService enabled").size(), 1u);
+}
+
+TEST_F(KXEngagementTest, TerminationEjectsOnce) {
+    start();
+    manager().engageUsingKey(kKey);
+    application().postEvent(KXApplicationEvent::WillTerminate);
+    EXPECT_EQ(application().delegate(), appDelegate);
+    EXPECT_EQ(manager().sharedZandrel(), nullptr);
+    const auto lines = sink->linesContaining("] Handle AppTerminationNotification");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].rfind("[DEBUG] KXClientFramework::handleAppTerminationNotification ", 0),
+              0u);
+
+    // The handler observed one termination only.
+    manager().engageUsingKey(kKey);
+    application().postEvent(KXApplicationEvent::WillTerminate);
+    EXPECT_NE(manager().sharedZandrel(), nullptr);
+    EXPECT_NE(installedProxy(), nullptr);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Analytics switch
+
+TEST_F(KXEngagementTest, AnalyticsCannotBeSwitchedBeforeEngaging) {
+    start();
+    KXClientFramework::enableAnalytics(true);
+    EXPECT_FALSE(analyticsEnabled.load());
+    const auto lines = sink->linesContaining("] _sharingZandrel is nil. Unable to start analytics.");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_EQ(lines[0].rfind("[DEBUG] ", 0), 0u);
+
+    manager().engageUsingKey(kKey);
+    KXClientFramework::enableAnalytics(true);
+    EXPECT_TRUE(analyticsEnabled.load());
+    KXClientFramework::enableAnalytics(false);
+    EXPECT_FALSE(analyticsEnabled.load());
+    EXPECT_EQ(sink->linesContaining("] Analytics started!").size(), 1u);
+}
+
+// ---------------------------------------------------------------------------------------------
+// User defaults
+
+TEST_F(KXEngagementTest, ExternalIdsAreStoredInTheUserDefaultsFile) {
+    start();
+    manager().saveUserDefaultsExternalId("guest-77", "stage-id-GUEST-ID");
+    EXPECT_EQ(manager().retrieveUserDefaultsExternalIdForKey("stage-id-GUEST-ID"), "guest-77");
+    EXPECT_EQ(KXFileUserDefaults(platform->fileUserDefaults().path())
+                  .objectForKey("stage-id-GUEST-ID"),
+              "guest-77");
+
+    manager().deleteUserDefaultsExternalIdForKey("stage-id-GUEST-ID");
+    EXPECT_EQ(manager().retrieveUserDefaultsExternalIdForKey("stage-id-GUEST-ID"), std::nullopt);
+    EXPECT_TRUE(KXFileUserDefaults(platform->fileUserDefaults().path())
+                    .objectForKey("stage-id-GUEST-ID")
+                    .is_null());
+    EXPECT_EQ(manager().retrieveUserDefaultsExternalIdForKey("never-set"), std::nullopt);
+}

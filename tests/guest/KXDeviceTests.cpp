@@ -1,0 +1,206 @@
+// The device's push token (memory, store, history) and its device-data dictionary.
+#include "KXCapturingSink.h"
+#include "KXTestPlatform.h"
+
+#include <KXClientFramework/KXClientFramework.h>
+#include <KXClientFramework/KXDevice.h>
+#include <KXClientFramework/KXFileUserDefaults.h>
+#include <KXClientFramework/KXPropertyList.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using Strings = std::vector<std::string>;
+
+class KXDeviceTest : public testing::Test {
+protected:
+    void SetUp() override {
+        KXTestPlatformOptions options;
+        options.infoDictionary = {{"CFBundleName", "Front Desk"},
+                                  {"CFBundleShortVersionString", "2.1"},
+                                  {"CFBundleVersion", "2100"}};
+        platform = KXTestPlatform::install(options);
+    }
+
+    // What a later launch finds in the file: a store freshly read from it.
+    KXJSON storedOnDisk() {
+        KXFileUserDefaults reread(platform->fileUserDefaults().path());
+        return reread.dictionaryRepresentation();
+    }
+
+    std::shared_ptr<KXTestPlatform> platform;
+    KXDevice device;
+};
+
+}  // namespace
+
+TEST_F(KXDeviceTest, StartsWithoutTokenAndBadgeZero) {
+    EXPECT_EQ(device.deviceToken(), std::nullopt);
+    EXPECT_TRUE(device.retrieveDeviceTokenListFromUserDefaults().empty());
+    EXPECT_FALSE(device.multipleDeviceTokens());
+    EXPECT_EQ(device.badge(), 0);
+}
+
+TEST_F(KXDeviceTest, SavedTokensAccumulateOnceEachInFirstSavedOrder) {
+    device.saveDeviceToken("aa01");
+    EXPECT_FALSE(device.multipleDeviceTokens());
+    device.saveDeviceToken("bb02");
+    device.saveDeviceToken("aa01");
+
+    EXPECT_EQ(device.deviceToken(), "aa01");
+    EXPECT_EQ(device.retrieveDeviceTokenFromUserDefaults(), "aa01");
+    EXPECT_EQ(device.retrieveDeviceTokenListFromUserDefaults(), (Strings{"aa01", "bb02"}));
+    EXPECT_TRUE(device.multipleDeviceTokens());
+
+    // Synchronised: the file already holds it.
+    const KXJSON disk = storedOnDisk();
+    EXPECT_EQ(disk["applicationDeviceToken"], "aa01");
+    EXPECT_EQ(disk["applicationDeviceTokenList"], KXJSON({"aa01", "bb02"}));
+}
+
+TEST_F(KXDeviceTest, SavingTheSameTokenTwiceKeepsOneEntryAndRewritesTheCurrentToken) {
+    device.saveDeviceToken("aa01");
+    // Someone changed the current entry behind the device's back; saving again restores it.
+    platform->userDefaults().setObject("applicationDeviceToken", "other");
+    device.saveDeviceToken("aa01");
+    EXPECT_EQ(device.retrieveDeviceTokenFromUserDefaults(), "aa01");
+    EXPECT_EQ(device.retrieveDeviceTokenListFromUserDefaults(), (Strings{"aa01"}));
+}
+
+TEST_F(KXDeviceTest, AbsentOrEmptyTokenIsRefusedWithAWarning) {
+    kxLogLevel = 4;
+    auto sink = KXCapturingSink::install();
+    device.saveDeviceToken("aa01");
+
+    device.saveDeviceToken(std::string());
+    device.saveDeviceToken(std::nullopt);
+
+    const auto warnings = sink->linesContaining("No device token found");
+    ASSERT_EQ(warnings.size(), 2u);
+    EXPECT_EQ(warnings[0].rfind("[WARN] KXDevice::saveDeviceToken [Line ", 0), 0u) << warnings[0];
+    EXPECT_EQ(device.deviceToken(), "aa01");
+    EXPECT_EQ(device.retrieveDeviceTokenFromUserDefaults(), "aa01");
+    EXPECT_EQ(device.retrieveDeviceTokenListFromUserDefaults(), (Strings{"aa01"}));
+}
+
+TEST_F(KXDeviceTest, CurrentEntryTakesTheTokenInMemoryNotTheArgument) {
+    device.setDeviceToken("memory");
+    device.saveToUserDefaults("argument");
+    EXPECT_EQ(device.retrieveDeviceTokenFromUserDefaults(), "memory");
+    EXPECT_EQ(device.retrieveDeviceTokenListFromUserDefaults(), (Strings{"argument"}));
+
+    // setDeviceToken alone touches memory only.
+    device.setDeviceToken("later");
+    EXPECT_EQ(device.deviceToken(), "later");
+    EXPECT_EQ(device.retrieveDeviceTokenFromUserDefaults(), "memory");
+}
+
+TEST_F(KXDeviceTest, DeletingTheTokenKeepsTheListAndDeletingTheListKeepsTheToken) {
+    device.saveDeviceToken("aa01");
+    device.saveDeviceToken("bb02");
+
+    device.deleteDeviceToken();
+    EXPECT_EQ(device.deviceToken(), std::nullopt);
+    EXPECT_EQ(device.retrieveDeviceTokenListFromUserDefaults(), (Strings{"aa01", "bb02"}));
+    EXPECT_FALSE(storedOnDisk().contains("applicationDeviceToken"));
+
+    device.saveDeviceToken("cc03");
+    device.deleteDeviceTokenList();
+    EXPECT_EQ(device.deviceToken(), "cc03");
+    EXPECT_EQ(device.retrieveDeviceTokenFromUserDefaults(), "cc03");
+    EXPECT_TRUE(device.retrieveDeviceTokenListFromUserDefaults().empty());
+    EXPECT_FALSE(storedOnDisk().contains("applicationDeviceTokenList"));
+}
+
+TEST_F(KXDeviceTest, ALaterLaunchAnswersWithTheTokenOfAnEarlierOne) {
+    KXDevice::currentDevice().saveDeviceToken("aa01");
+    KXDevice::currentDevice().saveDeviceToken("bb02");
+
+    // A new platform reads the same user-defaults file, as the next launch would; the new
+    // device has nothing in memory.
+    platform = KXTestPlatform::install();
+    KXDevice nextLaunch;
+    EXPECT_EQ(nextLaunch.deviceToken(), "bb02");
+    EXPECT_EQ(nextLaunch.retrieveDeviceTokenListFromUserDefaults(), (Strings{"aa01", "bb02"}));
+    EXPECT_TRUE(nextLaunch.multipleDeviceTokens());
+}
+
+TEST_F(KXDeviceTest, StoredValuesOfTheWrongTypeReadAsAbsent) {
+    platform->userDefaults().setObject("applicationDeviceToken", 42);
+    platform->userDefaults().setObject("applicationDeviceTokenList", "not a list");
+    EXPECT_EQ(device.deviceToken(), std::nullopt);
+    EXPECT_FALSE(device.multipleDeviceTokens());
+
+    device.saveDeviceToken("aa01");
+    EXPECT_EQ(device.retrieveDeviceTokenListFromUserDefaults(), (Strings{"aa01"}));
+}
+
+TEST_F(KXDeviceTest, DeviceDataCarriesEveryKnownFact) {
+    KXDeviceFacts& facts = platform->fakeDeviceFacts();
+    facts.systemVersion = "12.4";
+    facts.model = "Kiosk 7";
+    facts.manufacturer = "Acme Devices";
+    facts.carrierName = "Carrier One";
+    facts.localeIdentifier = "de_CH";
+    facts.preferredLanguages = {"de-CH", "en"};
+
+    const KXJSON data = device.deviceData();
+    EXPECT_EQ(data, KXJSON({{"manufacturer", "Acme Devices"},
+                            {"osVersion", "12.4"},
+                            {"deviceModel", "Kiosk 7"},
+                            {"appName", "Front Desk"},
+                            {"appVersion", "2100"},
+                            {"carrier", "Carrier One"},
+                            {"country", "de_CH"},
+                            {"language", "de-CH"},
+                            {"frameworkVersion", "1.0.8.1"},
+                            {"pushEnabled", false}}));
+}
+
+TEST_F(KXDeviceTest, DeviceDataLeavesOutWhatThePlatformDoesNotKnow) {
+    platform = KXTestPlatform::install();  // no bundle name or version
+    KXDeviceFacts& facts = platform->fakeDeviceFacts();
+    facts.systemVersion.reset();
+    facts.model.reset();
+    facts.carrierName.reset();
+    facts.localeIdentifier.reset();
+    facts.preferredLanguages.clear();
+    facts.manufacturer = "Unknown";
+
+    const KXJSON data = device.deviceData();
+    EXPECT_EQ(data, KXJSON({{"manufacturer", "Unknown"},
+                            {"frameworkVersion", "1.0.8.1"},
+                            {"pushEnabled", false}}));
+    EXPECT_FALSE(data.contains("carrier"));
+}
+
+TEST_F(KXDeviceTest, DeviceDataFollowsThePushSwitchOfTheSharedManager) {
+    KXClientFramework::sharedManager().setPushEnabledOnDevice(true);
+    EXPECT_EQ(device.deviceData()["pushEnabled"], true);
+    KXClientFramework::sharedManager().setPushEnabledOnDevice(false);
+    EXPECT_EQ(device.deviceData()["pushEnabled"], false);
+}
+
+TEST_F(KXDeviceTest, DiagnosticDumpWritesThreeDebugLinesOnlyAtDebugLevel) {
+    device.saveDeviceToken("aa01");
+    device.saveDeviceToken("bb02");
+    auto sink = KXCapturingSink::install();
+
+    kxLogLevel = 3;
+    device.printDeviceTokensSavedInUserDefaults();
+    EXPECT_TRUE(sink->lines().empty());
+
+    kxLogLevel = 4;
+    device.printDeviceTokensSavedInUserDefaults();
+    const auto lines = sink->lines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_NE(lines[0].find("] retrieveDeviceTokenFromUserDefaults: bb02"), std::string::npos);
+    EXPECT_NE(lines[1].find("] retrieveDeviceTokenListFromUserDefaults: "), std::string::npos);
+    EXPECT_NE(lines[1].find("aa01"), std::string::npos);
+    EXPECT_NE(lines[2].find("] deviceUserAgent: "), std::string::npos);
+    EXPECT_NE(lines[2].find("\"frameworkVersion\":\"1.0.8.1\""), std::string::npos);
+}

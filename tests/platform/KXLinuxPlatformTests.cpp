@@ -1,0 +1,303 @@
+// The Linux default platform as a whole: directories, resources, installation, and its small
+// services (location, notification authorisation, alerts).
+#include <KXClientFramework/KXException.h>
+#include <KXClientFramework/KXLinuxPlatform.h>
+
+#include "KXCapturingSink.h"
+#include "KXTestDirectories.h"
+#include "KXTestPlatform.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+namespace {
+
+KXLinuxPlatformOptions optionsFor(const std::string& id) {
+    KXLinuxPlatformOptions options;
+    options.applicationId = id;
+    return options;
+}
+
+class RecordingLocationDelegate : public KXLocationSourceDelegate {
+public:
+    void didUpdateLocations(const std::vector<KXLocation>& locations) override {
+        onMainThread = onMainThread && kxIsProcessInitialThread();
+        fixes.insert(fixes.end(), locations.begin(), locations.end());
+    }
+    void didFailWithError(const KXError& error) override { errors.push_back(error); }
+
+    std::vector<KXLocation> fixes;
+    std::vector<KXError> errors;
+    bool onMainThread = true;
+};
+
+// A main queue of the application's own, as a toolkit adapter would provide.
+class ListMainQueue : public KXMainQueue {
+public:
+    void post(std::function<void()> work) override { work_.push_back(std::move(work)); }
+    void postAfter(std::chrono::milliseconds, std::function<void()> work) override {
+        work_.push_back(std::move(work));
+    }
+    bool isMainThread() const override { return kxIsProcessInitialThread(); }
+
+private:
+    std::vector<std::function<void()>> work_;
+};
+
+}  // namespace
+
+TEST(KXLinuxPlatform, KeepsItsFilesInTheXDGDirectoriesOfTheApplication) {
+    const fs::path root = KXTestDirectories::current();
+    KXLinuxPlatform platform(optionsFor("com.example.kiosk"));
+    EXPECT_EQ(platform.configDirectory(), root / "config" / "com.example.kiosk");
+    EXPECT_EQ(platform.dataDirectory(), root / "data" / "com.example.kiosk");
+    EXPECT_EQ(platform.cachesDirectory(), root / "cache" / "com.example.kiosk");
+
+    platform.userDefaults().setObject("k", "v");
+    ASSERT_TRUE(platform.userDefaults().synchronize());
+    EXPECT_TRUE(fs::exists(root / "config" / "com.example.kiosk" / "UserDefaults.plist"));
+    ASSERT_EQ(platform.keychain().add({"svc", "acct"}, {1}), KXKeychainStatus::Success);
+    EXPECT_TRUE(fs::exists(root / "data" / "com.example.kiosk" / "keychain.plist"));
+
+    // A second platform for the same application finds what the first stored.
+    KXLinuxPlatform again(optionsFor("com.example.kiosk"));
+    EXPECT_EQ(again.userDefaults().stringForKey("k"), "v");
+    EXPECT_EQ(again.keychain().copy({"svc", "acct"}), std::vector<std::uint8_t>{1});
+}
+
+TEST(KXLinuxPlatform, FallsBackToTheHomeDirectoryAndHonoursExplicitDirectories) {
+    const fs::path home = KXTestDirectories::current() / "home";
+    unsetenv("XDG_CONFIG_HOME");
+    setenv("XDG_DATA_HOME", "relative/paths/are/ignored", 1);
+    setenv("XDG_CACHE_HOME", "", 1);
+    KXLinuxPlatform platform(optionsFor("app"));
+    EXPECT_EQ(platform.configDirectory(), home / ".config" / "app");
+    EXPECT_EQ(platform.dataDirectory(), home / ".local" / "share" / "app");
+    EXPECT_EQ(platform.cachesDirectory(), home / ".cache" / "app");
+
+    KXLinuxPlatformOptions options = optionsFor("app");
+    options.configDirectory = KXTestDirectories::current() / "mine" / "config";
+    options.dataDirectory = KXTestDirectories::current() / "mine" / "data";
+    options.cacheDirectory = KXTestDirectories::current() / "mine" / "cache";
+    KXLinuxPlatform custom(options);
+    EXPECT_EQ(custom.configDirectory(), *options.configDirectory);
+    EXPECT_EQ(custom.dataDirectory(), *options.dataDirectory);
+    EXPECT_EQ(custom.cachesDirectory(), *options.cacheDirectory);
+
+    // An application id never names a path outside those directories.
+    KXLinuxPlatform odd(optionsFor("../escape"));
+    EXPECT_EQ(odd.configDirectory().parent_path(), home / ".config");
+}
+
+TEST(KXLinuxPlatform, FindsResourcesThroughTheResourcePathAndMergesTheInfoDictionary) {
+    const fs::path a = KXTestDirectories::current() / "res-a";
+    const fs::path b = KXTestDirectories::current() / "res-b";
+    fs::create_directories(a);
+    fs::create_directories(b);
+    std::ofstream(b / "KXConfig.enc") << "sealed";
+    std::ofstream(b / "Info.plist")
+        << "<plist><dict><key>CFBundleName</key><string>Kiosk</string>"
+           "<key>CFBundleVersion</key><string>1</string></dict></plist>";
+    setenv("KX_RESOURCE_PATH", (a.string() + "::" + b.string()).c_str(), 1);
+
+    KXLinuxPlatformOptions options = optionsFor("com.example.res");
+    options.infoDictionaryJSON = R"({"CFBundleVersion": "7", "Extra": [1, 2]})";
+    KXLinuxPlatform platform(options);
+    EXPECT_EQ(platform.mainBundle().pathForResource("KXConfig", "enc"), b / "KXConfig.enc");
+    const KXJSON info = platform.mainBundle().infoDictionary();
+    EXPECT_EQ(info["CFBundleName"], "Kiosk");
+    EXPECT_EQ(info["CFBundleVersion"], "7");
+    EXPECT_EQ(info["Extra"], KXJSON({1, 2}));
+    EXPECT_EQ(info["CFBundleIdentifier"], "com.example.res");
+
+    // Explicit directories win over the environment; without either, the executable's
+    // directory is searched.
+    KXLinuxPlatformOptions explicitOptions = optionsFor("x");
+    explicitOptions.resourceDirectories = {a};
+    EXPECT_FALSE(KXLinuxPlatform(explicitOptions).mainBundle().pathForResource("KXConfig", "enc"));
+    unsetenv("KX_RESOURCE_PATH");
+    const fs::path executable = fs::read_symlink("/proc/self/exe");
+    EXPECT_EQ(KXLinuxPlatform(optionsFor("x"))
+                  .mainBundle()
+                  .pathForResource(executable.filename().string(), ""),
+              executable);
+
+    // Overrides that are not a JSON object are reported and ignored.
+    auto sink = KXCapturingSink::install();
+    KXLinuxPlatformOptions bad = optionsFor("x");
+    bad.infoDictionaryJSON = "[not an object";
+    EXPECT_EQ(KXLinuxPlatform(bad).mainBundle().infoDictionary(),
+              (KXJSON{{"CFBundleIdentifier", "x"}}));
+    EXPECT_EQ(sink->linesContaining("overrides").size(), 1u);
+}
+
+TEST(KXPlatform, TheFirstUseInstallsTheLinuxDefaultOnceForAllThreads) {
+    setenv("KX_APPLICATION_ID", "com.example.auto", 1);
+    std::vector<std::thread> threads;
+    std::vector<KXPlatform*> seen(4, nullptr);
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&seen, t] { seen[t] = &KXPlatform::current(); });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    for (auto* platform : seen) {
+        EXPECT_EQ(platform, seen[0]);
+    }
+    auto* installed = dynamic_cast<KXLinuxPlatform*>(seen[0]);
+    ASSERT_NE(installed, nullptr);
+    EXPECT_EQ(installed->options().applicationId, "com.example.auto");
+    EXPECT_EQ(KXPlatform::currentShared().get(), seen[0]);
+    EXPECT_EQ(&KXLinuxPlatform::defaultMainQueue(), installed->asioMainQueue());
+
+    // install() replaces it.
+    auto mine = KXLinuxPlatform::installDefault("com.example.mine");
+    EXPECT_EQ(&KXPlatform::current(), mine.get());
+
+    // A platform with its own main queue has no asio main queue to hand out.
+    KXLinuxPlatformOptions options = optionsFor("com.example.toolkit");
+    options.mainQueue = std::make_shared<ListMainQueue>();
+    auto toolkit = std::make_shared<KXLinuxPlatform>(options);
+    EXPECT_EQ(&toolkit->mainQueue(), options.mainQueue.get());
+    EXPECT_EQ(toolkit->asioMainQueue(), nullptr);
+    KXPlatform::install(toolkit);
+    EXPECT_THROW(KXLinuxPlatform::defaultMainQueue(), KXException);
+}
+
+TEST(KXPlatform, WithoutAnApplicationIdTheProgramNameIsUsed) {
+    unsetenv("KX_APPLICATION_ID");
+    EXPECT_EQ(KXLinuxPlatform::defaultApplicationId(),
+              fs::read_symlink("/proc/self/exe").filename().string());
+}
+
+TEST(KXTestPlatform, InstallMakesItTheCurrentPlatformWithRealStoresAndFakes) {
+    auto platform = KXTestPlatform::install();
+    EXPECT_EQ(&KXPlatform::current(), platform.get());
+    EXPECT_TRUE(fs::is_directory(platform->resourceDirectory()));
+    platform->userDefaults().setObject("k", 1);
+    ASSERT_TRUE(platform->userDefaults().synchronize());
+    EXPECT_TRUE(fs::exists(platform->configDirectory() / "UserDefaults.plist"));
+
+    platform->fakeClock().advance(90s);
+    EXPECT_EQ(platform->clock().now().time_since_epoch(), 1577836800s + 90s);
+    platform->fakeDeviceFacts().model = "Kiosk 3000";
+    EXPECT_EQ(platform->deviceFacts().model, "Kiosk 3000");
+
+    bool granted = true;
+    platform->fakeNotificationAuthorizer().deny();
+    platform->notificationAuthorizer().requestAuthorization(
+        KXUserNotificationTypeAlert, [&](bool g, const std::optional<KXError>&) { granted = g; });
+    EXPECT_TRUE(platform->runUntil([&] { return !granted; }));
+    EXPECT_EQ(platform->fakeNotificationAuthorizer().requests(),
+              std::vector<std::uint32_t>{KXUserNotificationTypeAlert});
+
+    auto source = platform->makeLocationSource();
+    RecordingLocationDelegate delegate;
+    source->setDelegate(&delegate);
+    source->startUpdatingLocation();
+    ASSERT_EQ(platform->locationSources().size(), 1u);
+    EXPECT_EQ(platform->locationSources()[0]->calls().startUpdatingLocation, 1);
+    platform->locationSources()[0]->deliver({{1.0, 2.0, {}}});
+    EXPECT_EQ(delegate.fixes.size(), 1u);
+}
+
+TEST(KXLinuxLocationSource, DeliversFedFixesOnTheMainQueueWhileUpdatesAreOn) {
+    KXAsioMainQueue queue;
+    KXSystemClock clock;
+    KXLinuxLocationSource source(queue, clock);
+    RecordingLocationDelegate delegate;
+    source.setDelegate(&delegate);
+
+    source.setDesiredAccuracy(kCLLocationAccuracyHundredMeters);
+    source.setDistanceFilter(50.0);
+    EXPECT_EQ(source.desiredAccuracy(), kCLLocationAccuracyHundredMeters);
+    EXPECT_EQ(source.distanceFilter(), 50.0);
+    EXPECT_EQ(source.authorizationStatus(), KXLocationAuthorizationStatus::NotDetermined);
+    source.requestWhenInUseAuthorization();
+    EXPECT_EQ(source.authorizationStatus(), KXLocationAuthorizationStatus::AuthorizedWhenInUse);
+    source.requestAlwaysAuthorization();
+    EXPECT_EQ(source.authorizationStatus(), KXLocationAuthorizationStatus::AuthorizedAlways);
+
+    const KXLocation fix{52.52, 13.40, std::chrono::system_clock::now()};
+    source.deliver({fix});  // updates are off: dropped
+    queue.poll();
+    EXPECT_TRUE(delegate.fixes.empty());
+
+    source.startUpdatingLocation();
+    std::thread feeder([&] { source.deliver({fix, fix}); });  // a GPS reader thread
+    feeder.join();
+    EXPECT_TRUE(delegate.fixes.empty()) << "delivery happens on the main queue";
+    ASSERT_TRUE(queue.runUntil([&] { return delegate.fixes.size() == 2; }, 10s));
+    EXPECT_TRUE(delegate.onMainThread);
+    source.deliverError(KXError("kCLErrorDomain", 0));
+    queue.poll();
+    ASSERT_EQ(delegate.errors.size(), 1u);
+
+    // Stopping before queued fixes arrive drops them too.
+    source.deliver({fix});
+    source.stopUpdatingLocation();
+    queue.poll();
+    EXPECT_EQ(delegate.fixes.size(), 2u);
+
+    source.startMonitoringSignificantLocationChanges();
+    source.deliver({fix});
+    queue.poll();
+    EXPECT_EQ(delegate.fixes.size(), 3u);
+}
+
+TEST(KXLinuxLocationSource, AFixedPositionIsDeliveredWhenUpdatesStart) {
+    setenv("KX_FIXED_LOCATION", " 48.8566 , 2.3522 ", 1);
+    KXLinuxPlatform platform(optionsFor("com.example.fixed"));
+    auto source = platform.makeLocationSource();
+    RecordingLocationDelegate delegate;
+    source->setDelegate(&delegate);
+    source->startUpdatingLocation();
+    ASSERT_TRUE(platform.asioMainQueue()->runUntil([&] { return !delegate.fixes.empty(); }, 10s));
+    EXPECT_DOUBLE_EQ(delegate.fixes[0].latitude, 48.8566);
+    EXPECT_DOUBLE_EQ(delegate.fixes[0].longitude, 2.3522);
+    EXPECT_NE(delegate.fixes[0].timestamp, std::chrono::system_clock::time_point{});
+    source->setDelegate(nullptr);
+    source.reset();
+    platform.asioMainQueue()->poll();  // work queued for the destroyed source is skipped
+
+    for (const char* bad : {"48.8", "91,0", "0,181", "abc,def", "1,2,3", "nan,1", ""}) {
+        EXPECT_FALSE(KXLinuxLocationSource::parseFixedPosition(bad).has_value()) << bad;
+    }
+    auto sink = KXCapturingSink::install();
+    setenv("KX_FIXED_LOCATION", "somewhere", 1);
+    KXLinuxPlatform ignored(optionsFor("com.example.fixed"));
+    EXPECT_EQ(sink->linesContaining("KX_FIXED_LOCATION").size(), 1u);
+}
+
+TEST(KXLinuxPlatform, AuthorisationIsAnsweredLaterAndAlertsGoToTheLog) {
+    KXLinuxPlatformOptions options = optionsFor("com.example.quiet");
+    options.notificationsAuthorized = false;
+    KXLinuxPlatform platform(options);
+    std::optional<bool> answer;
+    platform.notificationAuthorizer().requestAuthorization(
+        KXUserNotificationTypeAlert | KXUserNotificationTypeSound,
+        [&](bool granted, const std::optional<KXError>& error) {
+            EXPECT_FALSE(error.has_value());
+            answer = granted;
+        });
+    EXPECT_FALSE(answer.has_value()) << "never answered inside the call";
+    ASSERT_TRUE(platform.asioMainQueue()->runUntil([&] { return answer.has_value(); }, 10s));
+    EXPECT_FALSE(*answer);
+
+    auto sink = KXCapturingSink::install();
+    platform.alertPresenter().present({"Missing Config File", "Add it.", {"OK", "Cancel"}});
+    platform.alertPresenter().present({"Note", "No buttons", {}});
+    EXPECT_EQ(sink->lines(), (std::vector<std::string>{"Missing Config File: Add it. [OK, Cancel]",
+                                                       "Note: No buttons []"}));
+
+    const KXDeviceFacts facts = platform.deviceFacts();
+    EXPECT_FALSE(facts.carrierName.has_value());
+    EXPECT_FALSE(facts.manufacturer.empty());
+}
