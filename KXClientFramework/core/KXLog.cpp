@@ -74,7 +74,7 @@ std::string KXLog::functionName(std::string_view signature) {
     return std::string(signature.substr(start, end - start));
 }
 
-void KXLog::write(KXLogLevel level, const std::source_location& where, std::string_view message) {
+void KXLog::write(KXLogLevel level, const KXSourceLocation& where, std::string_view message) {
     const std::string line = fmt::format("[{}] {} [Line {}] {}", levelWord(level),
                                          functionName(where.function_name()), where.line(),
                                          message);

@@ -12,6 +12,29 @@
 #include <string>
 #include <string_view>
 
+#if defined(__cpp_lib_source_location)
+using KXSourceLocation = std::source_location;
+#else
+/// Where a log line comes from, for compilers whose standard library cannot provide
+/// std::source_location (clang 14 with libstdc++, the fuzzing build). Only the bare function
+/// name is known there.
+struct KXSourceLocation {
+    static constexpr KXSourceLocation current(const char* function = __builtin_FUNCTION(),
+                                              unsigned line = __builtin_LINE()) noexcept {
+        KXSourceLocation location;
+        location.function_ = function;
+        location.line_ = line;
+        return location;
+    }
+    constexpr const char* function_name() const noexcept { return function_; }
+    constexpr unsigned line() const noexcept { return line_; }
+
+private:
+    const char* function_ = "";
+    unsigned line_ = 0;
+};
+#endif
+
 enum class KXLogLevel : std::int64_t { Error = 1, Warn = 2, Info = 3, Debug = 4 };
 
 /// The library's one log facility.
@@ -27,7 +50,7 @@ public:
     }
 
     /// Builds the prefixed line and writes it; callers use the KX_LOG_* macros instead.
-    static void write(KXLogLevel level, const std::source_location& where,
+    static void write(KXLogLevel level, const KXSourceLocation& where,
                       std::string_view message);
 
     /// Writes a line to the sink unconditionally, without prefix or level test.
@@ -45,7 +68,7 @@ public:
 #define KX_LOG(level, ...)                                                                    \
     do {                                                                                      \
         if (KXLog::isEnabled(level)) {                                                        \
-            KXLog::write(level, std::source_location::current(), fmt::format(__VA_ARGS__)); \
+            KXLog::write(level, KXSourceLocation::current(), fmt::format(__VA_ARGS__));       \
         }                                                                                     \
     } while (false)
 

@@ -103,6 +103,48 @@ private:
     std::size_t capacity_ = 0;
 };
 
+// Buffers for the copies addData() makes of its input. A buffer returns here once the work
+// step that read it is over, so a steady stream of pieces reuses the same few buffers instead of
+// allocating (and faulting in) fresh memory for every piece.
+class InputPool : public std::enable_shared_from_this<InputPool> {
+public:
+    std::shared_ptr<const std::vector<std::uint8_t>> copy(std::span<const std::uint8_t> data) {
+        std::unique_ptr<std::vector<std::uint8_t>> buffer;
+        {
+            std::lock_guard lock(mutex_);
+            if (!free_.empty()) {
+                buffer = std::move(free_.back());
+                free_.pop_back();
+            }
+        }
+        if (!buffer) {
+            buffer = std::make_unique<std::vector<std::uint8_t>>();
+        }
+        buffer->assign(data.begin(), data.end());
+        std::weak_ptr<InputPool> pool = weak_from_this();
+        return std::shared_ptr<const std::vector<std::uint8_t>>(
+            buffer.release(), [pool](const std::vector<std::uint8_t>* used) {
+                std::unique_ptr<std::vector<std::uint8_t>> owned(const_cast<std::vector<std::uint8_t>*>(used));
+                if (auto alive = pool.lock()) {
+                    alive->giveBack(std::move(owned));
+                }
+            });
+    }
+
+private:
+    static constexpr std::size_t kKept = 4;
+
+    void giveBack(std::unique_ptr<std::vector<std::uint8_t>> buffer) {
+        std::lock_guard lock(mutex_);
+        if (free_.size() < kKept) {
+            free_.push_back(std::move(buffer));
+        }
+    }
+
+    std::mutex mutex_;
+    std::vector<std::unique_ptr<std::vector<std::uint8_t>>> free_;
+};
+
 }  // namespace
 
 struct TZCryptor::Core {
@@ -134,6 +176,7 @@ struct TZCryptor::Core {
     std::vector<Delivery> deliveries;
     std::size_t nextDelivery = 0;
     OutputBuffer output;
+    std::shared_ptr<InputPool> inputs = std::make_shared<InputPool>();
 
     Core(std::string name, TZCryptorHandler handlerFunction)
         : className(std::move(name)),
@@ -236,7 +279,7 @@ void TZCryptor::addData(std::span<const std::uint8_t> data) {
     if (!acceptsInput()) {
         return;
     }
-    auto owner = std::make_shared<const std::vector<std::uint8_t>>(data.begin(), data.end());
+    auto owner = core_->inputs->copy(data);
     addInput(Input{*owner, owner});
 }
 

@@ -16,14 +16,7 @@ namespace fs = std::filesystem;
 
 std::chrono::system_clock::time_point KXFakeClock::now() const {
     std::lock_guard lock(mutex_);
-    const auto reading = now_;
-    now_ += advancePerRead_;
-    return reading;
-}
-
-void KXFakeClock::setAdvancePerRead(std::chrono::system_clock::duration step) {
-    std::lock_guard lock(mutex_);
-    advancePerRead_ = step;
+    return now_;
 }
 
 void KXFakeClock::set(std::chrono::system_clock::time_point time) {

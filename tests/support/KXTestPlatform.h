@@ -39,14 +39,10 @@ public:
     std::chrono::system_clock::time_point now() const override;
     void set(std::chrono::system_clock::time_point time);
     void advance(std::chrono::system_clock::duration by);
-    /// Makes every reading move the clock on by `step` afterwards, as time passes between two
-    /// readings on a real device (zero by default: the clock stands still).
-    void setAdvancePerRead(std::chrono::system_clock::duration step);
 
 private:
     mutable std::mutex mutex_;
-    mutable std::chrono::system_clock::time_point now_{std::chrono::seconds(1577836800)};
-    std::chrono::system_clock::duration advancePerRead_{};
+    std::chrono::system_clock::time_point now_{std::chrono::seconds(1577836800)};
 };
 
 /// Records every alert instead of showing it.

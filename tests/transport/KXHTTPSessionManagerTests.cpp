@@ -357,7 +357,7 @@ TEST_F(TokenGate, WithoutATokenOneIsFetchedFirstAndThenUsed) {
 
 TEST_F(TokenGate, AnExpiredTokenIsReplacedBeforeTheRequest) {
     service.scriptToken("renewed-token");
-    const auto now = platform->clock().now();
+    const auto now = clock.now();
     transport().setBearerToken(std::make_shared<KXBearerToken>("stale-token", now - 1s));
     get("/inbox");
     const auto inbox = service.requestsTo("/inbox");

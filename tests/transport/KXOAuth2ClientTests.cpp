@@ -34,7 +34,7 @@ protected:
     void SetUp() override {
         client.initWithClientId("client-7", "secret-7");
         // Time passes between two readings of the clock, as it does on a real device.
-        platform->fakeClock().setAdvancePerRead(1us);
+        clock.setStepPerReading(1us);
     }
 
     struct Result {
@@ -105,13 +105,13 @@ TEST_F(OAuth2Client, TheTokenLifetimeSetsTheRenewalTick) {
     for (const KXJSON& response : {KXJSON{{"access_token", "forever"}, {"expires_in", nullptr}},
                                    KXJSON{{"access_token", "forever"}},
                                    KXJSON{{"access_token", "forever"}, {"expires_in", KXJSON::array()}}}) {
-        platform->fakeClock().set(std::chrono::system_clock::now());
+        clock.set(std::chrono::system_clock::now());
         client.saveBearerToken(response);
         EXPECT_GT(client.expireInMinutes(), 50'000'000) << response;
         auto token = transport().bearerToken();
         ASSERT_TRUE(token);
         EXPECT_EQ(token->token(), "forever");
-        platform->fakeClock().advance(std::chrono::hours(24 * 365 * 100));
+        clock.advance(std::chrono::hours(24 * 365 * 100));
         EXPECT_FALSE(token->isExpired()) << response;
     }
 
@@ -123,13 +123,13 @@ TEST_F(OAuth2Client, TheTokenLifetimeSetsTheRenewalTick) {
 }
 
 TEST_F(OAuth2Client, ATokenExpiresOnlyStrictlyAfterItsDate) {
-    platform->fakeClock().setAdvancePerRead({});
-    const auto now = platform->clock().now();
+    clock.setStepPerReading({});
+    const auto now = clock.now();
     EXPECT_FALSE(KXBearerToken("t", now).isExpired());
     EXPECT_TRUE(KXBearerToken("t", now - 1ns).isExpired());
     EXPECT_FALSE(KXBearerToken("t", now + 1ns).isExpired());
     EXPECT_FALSE(KXBearerToken("t", std::nullopt).isExpired());
-    platform->fakeClock().advance(1ns);
+    clock.advance(1ns);
     EXPECT_TRUE(KXBearerToken("t", now).isExpired());
 }
 

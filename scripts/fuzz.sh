@@ -1,0 +1,49 @@
+#!/usr/bin/env bash
+# Builds the libFuzzer targets (preset "fuzz": clang, AddressSanitizer, UndefinedBehaviorSanitizer)
+# and runs every fuzz_* program for SECONDS seconds each, starting from a seed corpus generated
+# here. Exits non-zero as soon as a target reports a finding; its input is kept under
+# build/fuzz/findings/<target>/.
+# Usage: scripts/fuzz.sh [SECONDS]   (default 30)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+seconds="${1:-30}"
+jobs="${KX_JOBS:-2}"
+
+cmake --preset fuzz >/dev/null
+cmake --build build/fuzz -j "$jobs"
+
+work="$(mktemp -d)"
+trap 'rm -rf "$work"' EXIT
+findings="build/fuzz/findings"
+mkdir -p "$findings"
+
+if [ -x build/fuzz/tests/fuzz/kx_fuzz_seeds ]; then
+    build/fuzz/tests/fuzz/kx_fuzz_seeds "$work/corpus"
+fi
+
+targets=()
+while IFS= read -r -d '' target; do
+    targets+=("$target")
+done < <(find build/fuzz -type f -name 'fuzz_*' -perm -u+x -print0 | sort -z)
+if [ "${#targets[@]}" -eq 0 ]; then
+    echo "fuzz.sh: no fuzz_* programs were built" >&2
+    exit 1
+fi
+
+export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}"
+export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
+
+for target in "${targets[@]}"; do
+    name="$(basename "$target")"
+    mkdir -p "$work/corpus/$name" "$findings/$name"
+    echo "== $name: ${seconds}s"
+    if ! "$target" -max_total_time="$seconds" -timeout=30 -rss_limit_mb=2048 -print_final_stats=1 \
+            -artifact_prefix="$findings/$name/" "$work/corpus/$name" >"$work/$name.log" 2>&1; then
+        tail -n 60 "$work/$name.log" >&2
+        echo "fuzz.sh: $name found a problem; its input is in $findings/$name/" >&2
+        exit 1
+    fi
+    grep -E '^stat::number_of_executed_units|^Done' "$work/$name.log" || true
+done
+echo "fuzz.sh: no findings"
