@@ -9,7 +9,12 @@ prefix="$(mktemp -d)"
 trap 'rm -rf "$prefix"' EXIT
 
 cmake --install "$build" --prefix "$prefix" > /dev/null
-flags="$(grep -oE -- '-fsanitize=[^ ]+' "$build/CMakeCache.txt" | head -n 1 || true)"
+# A sanitized library needs a consumer built with the same sanitizers.
+sanitizers="$(sed -n 's/^KX_SANITIZERS:STRING=//p' "$build/CMakeCache.txt")"
+flags=""
+if [ -n "$sanitizers" ]; then
+    flags="-fsanitize=$sanitizers"
+fi
 
 cmake -S tests/install/consumer -B "$prefix/consumer" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
     -DCMAKE_CXX_FLAGS="$flags" -DCMAKE_EXE_LINKER_FLAGS="$flags" > /dev/null
