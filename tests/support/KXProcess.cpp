@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <sstream>
 #include <stdexcept>
 
 extern char** environ;
@@ -95,6 +96,26 @@ ProcessResult runProcess(const std::filesystem::path& program,
     }
     result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return result;
+}
+
+std::vector<KXJSON> jsonLines(const std::string& out) {
+    std::vector<KXJSON> lines;
+    std::istringstream stream(out);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(KXJSON::parse(line, nullptr, false));
+    }
+    return lines;
+}
+
+std::map<std::string, std::string> formFields(const std::string& body) {
+    std::map<std::string, std::string> fields;
+    std::istringstream stream(body);
+    for (std::string piece; std::getline(stream, piece, '&');) {
+        const auto equals = piece.find('=');
+        fields[piece.substr(0, equals)] =
+            equals == std::string::npos ? "" : piece.substr(equals + 1);
+    }
+    return fields;
 }
 
 std::filesystem::path builtProgram(const std::string& relativePath) {

@@ -12,30 +12,13 @@
 #include <sstream>
 
 using namespace std::chrono_literals;
+using kxtest::formFields;
+using kxtest::jsonLines;
 using kxtest::ProcessResult;
 
 namespace {
 
 const std::string kKey = "kxctl-test-key";
-
-std::vector<KXJSON> jsonLines(const std::string& out) {
-    std::vector<KXJSON> lines;
-    std::istringstream stream(out);
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(KXJSON::parse(line, nullptr, false));
-    }
-    return lines;
-}
-
-std::map<std::string, std::string> formFields(const std::string& body) {
-    std::map<std::string, std::string> fields;
-    std::istringstream stream(body);
-    for (std::string piece; std::getline(stream, piece, '&');) {
-        const auto equals = piece.find('=');
-        fields[piece.substr(0, equals)] = equals == std::string::npos ? "" : piece.substr(equals + 1);
-    }
-    return fields;
-}
 
 class KXCtlTool : public testing::Test {
 protected:

@@ -9,19 +9,11 @@
 #include <map>
 #include <sstream>
 
+using kxtest::formFields;
+
 namespace {
 
 const std::string kKey = "engage-app-key";
-
-std::map<std::string, std::string> formFields(const std::string& body) {
-    std::map<std::string, std::string> fields;
-    std::istringstream stream(body);
-    for (std::string piece; std::getline(stream, piece, '&');) {
-        const auto equals = piece.find('=');
-        fields[piece.substr(0, equals)] = equals == std::string::npos ? "" : piece.substr(equals + 1);
-    }
-    return fields;
-}
 
 class KXEngageApp : public testing::Test {
 protected:
