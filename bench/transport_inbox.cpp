@@ -12,6 +12,7 @@
 #include <KXClientFramework/KXHTTPSessionManager.h>
 #include <KXClientFramework/KXLinuxPlatform.h>
 #include <KXClientFramework/KXSessionManager.h>
+#include <KXClientFramework/KXURLSession.h>
 
 #include <benchmark/benchmark.h>
 #include <curl/curl.h>
@@ -28,19 +29,20 @@ constexpr int kRequests = 1000;
 std::string inboxPage() {
     KXJSON messages = KXJSON::array();
     for (int i = 0; i < 20; ++i) {
-        messages.push_back({{"id", "msg-" + std::to_string(1000 + i)},
-                            {"subject", "Your stay at the harbour hotel, part " + std::to_string(i)},
-                            {"body", std::string(240, 'x')},
-                            {"read", i % 3 == 0},
-                            {"created", "2026-11-22T10:" + std::to_string(10 + i) + ":00Z"},
-                            {"attributes", {{"campaign", "autumn"}, {"priority", i % 5}}}});
+        messages.push_back(
+            {{"id", "msg-" + std::to_string(1000 + i)},
+             {"subject", "Your stay at the harbour hotel, part " + std::to_string(i)},
+             {"body", std::string(240, 'x')},
+             {"read", i % 3 == 0},
+             {"created", "2026-11-22T10:" + std::to_string(10 + i) + ":00Z"},
+             {"attributes", {{"campaign", "autumn"}, {"priority", i % 5}}}});
     }
     return KXJSON{{"offset", 0}, {"limit", 20}, {"total", 87}, {"messages", messages}}.dump();
 }
 
 /// A keep-alive HTTP server on loopback that answers every GET with the inbox page.
 class InboxServer {
-public:
+  public:
     InboxServer() : page_(inboxPage()) {
         server_.Get(".*", [this](const httplib::Request&, httplib::Response& response) {
             response.set_content(page_, "application/json");
@@ -70,7 +72,7 @@ public:
         return "http://127.0.0.1:" + std::to_string(port_) + path;
     }
 
-private:
+  private:
     std::string page_;
     httplib::Server server_;
     int port_ = 0;
@@ -80,6 +82,13 @@ private:
 InboxServer& server() {
     static InboxServer instance;
     return instance;
+}
+
+// Installed once: completions go to the main queue of the platform current when a request
+// starts, so every benchmark must run the same one.
+KXAsioMainQueue& mainQueue() {
+    static auto platform = KXLinuxPlatform::installDefault("kx.bench.transport");
+    return *platform->asioMainQueue();
 }
 
 std::size_t collect(char* data, std::size_t size, std::size_t count, void* user) {
@@ -99,15 +108,15 @@ void fetchWith(CURL* handle, const std::string& url, std::string& body) {
 }
 
 void Library(benchmark::State& state) {
-    static auto platform = KXLinuxPlatform::installDefault("kx.bench.transport");
-    KXAsioMainQueue& queue = *platform->asioMainQueue();
+    KXAsioMainQueue& queue = mainQueue();
     KXServiceEndpoints endpoints;
     endpoints.development = server().url("");
     KXClientFramework::setServiceEndpoints(endpoints);
     KXHTTPSessionManager& transport = KXHTTPSessionManager::sharedManager();
     transport.configureBaseUrl();
     transport.setBearerToken(std::make_shared<KXBearerToken>("bench-token", std::nullopt));
-    const std::string path = KXSessionManager::kxBaseURI() + "/guests/g-1/inboxes/d-1/messages?offset=0&limit=20";
+    const std::string path =
+        KXSessionManager::kxBaseURI() + "/guests/g-1/inboxes/d-1/messages?offset=0&limit=20";
 
     for (auto _ : state) {
         for (int i = 0; i < kRequests; ++i) {
@@ -126,8 +135,36 @@ void Library(benchmark::State& state) {
         benchmark::Counter(kRequests, benchmark::Counter::kIsIterationInvariantRate);
 }
 
+// The session layer alone: the same request handed straight to KXURLSession, without the
+// session manager's request building, token check and response handling.
+void Session(benchmark::State& state) {
+    KXAsioMainQueue& queue = mainQueue();
+    auto session = KXURLSession::sessionWithConfiguration(
+        KXSessionConfiguration::defaultSessionConfiguration());
+    KXURLRequest request;
+    request.URL = server().url("/KXFrontier-stg/guests/g-1/inboxes/d-1/messages?offset=0&limit=20");
+    request.timeoutInterval = 10;
+    for (auto _ : state) {
+        for (int i = 0; i < kRequests; ++i) {
+            bool done = false;
+            session->dataTask(request, [&](std::shared_ptr<const KXHTTPResponse> response,
+                                           std::optional<KXError> error) {
+                if (error || !response) {
+                    std::abort();
+                }
+                benchmark::DoNotOptimize(KXJSON::parse(response->body));
+                done = true;
+            });
+            queue.runUntil([&] { return done; }, std::chrono::seconds(30));
+        }
+    }
+    state.counters["requests/s"] =
+        benchmark::Counter(kRequests, benchmark::Counter::kIsIterationInvariantRate);
+}
+
 void RawReused(benchmark::State& state) {
-    const std::string url = server().url("/KXFrontier-stg/guests/g-1/inboxes/d-1/messages?offset=0&limit=20");
+    const std::string url =
+        server().url("/KXFrontier-stg/guests/g-1/inboxes/d-1/messages?offset=0&limit=20");
     CURL* handle = curl_easy_init();
     std::string body;
     for (auto _ : state) {
@@ -141,7 +178,8 @@ void RawReused(benchmark::State& state) {
 }
 
 void RawNewConnection(benchmark::State& state) {
-    const std::string url = server().url("/KXFrontier-stg/guests/g-1/inboxes/d-1/messages?offset=0&limit=20");
+    const std::string url =
+        server().url("/KXFrontier-stg/guests/g-1/inboxes/d-1/messages?offset=0&limit=20");
     std::string body;
     for (auto _ : state) {
         for (int i = 0; i < kRequests; ++i) {
@@ -158,5 +196,6 @@ void RawNewConnection(benchmark::State& state) {
 }  // namespace
 
 BENCHMARK(Library)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
+BENCHMARK(Session)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
 BENCHMARK(RawReused)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
 BENCHMARK(RawNewConnection)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();

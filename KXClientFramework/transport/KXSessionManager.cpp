@@ -107,10 +107,14 @@ void KXSessionManager::setAuthorizationHeader(const std::optional<std::string>& 
     }
     std::lock_guard lock(mutex_);
     configuration_.HTTPAdditionalHeaders = KXHTTPHeaders{{"Authorization", "BEARER " + *token}};
-    session_ = KXURLSession::sessionWithConfiguration(configuration_);
+    // Every request sets the header; the session is only replaced when something changed.
+    if (session_->configuration() != configuration_) {
+        session_ = KXURLSession::sessionWithConfiguration(configuration_);
+    }
 }
 
-KXURLRequest KXSessionManager::baseRequest(const std::string& method, const std::string& URL) const {
+KXURLRequest KXSessionManager::baseRequest(const std::string& method,
+                                           const std::string& URL) const {
     KXURLRequest request;
     request.URL = URL;
     request.HTTPMethod = method;

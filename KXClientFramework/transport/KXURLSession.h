@@ -36,6 +36,8 @@ struct KX_EXPORT KXSessionConfiguration {
     std::size_t maximumResponseBodySize = std::size_t{64} * 1024 * 1024;
 
     static KXSessionConfiguration defaultSessionConfiguration() { return {}; }
+
+    bool operator==(const KXSessionConfiguration&) const = default;
 };
 
 /// An immutable session: a configuration bound to the library's one network engine.

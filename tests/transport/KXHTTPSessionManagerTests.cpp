@@ -14,7 +14,7 @@ using namespace std::chrono_literals;
 namespace {
 
 class HTTPSessionManager : public KXTransportTest {
-protected:
+  protected:
     void SetUp() override { giveToken(); }
 };
 
@@ -22,8 +22,8 @@ protected:
 
 TEST_F(HTTPSessionManager, StatusCodesFrom200To299SucceedAndOthersFail) {
     const std::vector<std::pair<int, bool>> cases = {
-        {200, true}, {201, true}, {204, true}, {299, true},
-        {300, false}, {304, false}, {400, false}, {401, false}, {404, false}, {500, false}};
+        {200, true},  {201, true},  {204, true},  {299, true},  {300, false},
+        {304, false}, {400, false}, {401, false}, {404, false}, {500, false}};
     for (const auto& [status, succeeds] : cases) {
         const std::string path = "/status/" + std::to_string(status);
         service.script("GET", path, KXScriptedAnswer::json(status, KXJSON{{"status", status}}));
@@ -50,7 +50,8 @@ TEST_F(HTTPSessionManager, BodiesThatAreNotAJSONObjectOrArraySucceedWithANullObj
     service.script("GET", "/empty", KXScriptedAnswer::empty(204));
     service.script("GET", "/text", KXScriptedAnswer::text(200, "<html>hello</html>", "text/html"));
     service.script("GET", "/fragment", KXScriptedAnswer::text(200, "42", "application/json"));
-    service.script("GET", "/broken", KXScriptedAnswer::text(200, "{\"a\": [1, 2", "application/json"));
+    service.script("GET", "/broken",
+                   KXScriptedAnswer::text(200, "{\"a\": [1, 2", "application/json"));
     service.script("GET", "/array", KXScriptedAnswer::json(200, KXJSON::array({1, 2, 3})));
     service.script("GET", "/object", KXScriptedAnswer::json(200, KXJSON{{"name", "inbox"}}));
 
@@ -115,7 +116,8 @@ TEST_F(HTTPSessionManager, FormRequestsAreUnencodedAndCarryNoTokenAndNoJSONAccep
     EXPECT_EQ(transport().serialize(nullptr), "");
 
     giveToken("not-for-the-token-endpoint");
-    const KXURLRequest built = transport().authorizationRequestWithURL("http://h/token", KXJSON{{"a", "b c"}});
+    const KXURLRequest built =
+        transport().authorizationRequestWithURL("http://h/token", KXJSON{{"a", "b c"}});
     EXPECT_EQ(built.HTTPMethod, "POST");
     EXPECT_EQ(built.HTTPBody, "a=b c");
     EXPECT_EQ(built.timeoutInterval, 10.0);
@@ -165,6 +167,32 @@ TEST_F(HTTPSessionManager, PathsAreEscapedAndResolvedAgainstTheBaseURL) {
     EXPECT_EQ(requests[3].path, "/x") << "a path beginning with / replaces the base's path";
 }
 
+TEST_F(HTTPSessionManager, AbsoluteURLsFollowEachBaseURLAndResolveDotSegments) {
+    struct Case {
+        std::string base, path, expected;
+    };
+    // Bases alternate so that a remembered base is never reused for the wrong one.
+    const std::vector<Case> cases = {
+        {"http://127.0.0.1:9650", "/a/b?x=1#f", "http://127.0.0.1:9650/a/b?x=1#f"},
+        {"http://h.invalid/base/path?q=1", "/a", "http://h.invalid/a"},
+        {"http://127.0.0.1:9650", "/c", "http://127.0.0.1:9650/c"},
+        {"http://h.invalid/base/", "/a/./b/../c", "http://h.invalid/a/c"},
+        {"http://h.invalid/base/", "/a/.hidden/..x/.", "http://h.invalid/a/.hidden/..x/"},
+        {"http://h.invalid/base/", "/a/.hidden/..x?y=/../",
+         "http://h.invalid/a/.hidden/..x?y=/../"},
+        {"http://h.invalid/base/", "rel", "http://h.invalid/base/rel"},
+        {"http://h.invalid/base/", "//other.invalid/p", "http://other.invalid/p"},
+        {"https://h.invalid:8443", "/", "https://h.invalid:8443/"},
+        {"HTTP://H.invalid", "/Up", "http://H.invalid/Up"},
+        {"not a base URL", "/a", "not a base URL/a"},
+        {"http://127.0.0.1:9650", "/c d", "http://127.0.0.1:9650/c%20d"},
+    };
+    for (const Case& c : cases) {
+        transport().setBaseURL(c.base);
+        EXPECT_EQ(transport().absoluteURLForPath(c.path), c.expected) << c.base << " + " << c.path;
+    }
+}
+
 TEST_F(HTTPSessionManager, ResponseHeadersAreFoundWhateverTheirCase) {
     KXScriptedAnswer answer = KXScriptedAnswer::empty(201);
     answer.headers = {{"newrecordid", "guest-77"}, {"X-Many", "a"}, {"x-many", "b"}};
@@ -179,8 +207,10 @@ TEST_F(HTTPSessionManager, ResponseHeadersAreFoundWhateverTheirCase) {
 
 TEST_F(HTTPSessionManager, TransportFailuresGiveAURLErrorWithoutResponse) {
     service.script("GET", "/dropped", KXScriptedAnswer::dropped());
-    service.script("GET", "/garbage", KXScriptedAnswer::garbageBytes("\x01\x02 not http at all\r\n\r\n"));
-    KXScriptedAnswer truncated = KXScriptedAnswer::json(200, KXJSON{{"padding", std::string(4000, 'x')}});
+    service.script("GET", "/garbage",
+                   KXScriptedAnswer::garbageBytes("\x01\x02 not http at all\r\n\r\n"));
+    KXScriptedAnswer truncated =
+        KXScriptedAnswer::json(200, KXJSON{{"padding", std::string(4000, 'x')}});
     truncated.fault = KXScriptedAnswer::Fault::TruncatedBody;
     service.script("GET", "/truncated", truncated);
 
@@ -228,7 +258,8 @@ TEST_F(HTTPSessionManager, ABodyOverTheLimitIsATransportErrorAndTheNextCallStill
     configuration.maximumResponseBodySize = 1024;
     transport().setConfiguration(configuration);
 
-    service.script("GET", "/huge", KXScriptedAnswer::json(200, KXJSON{{"blob", std::string(8192, 'x')}}));
+    service.script("GET", "/huge",
+                   KXScriptedAnswer::json(200, KXJSON{{"blob", std::string(8192, 'x')}}));
     KXScriptedAnswer chunked;  // no Content-Length known up front: the limit applies while reading
     chunked.fault = KXScriptedAnswer::Fault::Garbage;
     chunked.garbage = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n" +
@@ -246,7 +277,8 @@ TEST_F(HTTPSessionManager, ABodyOverTheLimitIsATransportErrorAndTheNextCallStill
 }
 
 TEST_F(HTTPSessionManager, ManyConcurrentCallsEachCompleteOnceOnTheMainThread) {
-    service.script("GET", "/inbox", KXScriptedAnswer::json(200, KXJSON{{"messages", KXJSON::array()}}));
+    service.script("GET", "/inbox",
+                   KXScriptedAnswer::json(200, KXJSON{{"messages", KXJSON::array()}}));
     service.script("POST", "/sessions", KXScriptedAnswer::json(500, KXJSON{{"error", "busy"}}));
     constexpr int kCalls = 40;
     std::vector<KXCallOutcome> outcomes(kCalls);
@@ -330,7 +362,7 @@ TEST_F(HTTPSessionManager, RESTLoggingWritesRequestsAndResponses) {
 
 // The token gate: what happens when the transport has no valid token.
 class TokenGate : public KXTransportTest {
-protected:
+  protected:
     void SetUp() override {
         KXOAuth2Client::client().initWithClientId("gate-client", "gate-secret");
         service.script("GET", "/inbox", KXScriptedAnswer::json(200, KXJSON{{"messages", 0}}));
@@ -369,7 +401,8 @@ TEST_F(TokenGate, AnExpiredTokenIsReplacedBeforeTheRequest) {
 TEST_F(TokenGate, ATokenFailureReachesTheCallerWithoutAResponseAndIsLogged) {
     auto sink = std::make_shared<KXCapturingSink>();
     KXLog::setSink(sink);
-    service.script("POST", "/token", KXScriptedAnswer::json(401, KXJSON{{"error", "invalid_client"}}));
+    service.script("POST", "/token",
+                   KXScriptedAnswer::json(401, KXJSON{{"error", "invalid_client"}}));
     service.script("POST", "/token", KXScriptedAnswer::dropped());
 
     const KXCallOutcome rejected = get("/inbox");

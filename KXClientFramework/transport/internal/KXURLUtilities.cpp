@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include <memory>
+#include <optional>
 
 namespace kx::url {
 
@@ -13,10 +14,26 @@ bool isLegal(unsigned char c) {
         return true;
     }
     switch (c) {
-        case '-': case '.': case '_': case '~':
-        case ':': case '/': case '?': case '#': case '@':
-        case '!': case '$': case '&': case '\'': case '(': case ')':
-        case '*': case '+': case ',': case ';': case '=':
+        case '-':
+        case '.':
+        case '_':
+        case '~':
+        case ':':
+        case '/':
+        case '?':
+        case '#':
+        case '@':
+        case '!':
+        case '$':
+        case '&':
+        case '\'':
+        case '(':
+        case ')':
+        case '*':
+        case '+':
+        case ',':
+        case ';':
+        case '=':
             return true;
         default:
             return false;
@@ -51,7 +68,9 @@ std::string escapeIllegalCharacters(std::string_view text) {
     return escaped;
 }
 
-std::string resolve(const std::string& base, const std::string& reference) {
+namespace {
+
+std::optional<std::string> resolveWithCurl(const std::string& base, const std::string& reference) {
     UrlHandle handle(curl_url());
     if (handle && curl_url_set(handle.get(), CURLUPART_URL, base.c_str(), 0) == CURLUE_OK &&
         curl_url_set(handle.get(), CURLUPART_URL, reference.c_str(), 0) == CURLUE_OK) {
@@ -61,7 +80,51 @@ std::string resolve(const std::string& base, const std::string& reference) {
             return std::string(owned.get());
         }
     }
-    return base + reference;
+    return std::nullopt;
+}
+
+// A reference made of an absolute path (and maybe a query and fragment) whose path has no dot
+// segments: resolving it keeps the base's scheme and authority and takes the reference as it
+// is, so nothing needs parsing.
+bool isPlainAbsolutePath(std::string_view reference) {
+    if (reference.empty() || reference[0] != '/' || (reference.size() > 1 && reference[1] == '/')) {
+        return false;
+    }
+    const std::string_view path = reference.substr(0, reference.find_first_of("?#"));
+    for (std::size_t at = 0; at < path.size(); ++at) {
+        if (path[at] == '.' && path[at - 1] == '/') {
+            const std::size_t next = at + 1 < path.size() && path[at + 1] == '.' ? at + 2 : at + 1;
+            if (next == path.size() || path[next] == '/') {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+std::string resolve(const std::string& base, const std::string& reference) {
+    if (!isPlainAbsolutePath(reference)) {
+        return resolveWithCurl(base, reference).value_or(base + reference);
+    }
+    // Every request of a process resolves against the same base URL, so its normalised
+    // scheme and authority ("http://host:port") are worked out once per thread.
+    thread_local std::optional<std::string> cachedBase;
+    thread_local std::optional<std::string> cachedOrigin;
+    if (cachedBase != base) {
+        cachedOrigin = resolveWithCurl(base, "/");
+        if (cachedOrigin && cachedOrigin->back() == '/') {
+            cachedOrigin->pop_back();
+        } else {
+            cachedOrigin.reset();
+        }
+        cachedBase = base;
+    }
+    if (!cachedOrigin) {
+        return resolveWithCurl(base, reference).value_or(base + reference);
+    }
+    return *cachedOrigin + reference;
 }
 
 std::string host(const std::string& URL) {
