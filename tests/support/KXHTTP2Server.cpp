@@ -4,7 +4,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,8 +20,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
-
-extern char** environ;
 
 namespace {
 
@@ -154,20 +152,36 @@ bool KXHTTP2Server::tryToStart(int port) {
     }
     argv.push_back(nullptr);
 
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, logFile_.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                     0600);
-    posix_spawn_file_actions_adddup2(&actions, 1, 2);
-    // Not the test's own sockets: a listener kept open in the child would outlive its service.
-    posix_spawn_file_actions_addclosefrom_np(&actions, 3);
-    pid_t pid = 0;
-    const int spawned =
-        posix_spawn(&pid, program_.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (spawned != 0) {
-        throw std::system_error(spawned, std::generic_category(), "starting " + program_.string());
+    const int input = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const int output = open(logFile_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (input < 0 || output < 0) {
+        const int error = errno;
+        close(input);
+        close(output);
+        throw std::system_error(error, std::generic_category(), "opening nghttpd's files");
+    }
+    const pid_t parent = getpid();
+    const pid_t pid = fork();
+    if (pid == 0) {
+        // Only async-signal-safe calls until exec. The server goes when this thread goes, so a
+        // test process that crashes or is killed leaves no server behind.
+        prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (getppid() != parent) {
+            _exit(127);
+        }
+        dup2(input, 0);
+        dup2(output, 1);
+        dup2(output, 2);
+        // Not the test's own sockets: a listener kept open here would outlive its service.
+        close_range(3, ~0U, 0);
+        execv(program_.c_str(), argv.data());
+        _exit(127);
+    }
+    const int error = errno;
+    close(input);
+    close(output);
+    if (pid < 0) {
+        throw std::system_error(error, std::generic_category(), "starting " + program_.string());
     }
     pid_ = pid;
 

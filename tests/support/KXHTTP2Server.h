@@ -18,7 +18,8 @@
 /// requestStreamsPerConnection() tells how the requests were spread over connections.
 ///
 /// The constructor returns once the server accepts connections; it throws std::runtime_error
-/// when nghttpd is not installed or does not start. The destructor stops the server.
+/// when nghttpd is not installed or does not start. The destructor stops the server; so does
+/// the end of the thread that started it, should the test process die first.
 class KXHTTP2Server {
   public:
     KXHTTP2Server();
