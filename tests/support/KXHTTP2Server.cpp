@@ -89,6 +89,13 @@ bool acceptsConnections(int port) {
     return connected;
 }
 
+std::string describeExit(int status) {
+    if (WIFEXITED(status)) {
+        return "exit status " + std::to_string(WEXITSTATUS(status));
+    }
+    return "signal " + std::to_string(WTERMSIG(status));
+}
+
 std::string readFile(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);
     std::ostringstream text;
@@ -160,6 +167,7 @@ bool KXHTTP2Server::tryToStart(int port) {
         close(output);
         throw std::system_error(error, std::generic_category(), "opening nghttpd's files");
     }
+    const std::string execFailure = "cannot run " + program_.string() + "\n";
     const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid == 0) {
@@ -175,6 +183,7 @@ bool KXHTTP2Server::tryToStart(int port) {
         // Not the test's own sockets: a listener kept open here would outlive its service.
         close_range(3, ~0U, 0);
         execv(program_.c_str(), argv.data());
+        [[maybe_unused]] const ssize_t ignored = write(2, execFailure.data(), execFailure.size());
         _exit(127);
     }
     const int error = errno;
@@ -197,7 +206,8 @@ bool KXHTTP2Server::tryToStart(int port) {
             if (output.find("Address already in use") != std::string::npos) {
                 return false;
             }
-            throw std::runtime_error("nghttpd exited at start-up: " + output);
+            throw std::runtime_error("nghttpd exited at start-up (" + describeExit(status) +
+                                     "): " + output);
         }
         if (connected) {
             port_ = port;
