@@ -31,6 +31,9 @@ struct KX_EXPORT KXHTTPResponse {
     std::string body;
     /// The absolute URL that gave this answer.
     std::string URL;
+    /// The HTTP version the answer came in: "1.0", "1.1", "2" or "3" (empty when unknown).
+    /// HTTP/2 is used over HTTPS when the server offers it.
+    std::string HTTPVersion;
 
     /// The value of header `name`, or the empty string.
     std::string valueForHTTPHeaderField(std::string_view name) const;

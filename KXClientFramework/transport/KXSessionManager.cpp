@@ -240,4 +240,6 @@ KXSessionConfiguration KXSessionManager::configuration() const {
 void KXSessionManager::setConfiguration(KXSessionConfiguration configuration) {
     std::lock_guard lock(mutex_);
     configuration_ = std::move(configuration);
+    // At once, so that a request that bypasses the token gate (the token request) uses it too.
+    session_ = KXURLSession::sessionWithConfiguration(configuration_);
 }

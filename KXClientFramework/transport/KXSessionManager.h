@@ -95,7 +95,16 @@ public:
     /// The current token; null until the first one is saved.
     std::shared_ptr<KXBearerToken> bearerToken() const;
     void setBearerToken(std::shared_ptr<KXBearerToken> bearerToken);
-    /// The configuration new sessions are built from; changes reach the next session.
+    /// The configuration sessions are built from. setConfiguration() replaces the session at
+    /// once, so every request started afterwards, the token request included, uses the new
+    /// time-out, body limit and certificate authorities; requests under way keep theirs. To
+    /// trust a private authority, change the current configuration:
+    ///
+    ///     KXSessionConfiguration configuration = manager.configuration();
+    ///     configuration.certificateAuthorityFile = "/etc/kiosk/service-ca.pem";
+    ///     manager.setConfiguration(configuration);
+    ///
+    /// The JSON requests still set the Authorization header from the bearer token.
     KXSessionConfiguration configuration() const;
     void setConfiguration(KXSessionConfiguration configuration);
 

@@ -20,6 +20,7 @@ void KXURLSession::dataTask(const KXURLRequest& request, Completion completion) 
     outgoing.URL = request.URL;
     outgoing.body = request.HTTPBody;
     outgoing.maximumBodySize = configuration_.maximumResponseBodySize;
+    outgoing.certificateAuthorityFile = configuration_.certificateAuthorityFile;
     const double seconds = std::isfinite(request.timeoutInterval) && request.timeoutInterval > 0
                                ? std::min(request.timeoutInterval, 86400.0 * 365)
                                : configuration_.timeoutIntervalForRequest;

@@ -5,6 +5,7 @@
 #include <KXClientFramework/KXHTTPResponse.h>
 
 #include <cstddef>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -34,6 +35,12 @@ struct KX_EXPORT KXSessionConfiguration {
     KXHTTPHeaders HTTPAdditionalHeaders;
     /// Answers with a longer body fail with a transport error instead of filling memory.
     std::size_t maximumResponseBodySize = std::size_t{64} * 1024 * 1024;
+    /// A PEM file of the certificate authorities that HTTPS servers must chain to, for
+    /// deployments that trust a private authority. When set, only the authorities in this file
+    /// are trusted, in place of the system's store; empty (the default) uses the system's
+    /// store. A file that cannot be read or holds no certificate makes each HTTPS request fail
+    /// with a transport error (libcurl's CURLE_SSL_CACERT_BADFILE, 77).
+    std::filesystem::path certificateAuthorityFile;
 
     static KXSessionConfiguration defaultSessionConfiguration() { return {}; }
 

@@ -30,6 +30,21 @@ std::string userAgent() {
            (info != nullptr && info->version != nullptr ? info->version : "?");
 }
 
+std::string httpVersionName(long version) {
+    switch (version) {
+        case CURL_HTTP_VERSION_1_0:
+            return "1.0";
+        case CURL_HTTP_VERSION_1_1:
+            return "1.1";
+        case CURL_HTTP_VERSION_2_0:
+            return "2";
+        case CURL_HTTP_VERSION_3:
+            return "3";
+        default:
+            return {};
+    }
+}
+
 }  // namespace
 
 struct KXNetworkEngine::Transfer {
@@ -241,6 +256,13 @@ void KXNetworkEngine::Impl::configure(CURL* handle, Transfer& transfer) {
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &transfer);
     curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &Transfer::onHeader);
     curl_easy_setopt(handle, CURLOPT_HEADERDATA, &transfer);
+    if (!request.certificateAuthorityFile.empty()) {
+        // Only the file's authorities, not the system's folder as well. libcurl reuses a
+        // connection or a TLS session only for a transfer with the same trust settings, so
+        // sessions trusting different authorities can share the connection cache.
+        curl_easy_setopt(handle, CURLOPT_CAINFO, request.certificateAuthorityFile.c_str());
+        curl_easy_setopt(handle, CURLOPT_CAPATH, nullptr);
+    }
 
     const std::string& method = request.method;
     if (request.body) {
@@ -293,6 +315,9 @@ void KXNetworkEngine::Impl::finish(CURL* handle, CURLcode code) {
         char* effective = nullptr;
         curl_easy_getinfo(handle, CURLINFO_EFFECTIVE_URL, &effective);
         transfer->response->statusCode = status;
+        long version = 0;
+        curl_easy_getinfo(handle, CURLINFO_HTTP_VERSION, &version);
+        transfer->response->HTTPVersion = httpVersionName(version);
         if (effective != nullptr) {
             transfer->response->URL = effective;
         }

@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -24,6 +25,8 @@ struct KXNetworkRequest {
     std::optional<std::string> body;
     std::chrono::milliseconds timeout{60000};
     std::size_t maximumBodySize = std::size_t{64} * 1024 * 1024;
+    /// PEM file of the only authorities trusted for HTTPS; empty for the system's store.
+    std::filesystem::path certificateAuthorityFile;
 };
 
 /// What became of an exchange: a complete answer, or a transport error.

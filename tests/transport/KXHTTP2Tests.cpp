@@ -1,0 +1,151 @@
+// The transport against a real HTTP/2 server over TLS (nghttpd with a throw-away certificate
+// for 127.0.0.1): the private certificate authority, the negotiated HTTP version, and requests
+// multiplexed on one connection.
+#include "KXHTTP2Server.h"
+#include "KXSelfSignedCertificate.h"
+#include "KXTransportFixture.h"
+
+#include <KXClientFramework/KXGlobals.h>
+#include <KXClientFramework/KXOAuth2Client.h>
+
+#include <curl/curl.h>
+
+#include <fstream>
+#include <numeric>
+
+namespace {
+
+class HTTP2OverTLS : public KXTransportTest {
+  protected:
+    KXHTTP2Server server;
+
+    HTTP2OverTLS() {
+        KXServiceEndpoints endpoints;
+        endpoints.production = server.baseURL();
+        endpoints.test = server.baseURL();
+        endpoints.staging = server.baseURL();
+        endpoints.localServer = server.baseURL();
+        endpoints.development = server.baseURL();
+        endpoints.productionToken = server.baseURL();
+        endpoints.stagingToken = server.baseURL();
+        KXClientFramework::setServiceEndpoints(endpoints);
+        server.addDocument("/inbox.json", R"({"messages":[]})");
+    }
+
+    /// Makes the shared transport trust only the authorities in `file` (empty: the system's).
+    void trust(const std::filesystem::path& file) {
+        KXSessionConfiguration configuration = transport().configuration();
+        configuration.certificateAuthorityFile = file;
+        transport().setConfiguration(configuration);
+    }
+
+    std::size_t requestsServed() const {
+        const std::vector<std::size_t> streams = server.requestStreamsPerConnection();
+        return std::accumulate(streams.begin(), streams.end(), std::size_t{0});
+    }
+};
+
+class PlainHTTP : public KXTransportTest {};
+
+std::string describe(const KXCallOutcome& outcome) {
+    return outcome.error ? outcome.error->description() : std::string("no error");
+}
+
+}  // namespace
+
+TEST_F(HTTP2OverTLS, WithThePrivateAuthorityTheTokenRequestAndTheCallUseHTTP2) {
+    KXOAuth2Client::client().initWithClientId("kiosk-client", "kiosk-secret");
+    server.addDocument("/token", R"({"access_token":"h2-token","expires_in":3600})");
+    trust(server.certificateFile());
+
+    const KXCallOutcome outcome = get("/inbox.json");
+    ASSERT_EQ(outcome.successes, 1) << describe(outcome);
+    EXPECT_EQ(outcome.response->HTTPVersion, "2");
+    EXPECT_EQ(outcome.response->statusCode, 200);
+    EXPECT_EQ(outcome.object, (KXJSON{{"messages", KXJSON::array()}}));
+    // The token came over the same trust settings, and the call carried it.
+    ASSERT_TRUE(transport().bearerToken());
+    EXPECT_EQ(transport().bearerToken()->token(), "h2-token");
+    const std::string log = server.log();
+    EXPECT_NE(log.find(":path: /token"), std::string::npos);
+    EXPECT_NE(log.find("authorization: BEARER h2-token"), std::string::npos);
+}
+
+TEST_F(HTTP2OverTLS, OnlyTheConfiguredAuthoritiesAreTrusted) {
+    giveToken();
+    trust(server.certificateFile());
+    // Leaves a verified connection to the server in the shared connection cache.
+    const KXCallOutcome trusted = get("/inbox.json");
+    ASSERT_EQ(trusted.successes, 1) << describe(trusted);
+
+    const std::filesystem::path scratch = server.scratchDirectory();
+    const KXSelfSignedCertificate stranger = KXSelfSignedCertificate::create(scratch, "stranger");
+    std::ofstream(scratch / "not-pem.crt") << "this is no certificate\n";
+    struct Case {
+        std::filesystem::path file;
+        CURLcode code;
+        const char* what;
+    };
+    const std::vector<Case> cases = {
+        {"", CURLE_PEER_FAILED_VERIFICATION, "the system's store"},
+        {stranger.certificateFile, CURLE_PEER_FAILED_VERIFICATION, "another certificate"},
+        {scratch / "missing.crt", CURLE_SSL_CACERT_BADFILE, "a missing file"},
+        {scratch / "not-pem.crt", CURLE_SSL_CACERT_BADFILE, "a file without certificates"},
+    };
+    for (const Case& refused : cases) {
+        trust(refused.file);
+        const KXCallOutcome outcome = get("/inbox.json");
+        EXPECT_EQ(outcome.failures, 1) << refused.what;
+        EXPECT_FALSE(outcome.response) << refused.what;
+        ASSERT_TRUE(outcome.error) << refused.what;
+        EXPECT_EQ(outcome.error->domain, NSURLErrorDomain) << refused.what;
+        EXPECT_EQ(outcome.error->code, refused.code) << refused.what << ": " << describe(outcome);
+        EXPECT_FALSE(outcome.error->localizedDescription().empty()) << refused.what;
+    }
+
+    trust(server.certificateFile());
+    const KXCallOutcome again = get("/inbox.json");
+    ASSERT_EQ(again.successes, 1) << describe(again);
+    EXPECT_EQ(again.response->HTTPVersion, "2");
+    EXPECT_EQ(requestsServed(), 2u) << "a refused request went out on the trusted connection";
+}
+
+TEST_F(HTTP2OverTLS, CallsStartedTogetherAreMultiplexedOnOneConnection) {
+    giveToken();
+    trust(server.certificateFile());
+    constexpr int kCalls = 8;
+    std::vector<KXCallOutcome> outcomes(kCalls);
+    for (auto& outcome : outcomes) {
+        start(&KXHTTPSessionManager::GET, "/inbox.json", nullptr, outcome);
+    }
+    ASSERT_TRUE(runUntil([&] {
+        return std::all_of(outcomes.begin(), outcomes.end(),
+                           [](const KXCallOutcome& outcome) { return outcome.callbacks() > 0; });
+    }));
+    drain();
+    for (int i = 0; i < kCalls; ++i) {
+        EXPECT_EQ(outcomes[i].callbacks(), 1) << i;
+        ASSERT_EQ(outcomes[i].successes, 1) << i << ": " << describe(outcomes[i]);
+        EXPECT_TRUE(outcomes[i].allOnMainThread) << i;
+        EXPECT_EQ(outcomes[i].response->HTTPVersion, "2") << i;
+    }
+    // Without multiplexing, calls that start before the first connection is up each open one.
+    EXPECT_EQ(server.requestStreamsPerConnection(), std::vector<std::size_t>{kCalls});
+}
+
+TEST_F(PlainHTTP, AnswersReportTheirHTTP1Version) {
+    giveToken();
+    service.script("GET", "/current", KXScriptedAnswer::json(200, KXJSON::object()));
+    KXScriptedAnswer old;
+    old.fault = KXScriptedAnswer::Fault::Garbage;
+    old.garbage =
+        "HTTP/1.0 200 OK\r\nContent-Type: application/json\r\nContent-Length: 2\r\n\r\n{}";
+    service.script("GET", "/old", old);
+
+    const KXCallOutcome current = get("/current");
+    ASSERT_EQ(current.successes, 1) << describe(current);
+    EXPECT_EQ(current.response->HTTPVersion, "1.1");
+    const KXCallOutcome answeredInHTTP10 = get("/old");
+    ASSERT_EQ(answeredInHTTP10.successes, 1) << describe(answeredInHTTP10);
+    EXPECT_EQ(answeredInHTTP10.response->HTTPVersion, "1.0");
+}
