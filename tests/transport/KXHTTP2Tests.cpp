@@ -20,15 +20,7 @@ class HTTP2OverTLS : public KXTransportTest {
     KXHTTP2Server server;
 
     HTTP2OverTLS() {
-        KXServiceEndpoints endpoints;
-        endpoints.production = server.baseURL();
-        endpoints.test = server.baseURL();
-        endpoints.staging = server.baseURL();
-        endpoints.localServer = server.baseURL();
-        endpoints.development = server.baseURL();
-        endpoints.productionToken = server.baseURL();
-        endpoints.stagingToken = server.baseURL();
-        KXClientFramework::setServiceEndpoints(endpoints);
+        pointEveryEndpointAt(server.baseURL());
         server.addDocument("/inbox.json", R"({"messages":[]})");
     }
 

@@ -40,7 +40,7 @@ inline bool logged(const KXCapturingSink& sink, std::string_view text) {
 /// A clock the test sets, which can also move on by a step at every reading, as a device's clock
 /// does between two readings.
 class KXSteppingClock final : public KXClock {
-public:
+  public:
     std::chrono::system_clock::time_point now() const override {
         std::lock_guard lock(mutex_);
         const auto reading = now_;
@@ -60,7 +60,7 @@ public:
         step_ = step;
     }
 
-private:
+  private:
     mutable std::mutex mutex_;
     mutable std::chrono::system_clock::time_point now_{std::chrono::seconds(1577836800)};
     std::chrono::system_clock::duration step_{};
@@ -68,8 +68,9 @@ private:
 
 /// The test platform with the stepping clock in place of its fake clock.
 class KXSteppingClockPlatform final : public KXPlatform {
-public:
-    explicit KXSteppingClockPlatform(std::shared_ptr<KXTestPlatform> inner) : inner_(std::move(inner)) {}
+  public:
+    explicit KXSteppingClockPlatform(std::shared_ptr<KXTestPlatform> inner)
+        : inner_(std::move(inner)) {}
 
     KXMainQueue& mainQueue() override { return inner_->mainQueue(); }
     KXBackgroundQueue& backgroundQueue() override { return inner_->backgroundQueue(); }
@@ -90,7 +91,7 @@ public:
 
     KXSteppingClock& steppingClock() { return clock_; }
 
-private:
+  private:
     std::shared_ptr<KXTestPlatform> inner_;
     KXSteppingClock clock_;
 };
@@ -98,24 +99,29 @@ private:
 /// A test platform, a loopback service that every endpoint points at, and helpers to call the
 /// shared transport and run the main queue until the answer arrived.
 class KXTransportTest : public ::testing::Test {
-protected:
+  protected:
     static constexpr std::chrono::milliseconds kPatience{15000};
 
     std::shared_ptr<KXTestPlatform> platform = std::make_shared<KXTestPlatform>();
-    std::shared_ptr<KXSteppingClockPlatform> installed = std::make_shared<KXSteppingClockPlatform>(platform);
+    std::shared_ptr<KXSteppingClockPlatform> installed =
+        std::make_shared<KXSteppingClockPlatform>(platform);
     KXSteppingClock& clock = installed->steppingClock();
     KXLoopbackService service;
 
     KXTransportTest() {
         KXPlatform::install(installed);
+        pointEveryEndpointAt(service.baseURL());
+    }
+
+    static void pointEveryEndpointAt(const std::string& baseURL) {
         KXServiceEndpoints endpoints;
-        endpoints.production = service.baseURL();
-        endpoints.test = service.baseURL();
-        endpoints.staging = service.baseURL();
-        endpoints.localServer = service.baseURL();
-        endpoints.development = service.baseURL();
-        endpoints.productionToken = service.baseURL();
-        endpoints.stagingToken = service.baseURL();
+        endpoints.production = baseURL;
+        endpoints.test = baseURL;
+        endpoints.staging = baseURL;
+        endpoints.localServer = baseURL;
+        endpoints.development = baseURL;
+        endpoints.productionToken = baseURL;
+        endpoints.stagingToken = baseURL;
         KXClientFramework::setServiceEndpoints(endpoints);
     }
 
@@ -173,7 +179,8 @@ protected:
     KXCallOutcome call(Verb verb, const std::string& path, const KXJSON& parameters = nullptr) {
         KXCallOutcome outcome;
         start(verb, path, parameters, outcome);
-        EXPECT_TRUE(runUntil([&] { return outcome.callbacks() > 0; })) << "no callback for " << path;
+        EXPECT_TRUE(runUntil([&] { return outcome.callbacks() > 0; }))
+            << "no callback for " << path;
         drain();
         EXPECT_EQ(outcome.callbacks(), 1) << path;
         EXPECT_TRUE(outcome.allOnMainThread) << path;
