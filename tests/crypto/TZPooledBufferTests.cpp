@@ -51,7 +51,8 @@ TEST(TZPooledBuffer, KeepsNoMoreThanItsLimitAndFreesEverythingOnceIdle) {
     { TZPooledBuffer huge(TZPooledBuffer::kLargestPooled + 1); }
     EXPECT_EQ(TZPooledBuffer::pooledBytes(), TZPooledBuffer::kKeptLimit);
 
-    const auto deadline = std::chrono::steady_clock::now() + 10 * TZPooledBuffer::kIdleRelease;
+    const auto deadline =
+        std::chrono::steady_clock::now() + TZPooledBuffer::kIdleRelease + std::chrono::seconds(10);
     while (TZPooledBuffer::pooledBytes() != 0 && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }

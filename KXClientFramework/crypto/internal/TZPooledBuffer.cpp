@@ -4,6 +4,7 @@
 
 #include <asio/steady_timer.hpp>
 
+#include <iterator>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -28,23 +29,23 @@ struct Block {
 class Pool {
   public:
     // The smallest kept block of at least `size` bytes that is not more than twice as large
-    // (a small piece must not pin a large block); an empty block when there is none.
+    // (a small piece must not pin a large block), the most recently returned one of those, as it
+    // is the likeliest to be in cache; an empty block when there is none.
     Block take(std::size_t size) {
         std::lock_guard lock(mutex_);
         lastUse_ = Clock::now();
-        auto best = kept_.end();
-        for (auto it = kept_.begin(); it != kept_.end(); ++it) {
+        auto best = kept_.rend();
+        for (auto it = kept_.rbegin(); it != kept_.rend(); ++it) {
             if (it->capacity >= size && it->capacity / 2 <= size &&
-                (best == kept_.end() || it->capacity < best->capacity)) {
+                (best == kept_.rend() || it->capacity < best->capacity)) {
                 best = it;
             }
         }
-        if (best == kept_.end()) {
+        if (best == kept_.rend()) {
             return {};
         }
         Block block = std::move(*best);
-        *best = std::move(kept_.back());
-        kept_.pop_back();
+        kept_.erase(std::next(best).base());
         keptBytes_ -= block.capacity;
         return block;
     }

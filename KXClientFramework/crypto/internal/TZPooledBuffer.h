@@ -20,7 +20,9 @@ class KX_EXPORT TZPooledBuffer {
     static constexpr std::size_t kSmallestPooled = std::size_t{64} * 1024;
     static constexpr std::size_t kLargestPooled = std::size_t{4} * 1024 * 1024;
     static constexpr std::size_t kKeptLimit = std::size_t{64} * 1024 * 1024;
-    static constexpr std::chrono::milliseconds kIdleRelease{1000};
+    /// Long enough that a pause between streams (the next file of a batch) keeps the memory,
+    /// since giving it back and faulting it in again costs more than the cipher work.
+    static constexpr std::chrono::milliseconds kIdleRelease{10000};
 
     /// No memory.
     TZPooledBuffer() noexcept = default;
