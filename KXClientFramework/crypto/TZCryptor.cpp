@@ -3,10 +3,12 @@
 
 #include "crypto/internal/TZCryptorErrors.h"
 #include "crypto/internal/TZCryptorQueues.h"
+#include "crypto/internal/TZPooledBuffer.h"
 
 #include <asio/dispatch.hpp>
 #include <asio/post.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <deque>
@@ -20,16 +22,16 @@ namespace {
 // The cryptor whose work step is running on this thread, if any.
 thread_local const TZCryptor* tStepOwner = nullptr;
 
-// The output buffer of a cryptor's work queue. Normally a scratch buffer that is emptied after
-// every handler call and grows without zero-filling; the synchronous wrapper instead points it
-// at its result vector, so output is produced in place and never copied.
+// The output buffer of a cryptor's work queue. Normally a scratch buffer from the buffer pool,
+// emptied after every handler call and grown without zero-filling; the synchronous wrapper
+// instead points it at its result vector, so output is produced in place and never copied.
 class OutputBuffer {
 public:
     std::span<const std::uint8_t> pending() const noexcept {
         if (external_ != nullptr) {
             return {external_->data() + start_, external_->size() - start_};
         }
-        return {scratch_.get(), size_};
+        return {scratch_.data(), size_};
     }
 
     std::size_t size() const noexcept { return pending().size(); }
@@ -41,16 +43,14 @@ public:
             external_->resize(preparedAt_ + count);
             return external_->data() + preparedAt_;
         }
-        if (capacity_ - size_ < count) {
-            const std::size_t capacity = std::max(size_ + count, capacity_ * 2);
-            std::unique_ptr<std::uint8_t[]> grown(new std::uint8_t[capacity]);
+        if (scratch_.capacity() - size_ < count) {
+            TZPooledBuffer grown(std::max(size_ + count, scratch_.capacity() * 2));
             if (size_ != 0) {
-                std::memcpy(grown.get(), scratch_.get(), size_);
+                std::memcpy(grown.data(), scratch_.data(), size_);
             }
             scratch_ = std::move(grown);
-            capacity_ = capacity;
         }
-        return scratch_.get() + size_;
+        return scratch_.data() + size_;
     }
 
     void commit(std::size_t count) {
@@ -98,51 +98,8 @@ private:
     std::vector<std::uint8_t>* external_ = nullptr;
     std::size_t start_ = 0;
     std::size_t preparedAt_ = 0;
-    std::unique_ptr<std::uint8_t[]> scratch_;
+    TZPooledBuffer scratch_;
     std::size_t size_ = 0;
-    std::size_t capacity_ = 0;
-};
-
-// Buffers for the copies addData() makes of its input. A buffer returns here once the work
-// step that read it is over, so a steady stream of pieces reuses the same few buffers instead of
-// allocating (and faulting in) fresh memory for every piece.
-class InputPool : public std::enable_shared_from_this<InputPool> {
-public:
-    std::shared_ptr<const std::vector<std::uint8_t>> copy(std::span<const std::uint8_t> data) {
-        std::unique_ptr<std::vector<std::uint8_t>> buffer;
-        {
-            std::lock_guard lock(mutex_);
-            if (!free_.empty()) {
-                buffer = std::move(free_.back());
-                free_.pop_back();
-            }
-        }
-        if (!buffer) {
-            buffer = std::make_unique<std::vector<std::uint8_t>>();
-        }
-        buffer->assign(data.begin(), data.end());
-        std::weak_ptr<InputPool> pool = weak_from_this();
-        return std::shared_ptr<const std::vector<std::uint8_t>>(
-            buffer.release(), [pool](const std::vector<std::uint8_t>* used) {
-                std::unique_ptr<std::vector<std::uint8_t>> owned(const_cast<std::vector<std::uint8_t>*>(used));
-                if (auto alive = pool.lock()) {
-                    alive->giveBack(std::move(owned));
-                }
-            });
-    }
-
-private:
-    static constexpr std::size_t kKept = 4;
-
-    void giveBack(std::unique_ptr<std::vector<std::uint8_t>> buffer) {
-        std::lock_guard lock(mutex_);
-        if (free_.size() < kKept) {
-            free_.push_back(std::move(buffer));
-        }
-    }
-
-    std::mutex mutex_;
-    std::vector<std::unique_ptr<std::vector<std::uint8_t>>> free_;
 };
 
 }  // namespace
@@ -176,7 +133,6 @@ struct TZCryptor::Core {
     std::vector<Delivery> deliveries;
     std::size_t nextDelivery = 0;
     OutputBuffer output;
-    std::shared_ptr<InputPool> inputs = std::make_shared<InputPool>();
 
     Core(std::string name, TZCryptorHandler handlerFunction)
         : className(std::move(name)),
@@ -279,8 +235,11 @@ void TZCryptor::addData(std::span<const std::uint8_t> data) {
     if (!acceptsInput()) {
         return;
     }
-    auto owner = core_->inputs->copy(data);
-    addInput(Input{*owner, owner});
+    auto copy = std::make_shared<const TZPooledBuffer>(data.size());
+    if (!data.empty()) {
+        std::memcpy(copy->data(), data.data(), data.size());
+    }
+    addInput(Input{{copy->data(), data.size()}, std::move(copy)});
 }
 
 void TZCryptor::addData(std::vector<std::uint8_t>&& data) {
@@ -288,7 +247,8 @@ void TZCryptor::addData(std::vector<std::uint8_t>&& data) {
         return;
     }
     auto owner = std::make_shared<const std::vector<std::uint8_t>>(std::move(data));
-    addInput(Input{*owner, owner});
+    const std::span<const std::uint8_t> bytes(*owner);
+    addInput(Input{bytes, std::move(owner)});
 }
 
 void TZCryptor::addInput(Input) {}

@@ -102,12 +102,12 @@ public:
     static std::vector<std::uint8_t> randomDataOfLength(std::size_t length);
 
 protected:
-    /// A piece of input on its way to the work queue. `bytes` points into `owner` when the
-    /// cryptor owns the data, or into the caller's buffer when the caller guarantees it outlives
-    /// the work (the synchronous wrapper).
+    /// A piece of input on its way to the work queue. `bytes` points into the memory `owner`
+    /// keeps alive when the cryptor owns the data (a copy, or a vector handed over), or into the
+    /// caller's buffer when the caller guarantees it outlives the work (the synchronous wrapper).
     struct Input {
         std::span<const std::uint8_t> bytes;
-        std::shared_ptr<const std::vector<std::uint8_t>> owner;
+        std::shared_ptr<const void> owner;
         Input subspan(std::size_t offset, std::size_t count) const {
             return {bytes.subspan(offset, count), owner};
         }

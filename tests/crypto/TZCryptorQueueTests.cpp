@@ -12,8 +12,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <future>
+#include <optional>
 #include <thread>
 
 using namespace tztest;
@@ -96,6 +98,94 @@ TEST(TZCryptorQueues, ManyCryptorsAtOnceFromManyThreads) {
                                                     std::span(kHMACKey).first(16)) != plain) {
                     ++failures;
                 }
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(failures.load(), 0);
+}
+
+namespace {
+
+// Streams `input` through the cryptor `make` builds, in pieces of changing sizes copied one after
+// the other into the same buffer, which is scribbled over as soon as addData() returns. Returns
+// the output, or nothing when the cryptor failed or did not finish in time.
+template <typename Make>
+std::optional<Bytes> streamThroughOneReusedBuffer(Make make, std::span<const std::uint8_t> input) {
+    const std::size_t pieceSizes[] = {1024 * 1024, 70 * 1024, 5, 300 * 1024, 64 * 1024};
+    std::promise<std::optional<Bytes>> result;
+    Bytes output;
+    auto cryptor = make([&](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
+        output.insert(output.end(), data.begin(), data.end());
+        if (cryptor.isFinished()) {
+            result.set_value(cryptor.error() ? std::nullopt : std::optional<Bytes>(output));
+        }
+    });
+    Bytes piece;
+    for (std::size_t at = 0, turn = 0; at < input.size(); ++turn) {
+        const std::size_t size =
+            std::min(pieceSizes[turn % std::size(pieceSizes)], input.size() - at);
+        piece.assign(input.begin() + static_cast<std::ptrdiff_t>(at),
+                     input.begin() + static_cast<std::ptrdiff_t>(at + size));
+        cryptor->addData(piece);
+        std::fill(piece.begin(), piece.end(), std::uint8_t{0xEE});
+        at += size;
+    }
+    cryptor->finish();
+    auto future = result.get_future();
+    if (future.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
+        return std::nullopt;
+    }
+    return future.get();
+}
+
+}  // namespace
+
+TEST(TZCryptorQueues, CallersMayOverwriteTheirBufferRightAfterAddData) {
+    // addData(span) copies into memory recycled between pieces and between cryptors. Several
+    // streams at once, each refilling one buffer, must come out exactly as the one-call forms.
+    const Bytes IV = patternBytes(16, 7);
+    std::vector<std::thread> threads;
+    std::atomic<int> failures{0};
+    for (std::uint32_t t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            const auto plain = patternBytes(3 * 1024 * 1024 + 4099 * t, 20 + t);
+            const auto container =
+                TZEncryptor::encryptData(plain, kTZCryptorAES256Settings, kKey, kHMACKey, IV);
+            const auto salted =
+                TZOpenSSLEncryptor::encryptData(plain, kTZCryptorAES256Settings, kKey, IV);
+            if (!container || !salted) {
+                ++failures;
+                return;
+            }
+            const auto containerSealed = streamThroughOneReusedBuffer(
+                [&](TZCryptorHandler handler) {
+                    return TZEncryptor::initWithSettings(kTZCryptorAES256Settings, kKey, kHMACKey,
+                                                         IV, std::move(handler));
+                },
+                plain);
+            const auto containerOpened = streamThroughOneReusedBuffer(
+                [&](TZCryptorHandler handler) {
+                    return TZDecryptor::initWithEncryptionKey(kKey, kHMACKey, std::move(handler));
+                },
+                *container);
+            const auto saltedSealed = streamThroughOneReusedBuffer(
+                [&](TZCryptorHandler handler) {
+                    return TZOpenSSLEncryptor::initWithSettings(kTZCryptorAES256Settings, kKey, IV,
+                                                                std::move(handler));
+                },
+                plain);
+            const auto saltedOpened = streamThroughOneReusedBuffer(
+                [&](TZCryptorHandler handler) {
+                    return TZOpenSSLDecryptor::initWithSettings(kTZCryptorAES256Settings, kKey, IV,
+                                                                std::move(handler));
+                },
+                *salted);
+            if (containerSealed != container || containerOpened != plain ||
+                saltedSealed != salted || saltedOpened != plain) {
+                ++failures;
             }
         });
     }
