@@ -1,14 +1,19 @@
 // One inbox page (20 messages, about 9 KB of JSON) fetched sequentially from a keep-alive
-// loopback server, three ways, in the same run:
+// loopback server, several ways, in the same run; every variant parses the body as JSON:
 //
-//   Library      KXHTTPSessionManager::GET through the network thread, callback on the main
-//                queue, body parsed as JSON (what every inbox refresh does)
-//   RawReused    libcurl easy handle reused for every request (one connection), body parsed
-//   RawNewConn   a new easy handle and a new connection for every request, body parsed
+//   Library           KXHTTPSessionManager::GET through the network thread, callback on the
+//                     main queue (what every inbox refresh does)
+//   Session           the same request handed straight to KXURLSession: the engine and its two
+//                     thread hand-offs without the session manager
+//   RawReused         one libcurl easy handle reused for every request (one connection),
+//                     sending the same header fields as the library
+//   RawReusedMinimal  the same with libcurl's default header fields (fewer for the server)
+//   RawNewConnection  a new easy handle and a new connection for every request
 //
 // Each benchmark sends 1,000 requests; the interesting number is Library / RawReused.
 
 #include <KXClientFramework/KXClientFramework.h>
+#include <KXClientFramework/KXGlobals.h>
 #include <KXClientFramework/KXHTTPSessionManager.h>
 #include <KXClientFramework/KXLinuxPlatform.h>
 #include <KXClientFramework/KXSessionManager.h>
@@ -96,6 +101,36 @@ std::size_t collect(char* data, std::size_t size, std::size_t count, void* user)
     return size * count;
 }
 
+constexpr const char* kToken = "bench-token";
+
+/// The header fields the library sends with a JSON GET, for the raw baselines.
+class LibraryHeaderFields {
+  public:
+    LibraryHeaderFields() {
+        const std::string lines[] = {"Accept: application/json", "Content-Type: application/json",
+                                     std::string("Authorization: BEARER ") + kToken, "Expect:"};
+        for (const std::string& line : lines) {
+            list_ = curl_slist_append(list_, line.c_str());
+        }
+        const curl_version_info_data* info = curl_version_info(CURLVERSION_NOW);
+        userAgent_ = std::string("KXClientFramework/") + KX_IOS_SDK_VERSION_STRING + " libcurl/" +
+                     info->version;
+    }
+    ~LibraryHeaderFields() { curl_slist_free_all(list_); }
+    LibraryHeaderFields(const LibraryHeaderFields&) = delete;
+    LibraryHeaderFields& operator=(const LibraryHeaderFields&) = delete;
+
+    void applyTo(CURL* handle) const {
+        curl_easy_setopt(handle, CURLOPT_HTTPHEADER, list_);
+        curl_easy_setopt(handle, CURLOPT_USERAGENT, userAgent_.c_str());
+        curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, "");
+    }
+
+  private:
+    curl_slist* list_ = nullptr;
+    std::string userAgent_;
+};
+
 void fetchWith(CURL* handle, const std::string& url, std::string& body) {
     body.clear();
     curl_easy_setopt(handle, CURLOPT_URL, url.c_str());
@@ -114,7 +149,7 @@ void Library(benchmark::State& state) {
     KXClientFramework::setServiceEndpoints(endpoints);
     KXHTTPSessionManager& transport = KXHTTPSessionManager::sharedManager();
     transport.configureBaseUrl();
-    transport.setBearerToken(std::make_shared<KXBearerToken>("bench-token", std::nullopt));
+    transport.setBearerToken(std::make_shared<KXBearerToken>(kToken, std::nullopt));
     const std::string path =
         KXSessionManager::kxBaseURI() + "/guests/g-1/inboxes/d-1/messages?offset=0&limit=20";
 
@@ -139,9 +174,12 @@ void Library(benchmark::State& state) {
 // session manager's request building, token check and response handling.
 void Session(benchmark::State& state) {
     KXAsioMainQueue& queue = mainQueue();
-    auto session = KXURLSession::sessionWithConfiguration(
-        KXSessionConfiguration::defaultSessionConfiguration());
+    KXSessionConfiguration configuration = KXSessionConfiguration::defaultSessionConfiguration();
+    configuration.HTTPAdditionalHeaders = {{"Authorization", std::string("BEARER ") + kToken}};
+    auto session = KXURLSession::sessionWithConfiguration(configuration);
     KXURLRequest request;
+    request.setValue("application/json", "Accept");
+    request.setValue("application/json", "Content-Type");
     request.URL = server().url("/KXFrontier-stg/guests/g-1/inboxes/d-1/messages?offset=0&limit=20");
     request.timeoutInterval = 10;
     for (auto _ : state) {
@@ -162,10 +200,14 @@ void Session(benchmark::State& state) {
         benchmark::Counter(kRequests, benchmark::Counter::kIsIterationInvariantRate);
 }
 
-void RawReused(benchmark::State& state) {
+void fetchRepeatedly(benchmark::State& state, bool libraryHeaderFields) {
     const std::string url =
         server().url("/KXFrontier-stg/guests/g-1/inboxes/d-1/messages?offset=0&limit=20");
+    const LibraryHeaderFields fields;
     CURL* handle = curl_easy_init();
+    if (libraryHeaderFields) {
+        fields.applyTo(handle);
+    }
     std::string body;
     for (auto _ : state) {
         for (int i = 0; i < kRequests; ++i) {
@@ -177,13 +219,23 @@ void RawReused(benchmark::State& state) {
         benchmark::Counter(kRequests, benchmark::Counter::kIsIterationInvariantRate);
 }
 
+void RawReused(benchmark::State& state) {
+    fetchRepeatedly(state, true);
+}
+
+void RawReusedMinimal(benchmark::State& state) {
+    fetchRepeatedly(state, false);
+}
+
 void RawNewConnection(benchmark::State& state) {
     const std::string url =
         server().url("/KXFrontier-stg/guests/g-1/inboxes/d-1/messages?offset=0&limit=20");
+    const LibraryHeaderFields fields;
     std::string body;
     for (auto _ : state) {
         for (int i = 0; i < kRequests; ++i) {
             CURL* handle = curl_easy_init();
+            fields.applyTo(handle);
             curl_easy_setopt(handle, CURLOPT_FORBID_REUSE, 1L);
             fetchWith(handle, url, body);
             curl_easy_cleanup(handle);
@@ -198,4 +250,5 @@ void RawNewConnection(benchmark::State& state) {
 BENCHMARK(Library)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
 BENCHMARK(Session)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
 BENCHMARK(RawReused)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
+BENCHMARK(RawReusedMinimal)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
 BENCHMARK(RawNewConnection)->Unit(benchmark::kMillisecond)->MinTime(2.0)->UseRealTime();
