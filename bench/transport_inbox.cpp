@@ -47,7 +47,7 @@ std::string inboxPage() {
 
 /// A keep-alive HTTP server on loopback that answers every GET with the inbox page.
 class InboxServer {
-  public:
+public:
     InboxServer() : page_(inboxPage()) {
         server_.Get(".*", [this](const httplib::Request&, httplib::Response& response) {
             response.set_content(page_, "application/json");
@@ -77,7 +77,7 @@ class InboxServer {
         return "http://127.0.0.1:" + std::to_string(port_) + path;
     }
 
-  private:
+private:
     std::string page_;
     httplib::Server server_;
     int port_ = 0;
@@ -105,7 +105,7 @@ constexpr const char* kToken = "bench-token";
 
 /// The header fields the library sends with a JSON GET, for the raw baselines.
 class LibraryHeaderFields {
-  public:
+public:
     LibraryHeaderFields() {
         const std::string lines[] = {"Accept: application/json", "Content-Type: application/json",
                                      std::string("Authorization: BEARER ") + kToken, "Expect:"};
@@ -126,7 +126,7 @@ class LibraryHeaderFields {
         curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, "");
     }
 
-  private:
+private:
     curl_slist* list_ = nullptr;
     std::string userAgent_;
 };

@@ -10,7 +10,7 @@
 /// Suspending and resuming may alternate freely; cancel() is final. Destroying the timer
 /// cancels it and waits for a running block to finish (unless called from that block).
 class KX_EXPORT KXBackgroundTimer {
-  public:
+public:
     KXBackgroundTimer(double intervalSeconds, std::function<void()> completionBlock);
     ~KXBackgroundTimer();
 
@@ -27,7 +27,7 @@ class KX_EXPORT KXBackgroundTimer {
     bool isCancelled() const;
     double interval() const;
 
-  private:
+private:
     struct State;
     std::shared_ptr<State> state_;
 };

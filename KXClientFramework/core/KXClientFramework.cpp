@@ -37,7 +37,9 @@ KXClientFramework& KXClientFramework::sharedManager() {
 
 KXClientFramework::KXClientFramework() = default;
 
-std::int64_t KXClientFramework::environment() const { return read(mutex_, environment_); }
+std::int64_t KXClientFramework::environment() const {
+    return read(mutex_, environment_);
+}
 std::optional<std::string> KXClientFramework::businessUnit() const {
     return read(mutex_, businessUnit_);
 }
@@ -56,7 +58,9 @@ bool KXClientFramework::useInternalKXAPIService() const {
 void KXClientFramework::setUseInternalKXAPIService(bool use) {
     write(mutex_, useInternalKXAPIService_, use);
 }
-std::optional<std::string> KXClientFramework::clientId() const { return read(mutex_, clientId_); }
+std::optional<std::string> KXClientFramework::clientId() const {
+    return read(mutex_, clientId_);
+}
 void KXClientFramework::setClientId(std::optional<std::string> clientId) {
     write(mutex_, clientId_, std::move(clientId));
 }
@@ -72,7 +76,9 @@ std::optional<std::string> KXClientFramework::applicationId() const {
 void KXClientFramework::setApplicationId(std::optional<std::string> applicationId) {
     write(mutex_, applicationId_, std::move(applicationId));
 }
-bool KXClientFramework::pushEnabledOnDevice() const { return read(mutex_, pushEnabledOnDevice_); }
+bool KXClientFramework::pushEnabledOnDevice() const {
+    return read(mutex_, pushEnabledOnDevice_);
+}
 void KXClientFramework::setPushEnabledOnDevice(bool enabled) {
     write(mutex_, pushEnabledOnDevice_, enabled);
 }
@@ -99,9 +105,15 @@ void KXClientFramework::setRESTfulServiceLogging(bool enabled) {
 void KXClientFramework::setInternalKXAPIService(bool use) {
     sharedManager().setUseInternalKXAPIService(use);
 }
-void KXClientFramework::setLogging(bool enabled) { kxLoggingEnabled.store(enabled); }
-void KXClientFramework::setDiskLogging(bool enabled) { kxLoggingToDiskEnabled.store(enabled); }
-void KXClientFramework::setLogLevel(std::int64_t level) { kxLogLevel.store(level); }
+void KXClientFramework::setLogging(bool enabled) {
+    kxLoggingEnabled.store(enabled);
+}
+void KXClientFramework::setDiskLogging(bool enabled) {
+    kxLoggingToDiskEnabled.store(enabled);
+}
+void KXClientFramework::setLogLevel(std::int64_t level) {
+    kxLogLevel.store(level);
+}
 
 void KXClientFramework::setServiceEndpoints(KXServiceEndpoints endpoints) {
     write(endpointsMutex(), installedEndpoints(), std::move(endpoints));

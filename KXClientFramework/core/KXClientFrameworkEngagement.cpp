@@ -123,9 +123,8 @@ bool declaresBackgroundRemoteNotifications(KXPlatform& platform) {
             }
         }
     }
-    return declared &&
-           platform.deviceFacts().coreFoundationVersionNumber >=
-               kBackgroundFetchCoreFoundationVersion;
+    return declared && platform.deviceFacts().coreFoundationVersionNumber >=
+                           kBackgroundFetchCoreFoundationVersion;
 }
 
 }  // namespace
@@ -297,9 +296,9 @@ void KXClientFramework::load() {
     engagement().launchObserver = center.addObserver(
         KXApplicationEvent::DidFinishLaunching,
         [](const KXNotification& n) { handleAppDidFinishLaunchingNotification(n); });
-    engagement().terminationObserver = center.addObserver(
-        KXApplicationEvent::WillTerminate,
-        [](const KXNotification& n) { handleAppTerminationNotification(n); });
+    engagement().terminationObserver =
+        center.addObserver(KXApplicationEvent::WillTerminate,
+                           [](const KXNotification& n) { handleAppTerminationNotification(n); });
 }
 
 void KXClientFramework::handleAppDidFinishLaunchingNotification(

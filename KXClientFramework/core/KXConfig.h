@@ -18,7 +18,7 @@
 /// absent, booleans false, interval 0) and is filled by configWithContentsOfFile(), which
 /// always fills the shared object whichever instance it is called on.
 class KX_EXPORT KXConfig {
-  public:
+public:
     static KXConfig& defaultConfig();
 
     /// Opens the sealed property list at `path` with `key` and copies its values into
@@ -82,7 +82,7 @@ class KX_EXPORT KXConfig {
     std::int64_t analyticsSessionInterval() const { return analyticsSessionInterval_; }
     void setAnalyticsSessionInterval(std::int64_t v) { analyticsSessionInterval_ = v; }
 
-  private:
+private:
     std::optional<std::string> appId_;
     std::optional<std::string> inboxDomainId_;
     std::optional<std::string> stageClientId_;

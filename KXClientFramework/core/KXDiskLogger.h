@@ -11,7 +11,7 @@
 /// "DISKLogger Created" on the log sink. The file is only ever appended to: it is never
 /// truncated, rotated or deleted by the library.
 class KX_EXPORT KXDiskLogger {
-  public:
+public:
     KXDiskLogger();
 
     /// Appends `line` and a line feed, creating the file (and its directory) when needed.

@@ -36,7 +36,9 @@ std::shared_ptr<KXLogSink> KXLog::sink() {
     return installedSink();
 }
 
-void KXLog::systemLog(std::string_view line) { sink()->write(line); }
+void KXLog::systemLog(std::string_view line) {
+    sink()->write(line);
+}
 
 std::string_view KXLog::levelWord(KXLogLevel level) noexcept {
     switch (level) {
@@ -75,9 +77,9 @@ std::string KXLog::functionName(std::string_view signature) {
 }
 
 void KXLog::write(KXLogLevel level, const KXSourceLocation& where, std::string_view message) {
-    const std::string line = fmt::format("[{}] {} [Line {}] {}", levelWord(level),
-                                         functionName(where.function_name()), where.line(),
-                                         message);
+    const std::string line =
+        fmt::format("[{}] {} [Line {}] {}", levelWord(level), functionName(where.function_name()),
+                    where.line(), message);
     systemLog(line);
     if (kxLoggingToDiskEnabled.load(std::memory_order_relaxed)) {
         KXDiskLogger().writeLogToDisk(line);

@@ -50,8 +50,7 @@ public:
     }
 
     /// Builds the prefixed line and writes it; callers use the KX_LOG_* macros instead.
-    static void write(KXLogLevel level, const KXSourceLocation& where,
-                      std::string_view message);
+    static void write(KXLogLevel level, const KXSourceLocation& where, std::string_view message);
 
     /// Writes a line to the sink unconditionally, without prefix or level test.
     static void systemLog(std::string_view line);
@@ -65,11 +64,11 @@ public:
     static std::string_view levelWord(KXLogLevel level) noexcept;
 };
 
-#define KX_LOG(level, ...)                                                                    \
-    do {                                                                                      \
-        if (KXLog::isEnabled(level)) {                                                        \
-            KXLog::write(level, KXSourceLocation::current(), fmt::format(__VA_ARGS__));       \
-        }                                                                                     \
+#define KX_LOG(level, ...)                                                              \
+    do {                                                                                \
+        if (KXLog::isEnabled(level)) {                                                  \
+            KXLog::write(level, KXSourceLocation::current(), fmt::format(__VA_ARGS__)); \
+        }                                                                               \
     } while (false)
 
 #define KX_LOG_ERROR(...) KX_LOG(KXLogLevel::Error, __VA_ARGS__)

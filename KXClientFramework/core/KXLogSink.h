@@ -9,13 +9,13 @@
 /// application's logger; the default writes each line to standard error.
 /// write() may be called from any thread, concurrently.
 class KX_EXPORT KXLogSink {
-  public:
+public:
     virtual ~KXLogSink() = default;
     virtual void write(std::string_view line) = 0;
 };
 
 /// The default sink: one line per call on standard error.
 class KX_EXPORT KXStandardErrorSink final : public KXLogSink {
-  public:
+public:
     void write(std::string_view line) override;
 };

@@ -127,7 +127,7 @@ struct TZCryptor::Core {
     // queue only (and by a handler call while the work queue waits for it).
     struct Delivery {
         std::shared_ptr<const TZCryptorHandler> handler;
-        bool pendingOutput = false;  // hand over (and then empty) the output buffer
+        bool pendingOutput = false;          // hand over (and then empty) the output buffer
         std::vector<std::uint8_t> snapshot;  // otherwise these bytes
     };
     std::vector<Delivery> deliveries;
@@ -326,7 +326,8 @@ bool TZCryptor::startDelivery(std::size_t index) {
 void TZCryptor::runDelivery(std::size_t index) {
     Core::Delivery& delivery = core_->deliveries[index];
     const std::span<const std::uint8_t> data =
-        delivery.pendingOutput ? core_->output.pending() : std::span<const std::uint8_t>(delivery.snapshot);
+        delivery.pendingOutput ? core_->output.pending()
+                               : std::span<const std::uint8_t>(delivery.snapshot);
     if (delivery.handler && *delivery.handler) {
         try {
             (*delivery.handler)(*this, data);
@@ -408,7 +409,8 @@ bool TZCryptor::engineFinish(KXError& error) {
 
 // MARK: - Synchronous wrapper
 
-std::optional<std::vector<std::uint8_t>> TZCryptor::failedSetUp(const TZCryptor& cryptor, KXError* error) {
+std::optional<std::vector<std::uint8_t>> TZCryptor::failedSetUp(const TZCryptor& cryptor,
+                                                                KXError* error) {
     TZReportError(error, cryptor.error().value_or(TZStatusError(TZCryptorStatusUnspecifiedError)));
     return std::nullopt;
 }

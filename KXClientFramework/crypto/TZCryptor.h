@@ -21,7 +21,8 @@ class TZCryptor;
 /// Receives a cryptor's output. Called on the cryptor's response queue once per produced chunk
 /// (possibly empty) and once more when the cryptor finishes; on that last call isFinished() is
 /// already true and error() tells how it ended. `data` is valid only during the call.
-using TZCryptorHandler = std::function<void(TZCryptor& cryptor, std::span<const std::uint8_t> data)>;
+using TZCryptorHandler =
+    std::function<void(TZCryptor& cryptor, std::span<const std::uint8_t> data)>;
 
 /// The common part of every cryptor: two serial queues, the handler, error reporting, the
 /// synchronous wrapper, password-based keys and random bytes.
@@ -122,7 +123,8 @@ protected:
 
     /// What the synchronous forms return for a cryptor whose set-up failed: nothing, with the
     /// error it finished with.
-    static std::optional<std::vector<std::uint8_t>> failedSetUp(const TZCryptor& cryptor, KXError* error);
+    static std::optional<std::vector<std::uint8_t>> failedSetUp(const TZCryptor& cryptor,
+                                                                KXError* error);
 
     /// Where addData() lands; subclasses override. Does nothing in the base class.
     virtual void addInput(Input input);

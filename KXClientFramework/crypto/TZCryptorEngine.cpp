@@ -30,10 +30,17 @@ const EVP_CIPHER* aesCipher(std::size_t keyLength, bool ecb) {
     }();
     std::size_t index = 0;
     switch (keyLength) {
-        case 16: index = 0; break;
-        case 24: index = 2; break;
-        case 32: index = 4; break;
-        default: return nullptr;
+        case 16:
+            index = 0;
+            break;
+        case 24:
+            index = 2;
+            break;
+        case 32:
+            index = 4;
+            break;
+        default:
+            return nullptr;
     }
     return ciphers[index + (ecb ? 1 : 0)];
 }

@@ -10,13 +10,13 @@
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
+#include <fcntl.h>
+#include <unistd.h>
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <fcntl.h>
 #include <mutex>
-#include <unistd.h>
 
 namespace {
 
@@ -28,12 +28,18 @@ constexpr std::uint8_t kEmpty[1] = {0};
 // The digest of each PBKDF2 PRF number (1..5).
 const EVP_MD* prfDigest(std::uint32_t prf) {
     switch (prf) {
-        case 1: return EVP_sha1();
-        case 2: return EVP_sha224();
-        case 3: return EVP_sha256();
-        case 4: return EVP_sha384();
-        case 5: return EVP_sha512();
-        default: return nullptr;
+        case 1:
+            return EVP_sha1();
+        case 2:
+            return EVP_sha224();
+        case 3:
+            return EVP_sha256();
+        case 4:
+            return EVP_sha384();
+        case 5:
+            return EVP_sha512();
+        default:
+            return nullptr;
     }
 }
 
@@ -61,7 +67,8 @@ std::size_t utf16Length(std::string_view text) {
         } else if (lead >= 0xF0 && lead <= 0xF4 && continuation(i + 1) && continuation(i + 2) &&
                    continuation(i + 3)) {
             const unsigned char second = byte(i + 1);
-            const bool valid = !(lead == 0xF0 && second < 0x90) && !(lead == 0xF4 && second >= 0x90);
+            const bool valid =
+                !(lead == 0xF0 && second < 0x90) && !(lead == 0xF4 && second >= 0x90);
             length = valid ? 4 : 1;
             width = valid ? 2 : 1;
         }
@@ -100,15 +107,15 @@ int TZKeyDerivationPBKDF(std::uint32_t algorithm, const char* password, std::siz
     const EVP_MD* digest = prfDigest(prf);
     if (algorithm != kPBKDF2 || digest == nullptr || rounds == 0 || derivedKeyLength == 0 ||
         derivedKey == nullptr || (password == nullptr && passwordLength != 0) ||
-        (salt == nullptr && saltLength != 0) || passwordLength > INT_MAX ||
-        saltLength > INT_MAX || derivedKeyLength > INT_MAX || rounds > INT_MAX) {
+        (salt == nullptr && saltLength != 0) || passwordLength > INT_MAX || saltLength > INT_MAX ||
+        derivedKeyLength > INT_MAX || rounds > INT_MAX) {
         return static_cast<int>(TZCryptorStatusParamError);
     }
-    const int status = PKCS5_PBKDF2_HMAC(
-        passwordLength == 0 ? reinterpret_cast<const char*>(kEmpty) : password,
-        static_cast<int>(passwordLength), saltLength == 0 ? kEmpty : salt,
-        static_cast<int>(saltLength), static_cast<int>(rounds), digest,
-        static_cast<int>(derivedKeyLength), derivedKey);
+    const int status =
+        PKCS5_PBKDF2_HMAC(passwordLength == 0 ? reinterpret_cast<const char*>(kEmpty) : password,
+                          static_cast<int>(passwordLength), saltLength == 0 ? kEmpty : salt,
+                          static_cast<int>(saltLength), static_cast<int>(rounds), digest,
+                          static_cast<int>(derivedKeyLength), derivedKey);
     return status == 1 ? 0 : static_cast<int>(TZCryptorStatusUnspecifiedError);
 }
 
@@ -127,12 +134,28 @@ int TZ_CCKeyDerivationPBKDF(std::uint32_t algorithm, const char* password,
     std::uint32_t hmacAlgorithm = 0;
     std::size_t blockLength = 1;
     switch (prf) {
-        case 1: hmacAlgorithm = 0; blockLength = 20; break;
-        case 2: hmacAlgorithm = 5; blockLength = 28; break;
-        case 3: hmacAlgorithm = 2; blockLength = 32; break;
-        case 4: hmacAlgorithm = 3; blockLength = 48; break;
-        case 5: hmacAlgorithm = 4; blockLength = 64; break;
-        default: break;
+        case 1:
+            hmacAlgorithm = 0;
+            blockLength = 20;
+            break;
+        case 2:
+            hmacAlgorithm = 5;
+            blockLength = 28;
+            break;
+        case 3:
+            hmacAlgorithm = 2;
+            blockLength = 32;
+            break;
+        case 4:
+            hmacAlgorithm = 3;
+            blockLength = 48;
+            break;
+        case 5:
+            hmacAlgorithm = 4;
+            blockLength = 64;
+            break;
+        default:
+            break;
     }
 
     const std::span<const std::uint8_t> key(
@@ -180,9 +203,9 @@ int TZ_CCKeyDerivationPBKDF(std::uint32_t algorithm, const char* password,
     return 0;
 }
 
-std::vector<std::uint8_t> TZCryptor::keyForPassword(std::string_view password,
-                                                    std::span<const std::uint8_t> salt,
-                                                    const TZCryptorKeyDerivationSettings& settings) {
+std::vector<std::uint8_t> TZCryptor::keyForPassword(
+    std::string_view password, std::span<const std::uint8_t> salt,
+    const TZCryptorKeyDerivationSettings& settings) {
     if (settings.keySize > kTZMaxSettingSize) {
         return {};
     }

@@ -47,8 +47,8 @@ std::shared_ptr<TZDecryptor> TZDecryptor::initWithPassword(std::string_view pass
 }
 
 std::optional<std::vector<std::uint8_t>> TZDecryptor::decryptData(
-    std::span<const std::uint8_t> data, const TZCryptorSettings& settings, std::string_view password,
-    KXError* error) {
+    std::span<const std::uint8_t> data, const TZCryptorSettings& settings,
+    std::string_view password, KXError* error) {
     auto decryptor = initWithPassword(password, {});
     decryptor->setSettings(settings);
     return synchronousResultForCryptor(decryptor, data, error);
@@ -124,16 +124,19 @@ void TZDecryptor::addInput(Input input) {
         return;
     }
     const std::uint64_t toDecrypt = total - hold;
-    const std::size_t fromBuffer = static_cast<std::size_t>(std::min<std::uint64_t>(toDecrypt, inData_.size()));
+    const std::size_t fromBuffer =
+        static_cast<std::size_t>(std::min<std::uint64_t>(toDecrypt, inData_.size()));
     if (fromBuffer != 0) {
-        auto piece = std::make_shared<const std::vector<std::uint8_t>>(TZConsumeToIndex(inData_, fromBuffer));
+        auto piece = std::make_shared<const std::vector<std::uint8_t>>(
+            TZConsumeToIndex(inData_, fromBuffer));
         decryptData(Input{*piece, piece});
     }
     const std::size_t fromInput = static_cast<std::size_t>(toDecrypt - fromBuffer);
     for (std::size_t at = 0; at < fromInput; at += kChunkSize) {
         decryptData(input.subspan(offset + at, std::min(kChunkSize, fromInput - at)));
     }
-    inData_.insert(inData_.end(), input.bytes.begin() + static_cast<std::ptrdiff_t>(offset + fromInput),
+    inData_.insert(inData_.end(),
+                   input.bytes.begin() + static_cast<std::ptrdiff_t>(offset + fromInput),
                    input.bytes.end());
 }
 
@@ -175,7 +178,8 @@ void TZDecryptor::finish() {
                 return;
             }
         }
-        self->cleanupAndNotifyWithError(finalWritten ? std::nullopt : std::optional<KXError>(error));
+        self->cleanupAndNotifyWithError(finalWritten ? std::nullopt
+                                                     : std::optional<KXError>(error));
     });
 }
 
@@ -226,14 +230,15 @@ void TZDecryptor::consumeHeaderFromData(std::vector<std::uint8_t>& data) {
         return;  // the preamble is read again when more data arrives
     }
 
-    const std::vector<std::uint8_t> header(data.begin(),
-                                           data.begin() + static_cast<std::ptrdiff_t>(headerLength));
+    const std::vector<std::uint8_t> header(
+        data.begin(), data.begin() + static_cast<std::ptrdiff_t>(headerLength));
     TZConsumeToIndex(data, 2);
     if (hasPassword) {
         const auto encryptionSalt = TZConsumeToIndex(data, settings.keySettings.saltSize);
         const auto HMACSalt = TZConsumeToIndex(data, settings.HMACKeySettings.saltSize);
         // A decryptor made with keys has no password; the salts then derive from an empty one.
-        const std::string_view password = password_ ? std::string_view(*password_) : std::string_view();
+        const std::string_view password =
+            password_ ? std::string_view(*password_) : std::string_view();
         TZWipe(encryptionKey_);
         TZWipe(HMACKey_);
         encryptionKey_ = keyForPassword(password, encryptionSalt, settings.keySettings);

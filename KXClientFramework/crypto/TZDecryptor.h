@@ -49,9 +49,9 @@ public:
 
     /// A streaming decryptor with the caller's keys and kTZCryptorAES256Settings. An empty key
     /// counts as no key.
-    static std::shared_ptr<TZDecryptor> initWithEncryptionKey(std::span<const std::uint8_t> encryptionKey,
-                                                              std::span<const std::uint8_t> HMACKey,
-                                                              TZCryptorHandler handler);
+    static std::shared_ptr<TZDecryptor> initWithEncryptionKey(
+        std::span<const std::uint8_t> encryptionKey, std::span<const std::uint8_t> HMACKey,
+        TZCryptorHandler handler);
     /// A streaming decryptor whose keys come from `password` and the container's salts.
     static std::shared_ptr<TZDecryptor> initWithPassword(std::string_view password,
                                                          TZCryptorHandler handler);

@@ -28,7 +28,8 @@ TZEncryptor::~TZEncryptor() = default;
 
 bool TZEncryptor::setUpWithKeys(const TZCryptorSettings& settings,
                                 std::span<const std::uint8_t> encryptionKey,
-                                std::span<const std::uint8_t> HMACKey, std::span<const std::uint8_t> IV) {
+                                std::span<const std::uint8_t> HMACKey,
+                                std::span<const std::uint8_t> IV) {
     if (!TZSettingsAreUsable(settings)) {
         cleanupAndNotifyWithError(TZStatusError(TZCryptorStatusParamError));
         return false;
@@ -43,7 +44,8 @@ bool TZEncryptor::setUpWithKeys(const TZCryptorSettings& settings,
         setHMACLength(settings.HMACLength);
     }
     KXError error;
-    engine_ = TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt, settings, encryptionKey, IV, &error);
+    engine_ = TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt, settings,
+                                                 encryptionKey, IV, &error);
     if (!engine_) {
         cleanupAndNotifyWithError(error);
         return false;
@@ -86,40 +88,38 @@ std::shared_ptr<TZEncryptor> TZEncryptor::initWithSettings(const TZCryptorSettin
     return initWithSettings(settings, password, IV, encryptionSalt, HMACSalt, std::move(handler));
 }
 
-std::shared_ptr<TZEncryptor> TZEncryptor::initWithSettings(const TZCryptorSettings& settings,
-                                                           std::string_view password,
-                                                           std::span<const std::uint8_t> IV,
-                                                           std::span<const std::uint8_t> encryptionSalt,
-                                                           std::span<const std::uint8_t> HMACSalt,
-                                                           TZCryptorHandler handler) {
+std::shared_ptr<TZEncryptor> TZEncryptor::initWithSettings(
+    const TZCryptorSettings& settings, std::string_view password, std::span<const std::uint8_t> IV,
+    std::span<const std::uint8_t> encryptionSalt, std::span<const std::uint8_t> HMACSalt,
+    TZCryptorHandler handler) {
     std::shared_ptr<TZEncryptor> encryptor(new TZEncryptor("TZEncryptor", std::move(handler)));
-    return encryptor->setUpWithPassword(settings, password, IV, encryptionSalt, HMACSalt) ? encryptor : nullptr;
+    return encryptor->setUpWithPassword(settings, password, IV, encryptionSalt, HMACSalt)
+               ? encryptor
+               : nullptr;
 }
 
-std::shared_ptr<TZEncryptor> TZEncryptor::initWithSettings(const TZCryptorSettings& settings,
-                                                           std::span<const std::uint8_t> encryptionKey,
-                                                           std::span<const std::uint8_t> HMACKey,
-                                                           TZCryptorHandler handler) {
+std::shared_ptr<TZEncryptor> TZEncryptor::initWithSettings(
+    const TZCryptorSettings& settings, std::span<const std::uint8_t> encryptionKey,
+    std::span<const std::uint8_t> HMACKey, TZCryptorHandler handler) {
     if (!TZSettingsAreUsable(settings)) {
         return initWithSettings(settings, encryptionKey, HMACKey, {}, std::move(handler));  // fails
     }
     const auto IV = randomDataOfLength(settings.IVSize);
-    return initWithSettings(kTZCryptorAES256Settings, encryptionKey, HMACKey, IV, std::move(handler));
+    return initWithSettings(kTZCryptorAES256Settings, encryptionKey, HMACKey, IV,
+                            std::move(handler));
 }
 
-std::shared_ptr<TZEncryptor> TZEncryptor::initWithSettings(const TZCryptorSettings& settings,
-                                                           std::span<const std::uint8_t> encryptionKey,
-                                                           std::span<const std::uint8_t> HMACKey,
-                                                           std::span<const std::uint8_t> IV,
-                                                           TZCryptorHandler handler) {
+std::shared_ptr<TZEncryptor> TZEncryptor::initWithSettings(
+    const TZCryptorSettings& settings, std::span<const std::uint8_t> encryptionKey,
+    std::span<const std::uint8_t> HMACKey, std::span<const std::uint8_t> IV,
+    TZCryptorHandler handler) {
     std::shared_ptr<TZEncryptor> encryptor(new TZEncryptor("TZEncryptor", std::move(handler)));
     return encryptor->setUpWithKeys(settings, encryptionKey, HMACKey, IV) ? encryptor : nullptr;
 }
 
-std::optional<std::vector<std::uint8_t>> TZEncryptor::encryptData(std::span<const std::uint8_t> data,
-                                                                  const TZCryptorSettings& settings,
-                                                                  std::string_view password,
-                                                                  KXError* error) {
+std::optional<std::vector<std::uint8_t>> TZEncryptor::encryptData(
+    std::span<const std::uint8_t> data, const TZCryptorSettings& settings,
+    std::string_view password, KXError* error) {
     if (!TZSettingsAreUsable(settings)) {
         return encryptData(data, settings, password, {}, {}, {}, error);  // reports the settings
     }
@@ -130,9 +130,10 @@ std::optional<std::vector<std::uint8_t>> TZEncryptor::encryptData(std::span<cons
 }
 
 std::optional<std::vector<std::uint8_t>> TZEncryptor::encryptData(
-    std::span<const std::uint8_t> data, const TZCryptorSettings& settings, std::string_view password,
-    std::span<const std::uint8_t> IV, std::span<const std::uint8_t> encryptionSalt,
-    std::span<const std::uint8_t> HMACSalt, KXError* error) {
+    std::span<const std::uint8_t> data, const TZCryptorSettings& settings,
+    std::string_view password, std::span<const std::uint8_t> IV,
+    std::span<const std::uint8_t> encryptionSalt, std::span<const std::uint8_t> HMACSalt,
+    KXError* error) {
     std::shared_ptr<TZEncryptor> encryptor(new TZEncryptor("TZEncryptor", {}));
     if (!encryptor->setUpWithPassword(settings, password, IV, encryptionSalt, HMACSalt)) {
         return failedSetUp(*encryptor, error);
@@ -142,9 +143,11 @@ std::optional<std::vector<std::uint8_t>> TZEncryptor::encryptData(
 
 std::optional<std::vector<std::uint8_t>> TZEncryptor::encryptData(
     std::span<const std::uint8_t> data, const TZCryptorSettings& settings,
-    std::span<const std::uint8_t> encryptionKey, std::span<const std::uint8_t> HMACKey, KXError* error) {
+    std::span<const std::uint8_t> encryptionKey, std::span<const std::uint8_t> HMACKey,
+    KXError* error) {
     if (!TZSettingsAreUsable(settings)) {
-        return encryptData(data, settings, encryptionKey, HMACKey, {}, error);  // reports the settings
+        return encryptData(data, settings, encryptionKey, HMACKey, {},
+                           error);  // reports the settings
     }
     const auto IV = randomDataOfLength(settings.IVSize);
     return encryptData(data, kTZCryptorAES256Settings, encryptionKey, HMACKey, IV, error);
@@ -174,7 +177,8 @@ std::vector<std::uint8_t> TZEncryptor::header() const {
 }
 
 std::size_t TZEncryptor::expectedOutputLength(std::size_t inputLength) const {
-    return saturatingSum({inputLength, header().size(), 2 * TZCryptorEngine::maxOutputLength(0), HMACLength()});
+    return saturatingSum(
+        {inputLength, header().size(), 2 * TZCryptorEngine::maxOutputLength(0), HMACLength()});
 }
 
 void TZEncryptor::addInput(Input input) {
@@ -224,6 +228,7 @@ void TZEncryptor::finish() {
             self->HMAC_->update(self->outputFrom(before));
             self->appendOutput(self->HMAC_->finish(self->HMACLength()));
         }
-        self->cleanupAndNotifyWithError(finalWritten ? std::nullopt : std::optional<KXError>(error));
+        self->cleanupAndNotifyWithError(finalWritten ? std::nullopt
+                                                     : std::optional<KXError>(error));
     });
 }

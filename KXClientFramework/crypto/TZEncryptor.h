@@ -33,9 +33,10 @@ public:
                                                                 KXError* error = nullptr);
     /// Seals `data` with `password` and the caller's IV and salts.
     static std::optional<std::vector<std::uint8_t>> encryptData(
-        std::span<const std::uint8_t> data, const TZCryptorSettings& settings, std::string_view password,
-        std::span<const std::uint8_t> IV, std::span<const std::uint8_t> encryptionSalt,
-        std::span<const std::uint8_t> HMACSalt, KXError* error = nullptr);
+        std::span<const std::uint8_t> data, const TZCryptorSettings& settings,
+        std::string_view password, std::span<const std::uint8_t> IV,
+        std::span<const std::uint8_t> encryptionSalt, std::span<const std::uint8_t> HMACSalt,
+        KXError* error = nullptr);
     /// Seals `data` with the caller's keys and a random IV (see the matching initWithSettings).
     static std::optional<std::vector<std::uint8_t>> encryptData(
         std::span<const std::uint8_t> data, const TZCryptorSettings& settings,
@@ -53,26 +54,22 @@ public:
                                                          std::string_view password,
                                                          TZCryptorHandler handler);
     /// A streaming encryptor with a password and the caller's IV and salts.
-    static std::shared_ptr<TZEncryptor> initWithSettings(const TZCryptorSettings& settings,
-                                                         std::string_view password,
-                                                         std::span<const std::uint8_t> IV,
-                                                         std::span<const std::uint8_t> encryptionSalt,
-                                                         std::span<const std::uint8_t> HMACSalt,
-                                                         TZCryptorHandler handler);
+    static std::shared_ptr<TZEncryptor> initWithSettings(
+        const TZCryptorSettings& settings, std::string_view password,
+        std::span<const std::uint8_t> IV, std::span<const std::uint8_t> encryptionSalt,
+        std::span<const std::uint8_t> HMACSalt, TZCryptorHandler handler);
     /// A streaming encryptor with keys and a random IV. Only the IV length is taken from
     /// `settings`; everything else comes from kTZCryptorAES256Settings, as it always has for
     /// this form.
-    static std::shared_ptr<TZEncryptor> initWithSettings(const TZCryptorSettings& settings,
-                                                         std::span<const std::uint8_t> encryptionKey,
-                                                         std::span<const std::uint8_t> HMACKey,
-                                                         TZCryptorHandler handler);
+    static std::shared_ptr<TZEncryptor> initWithSettings(
+        const TZCryptorSettings& settings, std::span<const std::uint8_t> encryptionKey,
+        std::span<const std::uint8_t> HMACKey, TZCryptorHandler handler);
     /// A streaming encryptor with keys and IV. An empty HMAC key means no HMAC is written.
     /// Null when the engine or the HMAC cannot be made (the error goes to the handler).
-    static std::shared_ptr<TZEncryptor> initWithSettings(const TZCryptorSettings& settings,
-                                                         std::span<const std::uint8_t> encryptionKey,
-                                                         std::span<const std::uint8_t> HMACKey,
-                                                         std::span<const std::uint8_t> IV,
-                                                         TZCryptorHandler handler);
+    static std::shared_ptr<TZEncryptor> initWithSettings(
+        const TZCryptorSettings& settings, std::span<const std::uint8_t> encryptionKey,
+        std::span<const std::uint8_t> HMACKey, std::span<const std::uint8_t> IV,
+        TZCryptorHandler handler);
 
     ~TZEncryptor() override;
 
@@ -94,12 +91,14 @@ protected:
 
     /// Starts the HMAC (when there is an HMAC key) and creates the encrypting engine; on
     /// failure finishes with the error and returns false.
-    bool setUpWithKeys(const TZCryptorSettings& settings, std::span<const std::uint8_t> encryptionKey,
+    bool setUpWithKeys(const TZCryptorSettings& settings,
+                       std::span<const std::uint8_t> encryptionKey,
                        std::span<const std::uint8_t> HMACKey, std::span<const std::uint8_t> IV);
     /// Derives both keys from the password, then setUpWithKeys(); marks the password option and
     /// keeps the salts on success.
     bool setUpWithPassword(const TZCryptorSettings& settings, std::string_view password,
-                           std::span<const std::uint8_t> IV, std::span<const std::uint8_t> encryptionSalt,
+                           std::span<const std::uint8_t> IV,
+                           std::span<const std::uint8_t> encryptionSalt,
                            std::span<const std::uint8_t> HMACSalt);
 
     /// Runs one piece of plain input through the engine on the work queue.

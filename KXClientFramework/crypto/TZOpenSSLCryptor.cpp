@@ -54,9 +54,9 @@ std::vector<std::uint8_t> GetHashForHash(std::span<const std::uint8_t> previous,
     return {digest.begin(), digest.begin() + length};
 }
 
-std::vector<std::uint8_t> TZOpenSSLCryptorGetKey(std::string_view password,
-                                                 std::span<const std::uint8_t> salt,
-                                                 const TZCryptorKeyDerivationSettings& keySettings) {
+std::vector<std::uint8_t> TZOpenSSLCryptorGetKey(
+    std::string_view password, std::span<const std::uint8_t> salt,
+    const TZCryptorKeyDerivationSettings& keySettings) {
     auto data = passwordAndSalt(password, salt);
     auto key = chainedHashes(data, keySettings.keySize == 32 ? 2 : 1);
     TZWipe(data);

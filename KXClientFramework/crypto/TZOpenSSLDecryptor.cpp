@@ -57,8 +57,8 @@ std::shared_ptr<TZOpenSSLDecryptor> TZOpenSSLDecryptor::initWithPassword(std::st
 }
 
 std::optional<std::vector<std::uint8_t>> TZOpenSSLDecryptor::decryptData(
-    std::span<const std::uint8_t> data, const TZCryptorSettings& settings, std::string_view password,
-    KXError* error) {
+    std::span<const std::uint8_t> data, const TZCryptorSettings& settings,
+    std::string_view password, KXError* error) {
     return synchronousResultForCryptor(initWithSettings(settings, password, {}), data, error);
 }
 
@@ -88,7 +88,8 @@ std::optional<std::vector<std::uint8_t>> TZOpenSSLDecryptor::decryptData(
 void TZOpenSSLDecryptor::consumeHeaderFromData(std::vector<std::uint8_t>& data) {
     const TZCryptorSettings settings = this->settings();
     const std::uint64_t saltSize = settings.keySettings.saltSize;
-    if (saltSize > UINT64_MAX - kSaltedStringLength || data.size() < kSaltedStringLength + saltSize) {
+    if (saltSize > UINT64_MAX - kSaltedStringLength ||
+        data.size() < kSaltedStringLength + saltSize) {
         return;
     }
 
@@ -105,7 +106,8 @@ void TZOpenSSLDecryptor::consumeHeaderFromData(std::vector<std::uint8_t>& data) 
     TZWipe(password_);
 
     KXError error;
-    engine_ = TZCryptorEngine::initWithOperation(TZCryptorOperation::Decrypt, settings, key, IV, &error);
+    engine_ =
+        TZCryptorEngine::initWithOperation(TZCryptorOperation::Decrypt, settings, key, IV, &error);
     TZWipe(key);
     TZWipe(IV);
     if (!engine_) {

@@ -51,15 +51,14 @@ public:
                                                                 TZCryptorHandler handler);
     /// A streaming decryptor of raw ciphertext; null when the engine cannot be made (its error
     /// then goes to the handler).
-    static std::shared_ptr<TZOpenSSLDecryptor> initWithSettings(const TZCryptorSettings& settings,
-                                                                std::span<const std::uint8_t> encryptionKey,
-                                                                std::span<const std::uint8_t> IV,
-                                                                TZCryptorHandler handler);
+    static std::shared_ptr<TZOpenSSLDecryptor> initWithSettings(
+        const TZCryptorSettings& settings, std::span<const std::uint8_t> encryptionKey,
+        std::span<const std::uint8_t> IV, TZCryptorHandler handler);
 
     /// Not supported by this format: null.
-    static std::shared_ptr<TZOpenSSLDecryptor> initWithEncryptionKey(std::span<const std::uint8_t> encryptionKey,
-                                                                     std::span<const std::uint8_t> HMACKey,
-                                                                     TZCryptorHandler handler);
+    static std::shared_ptr<TZOpenSSLDecryptor> initWithEncryptionKey(
+        std::span<const std::uint8_t> encryptionKey, std::span<const std::uint8_t> HMACKey,
+        TZCryptorHandler handler);
     /// Not supported by this format: null.
     static std::shared_ptr<TZOpenSSLDecryptor> initWithPassword(std::string_view password,
                                                                 TZCryptorHandler handler);
@@ -72,8 +71,7 @@ protected:
 private:
     // The raw-ciphertext decryptor, returned even when its engine failed (it is then finished
     // with the engine's error), so the synchronous form can report that error.
-    static std::shared_ptr<TZOpenSSLDecryptor> makeWithKey(const TZCryptorSettings& settings,
-                                                           std::span<const std::uint8_t> encryptionKey,
-                                                           std::span<const std::uint8_t> IV,
-                                                           TZCryptorHandler handler);
+    static std::shared_ptr<TZOpenSSLDecryptor> makeWithKey(
+        const TZCryptorSettings& settings, std::span<const std::uint8_t> encryptionKey,
+        std::span<const std::uint8_t> IV, TZCryptorHandler handler);
 };

@@ -13,7 +13,8 @@ bool TZOpenSSLEncryptor::setUpWithKeyAndIV(const TZCryptorSettings& settings,
                                            std::span<const std::uint8_t> encryptionKey,
                                            std::span<const std::uint8_t> IV) {
     KXError error;
-    engine_ = TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt, settings, encryptionKey, IV, &error);
+    engine_ = TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt, settings,
+                                                 encryptionKey, IV, &error);
     if (!engine_) {
         cleanupAndNotifyWithError(error);
         return false;
@@ -21,7 +22,8 @@ bool TZOpenSSLEncryptor::setUpWithKeyAndIV(const TZCryptorSettings& settings,
     return true;
 }
 
-bool TZOpenSSLEncryptor::setUpWithPassword(const TZCryptorSettings& settings, std::string_view password) {
+bool TZOpenSSLEncryptor::setUpWithPassword(const TZCryptorSettings& settings,
+                                           std::string_view password) {
     if (!TZKeySettingsAreUsable(settings.keySettings)) {
         cleanupAndNotifyWithError(TZStatusError(TZCryptorStatusParamError));
         return false;
@@ -39,9 +41,8 @@ bool TZOpenSSLEncryptor::setUpWithPassword(const TZCryptorSettings& settings, st
     return ready;
 }
 
-std::shared_ptr<TZOpenSSLEncryptor> TZOpenSSLEncryptor::initWithSettings(const TZCryptorSettings& settings,
-                                                                         std::string_view password,
-                                                                         TZCryptorHandler handler) {
+std::shared_ptr<TZOpenSSLEncryptor> TZOpenSSLEncryptor::initWithSettings(
+    const TZCryptorSettings& settings, std::string_view password, TZCryptorHandler handler) {
     std::shared_ptr<TZOpenSSLEncryptor> encryptor(new TZOpenSSLEncryptor(std::move(handler)));
     return encryptor->setUpWithPassword(settings, password) ? encryptor : nullptr;
 }
@@ -53,10 +54,9 @@ std::shared_ptr<TZOpenSSLEncryptor> TZOpenSSLEncryptor::initWithSettings(
     return encryptor->setUpWithKeyAndIV(settings, encryptionKey, IV) ? encryptor : nullptr;
 }
 
-std::optional<std::vector<std::uint8_t>> TZOpenSSLEncryptor::encryptData(std::span<const std::uint8_t> data,
-                                                                         const TZCryptorSettings& settings,
-                                                                         std::string_view password,
-                                                                         KXError* error) {
+std::optional<std::vector<std::uint8_t>> TZOpenSSLEncryptor::encryptData(
+    std::span<const std::uint8_t> data, const TZCryptorSettings& settings,
+    std::string_view password, KXError* error) {
     std::shared_ptr<TZOpenSSLEncryptor> encryptor(new TZOpenSSLEncryptor({}));
     if (!encryptor->setUpWithPassword(settings, password)) {
         return failedSetUp(*encryptor, error);
@@ -78,8 +78,9 @@ std::vector<std::uint8_t> TZOpenSSLEncryptor::header() const {
     if ((options() & TZCryptorOptionHasPassword) == 0) {
         return {};
     }
-    std::vector<std::uint8_t> header(kTZCryptorOpenSSLSaltedString,
-                                     kTZCryptorOpenSSLSaltedString + std::strlen(kTZCryptorOpenSSLSaltedString));
+    std::vector<std::uint8_t> header(
+        kTZCryptorOpenSSLSaltedString,
+        kTZCryptorOpenSSLSaltedString + std::strlen(kTZCryptorOpenSSLSaltedString));
     header.insert(header.end(), encryptionSalt_.begin(), encryptionSalt_.end());
     return header;
 }

@@ -36,10 +36,9 @@ public:
                                                                 TZCryptorHandler handler);
     /// A streaming encryptor of raw ciphertext; null when the engine cannot be made (the error
     /// then goes to the handler).
-    static std::shared_ptr<TZOpenSSLEncryptor> initWithSettings(const TZCryptorSettings& settings,
-                                                                std::span<const std::uint8_t> encryptionKey,
-                                                                std::span<const std::uint8_t> IV,
-                                                                TZCryptorHandler handler);
+    static std::shared_ptr<TZOpenSSLEncryptor> initWithSettings(
+        const TZCryptorSettings& settings, std::span<const std::uint8_t> encryptionKey,
+        std::span<const std::uint8_t> IV, TZCryptorHandler handler);
 
     /// "Salted__" and the salt when made with a password; empty with a key and IV.
     std::vector<std::uint8_t> header() const override;
@@ -47,7 +46,8 @@ public:
 protected:
     explicit TZOpenSSLEncryptor(TZCryptorHandler handler);
 
-    bool setUpWithKeyAndIV(const TZCryptorSettings& settings, std::span<const std::uint8_t> encryptionKey,
+    bool setUpWithKeyAndIV(const TZCryptorSettings& settings,
+                           std::span<const std::uint8_t> encryptionKey,
                            std::span<const std::uint8_t> IV);
     bool setUpWithPassword(const TZCryptorSettings& settings, std::string_view password);
 };

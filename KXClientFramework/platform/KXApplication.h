@@ -32,8 +32,8 @@ class KX_EXPORT KXApplication {
 public:
     /// `backgroundTimeLimit`: how long background tasks may run after the application entered
     /// the background before their expiration handlers are called.
-    explicit KXApplication(KXMainQueue& mainQueue,
-                           std::chrono::milliseconds backgroundTimeLimit = std::chrono::seconds(30));
+    explicit KXApplication(KXMainQueue& mainQueue, std::chrono::milliseconds backgroundTimeLimit =
+                                                       std::chrono::seconds(30));
     virtual ~KXApplication();
 
     KXApplication(const KXApplication&) = delete;

@@ -42,8 +42,7 @@ void KXClientFrameworkAppDelegate::didRegisterForRemoteNotificationsWithDeviceTo
 
 void KXClientFrameworkAppDelegate::didFailToRegisterForRemoteNotificationsWithError(
     KXApplication& /*application*/, const KXError& error) {
-    KX_LOG_ERROR("Failed To Register For Remote Notifications With Error: {}",
-                 error.description());
+    KX_LOG_ERROR("Failed To Register For Remote Notifications With Error: {}", error.description());
 }
 
 void KXClientFrameworkAppDelegate::didReceiveRemoteNotification(

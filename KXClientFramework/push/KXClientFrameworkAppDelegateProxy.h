@@ -64,8 +64,7 @@ public:
         KXApplication& application, const std::vector<std::uint8_t>& deviceToken) override;
     void didFailToRegisterForRemoteNotificationsWithError(KXApplication& application,
                                                           const KXError& error) override;
-    void didReceiveRemoteNotification(KXApplication& application,
-                                      const KXJSON& userInfo) override;
+    void didReceiveRemoteNotification(KXApplication& application, const KXJSON& userInfo) override;
     void didReceiveRemoteNotification(
         KXApplication& application, const KXJSON& userInfo,
         std::function<void(KXBackgroundFetchResult)> completionHandler) override;

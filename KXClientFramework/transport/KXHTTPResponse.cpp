@@ -4,7 +4,9 @@
 
 namespace {
 
-constexpr char lower(char c) noexcept { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c; }
+constexpr char lower(char c) noexcept {
+    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c + 32) : c;
+}
 
 }  // namespace
 
@@ -14,8 +16,8 @@ bool KXCaseInsensitiveLess::operator()(std::string_view a, std::string_view b) c
 }
 
 bool KXCaseInsensitiveLess::equal(std::string_view a, std::string_view b) noexcept {
-    return a.size() == b.size() &&
-           std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) { return lower(x) == lower(y); });
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
+                                              [](char x, char y) { return lower(x) == lower(y); });
 }
 
 std::string KXHTTPResponse::valueForHTTPHeaderField(std::string_view name) const {

@@ -95,9 +95,9 @@ void KXHTTPSessionManager::complete(const std::shared_ptr<const KXHTTPResponse>&
             success(response, JSONObjectWithData(response->body));
         }
     } else if (failure) {
-        failure(response, error ? *error
-                                : errorFromAnswer(response ? response->body : std::string(),
-                                                  response.get()));
+        failure(response,
+                error ? *error
+                      : errorFromAnswer(response ? response->body : std::string(), response.get()));
     }
 }
 
@@ -109,12 +109,12 @@ void KXHTTPSessionManager::send(const char* method, const std::string& path,
     requestWithMethod(
         method, URL, parameters,
         [this, success, failure](const KXURLRequest& request) {
-            session()->dataTask(request, [success, failure](
-                                             std::shared_ptr<const KXHTTPResponse> response,
-                                             std::optional<KXError> error) {
-                complete(response, error, success, failure);
-                showActivityIndicator(false);
-            });
+            session()->dataTask(request,
+                                [success, failure](std::shared_ptr<const KXHTTPResponse> response,
+                                                   std::optional<KXError> error) {
+                                    complete(response, error, success, failure);
+                                    showActivityIndicator(false);
+                                });
         },
         [failure](const KXError& error) {
             showActivityIndicator(false);
@@ -127,9 +127,9 @@ void KXHTTPSessionManager::send(const char* method, const std::string& path,
 void KXHTTPSessionManager::AUTHORIZATION(const std::string& URL, const KXJSON& parameters,
                                          SuccessBlock success, FailureBlock failure) {
     const KXURLRequest request = authorizationRequestWithURL(URL, parameters);
-    session()->dataTask(request, [success = std::move(success), failure = std::move(failure)](
-                                     std::shared_ptr<const KXHTTPResponse> response,
-                                     std::optional<KXError> error) {
-        complete(response, error, success, failure);
-    });
+    session()->dataTask(
+        request, [success = std::move(success), failure = std::move(failure)](
+                     std::shared_ptr<const KXHTTPResponse> response, std::optional<KXError> error) {
+            complete(response, error, success, failure);
+        });
 }

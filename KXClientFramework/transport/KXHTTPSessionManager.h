@@ -26,8 +26,8 @@ class KX_EXPORT KXHTTPSessionManager : public KXSessionManager {
 public:
     using SuccessBlock = std::function<void(std::shared_ptr<const KXHTTPResponse> response,
                                             const KXJSON& responseObject)>;
-    using FailureBlock = std::function<void(std::shared_ptr<const KXHTTPResponse> response,
-                                            const KXError& error)>;
+    using FailureBlock =
+        std::function<void(std::shared_ptr<const KXHTTPResponse> response, const KXError& error)>;
 
     /// The shared transport, created on first use (thread-safe); its base URL is fixed from the
     /// environment at that moment.

@@ -3,7 +3,6 @@
 #include <KXClientFramework/KXPlatform.h>
 #include <KXClientFramework/KXPropertyList.h>
 
-
 KXKeychainWrapper::Query KXKeychainWrapper::getKeychainQuery(const std::string& key) {
     return Query{KXKeychainQuery{key, key}, kSecAttrAccessibleAfterFirstUnlock};
 }
@@ -13,7 +12,8 @@ void KXKeychainWrapper::saveValue(const KXJSON& value, const std::string& key) {
     KXKeychain& keychain = KXPlatform::current().keychain();
     keychain.remove(query.item);
     const std::string xml = KXPropertyList::toXML(value);
-    keychain.add(query.item, std::vector<std::uint8_t>(xml.begin(), xml.end()), query.accessibility);
+    keychain.add(query.item, std::vector<std::uint8_t>(xml.begin(), xml.end()),
+                 query.accessibility);
 }
 
 KXJSON KXKeychainWrapper::fetchValueForKey(const std::string& key) {

@@ -155,8 +155,9 @@ void KXOAuth2Client::saveBearerToken(const KXJSON& response) {
     using std::chrono::system_clock;
     const KXClock& clock = KXPlatform::current().clock();
     const KXJSON empty;
-    const KXJSON& accessToken =
-        response.is_object() && response.contains("access_token") ? response["access_token"] : empty;
+    const KXJSON& accessToken = response.is_object() && response.contains("access_token")
+                                    ? response["access_token"]
+                                    : empty;
     const KXJSON& expiresIn =
         response.is_object() && response.contains("expires_in") ? response["expires_in"] : empty;
 

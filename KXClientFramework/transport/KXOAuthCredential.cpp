@@ -3,7 +3,6 @@
 #include <KXClientFramework/KXPlatform.h>
 #include <KXClientFramework/KXPropertyList.h>
 
-
 #include <fmt/format.h>
 
 #include <utility>

@@ -24,7 +24,8 @@ void KXURLSession::dataTask(const KXURLRequest& request, Completion completion) 
     const double seconds = std::isfinite(request.timeoutInterval) && request.timeoutInterval > 0
                                ? std::min(request.timeoutInterval, 86400.0 * 365)
                                : configuration_.timeoutIntervalForRequest;
-    outgoing.timeout = std::chrono::milliseconds(static_cast<std::int64_t>(std::ceil(seconds * 1000)));
+    outgoing.timeout =
+        std::chrono::milliseconds(static_cast<std::int64_t>(std::ceil(seconds * 1000)));
     // The session's fields first; a field the request sets itself replaces the session's.
     for (const auto& [name, value] : configuration_.HTTPAdditionalHeaders) {
         if (request.allHTTPHeaderFields.find(name) == request.allHTTPHeaderFields.end()) {
@@ -38,9 +39,8 @@ void KXURLSession::dataTask(const KXURLRequest& request, Completion completion) 
     // Completions go to the main queue of the platform that was current when the task began.
     std::shared_ptr<KXPlatform> platform = KXPlatform::currentShared();
     KXNetworkEngine::shared().submit(
-        std::move(outgoing),
-        [platform = std::move(platform), completion = std::move(completion)](
-            KXNetworkResult result) mutable {
+        std::move(outgoing), [platform = std::move(platform),
+                              completion = std::move(completion)](KXNetworkResult result) mutable {
             if (!completion) {
                 return;
             }

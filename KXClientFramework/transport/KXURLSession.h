@@ -56,9 +56,8 @@ class KX_EXPORT KXURLSession {
 public:
     /// Called on the main queue with the complete answer, or with a null response and the
     /// transport error (domain NSURLErrorDomain, code = libcurl's result code).
-    using Completion =
-        std::function<void(std::shared_ptr<const KXHTTPResponse> response,
-                           std::optional<KXError> error)>;
+    using Completion = std::function<void(std::shared_ptr<const KXHTTPResponse> response,
+                                          std::optional<KXError> error)>;
 
     static std::shared_ptr<KXURLSession> sessionWithConfiguration(
         KXSessionConfiguration configuration);

@@ -115,9 +115,7 @@ public:
         return true;
     }
 
-    void willTerminate(KXApplication& /*application*/) override {
-        std::printf("terminating\n");
-    }
+    void willTerminate(KXApplication& /*application*/) override { std::printf("terminating\n"); }
 
 private:
     std::string key_;
@@ -133,8 +131,7 @@ int main(int argc, char** argv) {
 
     KXLinuxPlatformOptions platformOptions;
     platformOptions.applicationId = "com.example.engage";
-    platformOptions.resourceDirectories = {
-        std::filesystem::absolute(options.config).parent_path()};
+    platformOptions.resourceDirectories = {std::filesystem::absolute(options.config).parent_path()};
     auto platform = std::make_shared<KXLinuxPlatform>(std::move(platformOptions));
     KXPlatform::install(platform);
     KXAsioMainQueue& mainQueue = *platform->asioMainQueue();

@@ -14,7 +14,7 @@
 
 // Stands for the application's logger: here it stamps each line and prints it to stdout.
 class ApplicationLogSink final : public KXLogSink {
-  public:
+public:
     void write(std::string_view line) override {
         std::lock_guard lock(mutex_);
         const std::time_t now = std::time(nullptr);
@@ -23,7 +23,7 @@ class ApplicationLogSink final : public KXLogSink {
         std::printf("%s kx: %.*s\n", stamp, static_cast<int>(line.size()), line.data());
     }
 
-  private:
+private:
     std::mutex mutex_;
 };
 

@@ -81,8 +81,8 @@ protected:
         KXClientFramework::setServiceEndpoints(endpoints);
         service.script("POST", "/staging/token", setup.stagingTokenAnswer);
         service.script("POST", "/production/token",
-                       KXScriptedAnswer::json(200, {{"access_token", "production-token"},
-                                                    {"expires_in", 3600}}));
+                       KXScriptedAnswer::json(
+                           200, {{"access_token", "production-token"}, {"expires_in", 3600}}));
 
         appDelegate = std::make_shared<AppDelegate>();
         platform->application().setDelegate(appDelegate);
@@ -131,9 +131,9 @@ std::string formValue(const std::string& body, const std::string& key) {
     while ((at = body.find(needle, at)) != std::string::npos) {
         if (at == 0 || body[at - 1] == '&') {
             const std::size_t end = body.find('&', at);
-            return body.substr(at + needle.size(),
-                               end == std::string::npos ? std::string::npos
-                                                        : end - at - needle.size());
+            return body.substr(at + needle.size(), end == std::string::npos
+                                                       ? std::string::npos
+                                                       : end - at - needle.size());
         }
         at += needle.size();
     }
@@ -192,7 +192,8 @@ TEST_F(KXEngagementTest, EngagingPutsTheDispatcherAroundTheApplicationDelegateAn
     EXPECT_LT(position("] Authenticating KX iOS SDK"),
               position("] Initializing KX iOS SDK with\n\tbusinessUnit: (null),\n\tclientId: "
                        "stage-id,\n\tapplicationId: app-1\n"));
-    EXPECT_LT(position("] Authenticating KX iOS SDK"), position("] Register for Pushing KX iOS SDK"));
+    EXPECT_LT(position("] Authenticating KX iOS SDK"),
+              position("] Register for Pushing KX iOS SDK"));
     EXPECT_GE(position("] \n\nKX iOS SDK Ready!\n\n"), 0);
     EXPECT_EQ(position("] Configuring KX iOS SDK"),
               position("[DEBUG] KXClientFramework::engageUsingKey [Line "));
@@ -220,7 +221,8 @@ TEST_F(KXEngagementTest, AFailedAuthenticationIsOnlyLogged) {
     manager().engageUsingKey(kKey);
     ASSERT_TRUE(waitFor(
         [&] { return !sink->linesContaining("Error Zandrel had trouble starting.").empty(); }));
-    const auto lines = sink->linesContaining("] Error Zandrel had trouble starting.\nError Domain=");
+    const auto lines =
+        sink->linesContaining("] Error Zandrel had trouble starting.\nError Domain=");
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].rfind("[ERROR] ", 0), 0u);
     EXPECT_NE(lines[0].find("Code=401"), std::string::npos) << lines[0];
@@ -332,16 +334,16 @@ TEST_P(KXEngagementRegistrationTest, TheSystemVersionChoosesTheRegistration) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Versions, KXEngagementRegistrationTest,
-    testing::Values(std::make_pair(std::optional<std::string>("9.3"), false),
-                    std::make_pair(std::optional<std::string>("9.10.4"), false),
-                    std::make_pair(std::optional<std::string>("10"), false),
-                    std::make_pair(std::optional<std::string>("10.0"), true),
-                    std::make_pair(std::optional<std::string>("10.0.1"), true),
-                    std::make_pair(std::optional<std::string>("11.2"), true),
-                    std::make_pair(std::optional<std::string>("12"), true),
-                    std::make_pair(std::optional<std::string>(), true)));
+INSTANTIATE_TEST_SUITE_P(Versions, KXEngagementRegistrationTest,
+                         testing::Values(std::make_pair(std::optional<std::string>("9.3"), false),
+                                         std::make_pair(std::optional<std::string>("9.10.4"),
+                                                        false),
+                                         std::make_pair(std::optional<std::string>("10"), false),
+                                         std::make_pair(std::optional<std::string>("10.0"), true),
+                                         std::make_pair(std::optional<std::string>("10.0.1"), true),
+                                         std::make_pair(std::optional<std::string>("11.2"), true),
+                                         std::make_pair(std::optional<std::string>("12"), true),
+                                         std::make_pair(std::optional<std::string>(), true)));
 
 TEST_F(KXEngagementTest, AMissingConfigurationShowsTheAlertAndStillRegistersForNotifications) {
     Scenario setup;
@@ -420,7 +422,7 @@ TEST_F(KXEngagementTest, RemoteNotificationsReachTheAnalyticsHandlerOfTheEngaged
     application().postEvent(KXApplicationEvent::DidBecomeActive);
     int completions = 0;
     application().deliverRemoteNotification({{"aps", {{"alert", "hello"}}}},
-                                             [&](KXBackgroundFetchResult) { ++completions; });
+                                            [&](KXBackgroundFetchResult) { ++completions; });
     ASSERT_EQ(received.size(), 1u);
     EXPECT_EQ(received[0].first, KXJSON({{"aps", {{"alert", "hello"}}}}));
     EXPECT_EQ(received[0].second, KXApplicationState::Active);
@@ -527,7 +529,8 @@ TEST_F(KXEngagementTest, AnalyticsCannotBeSwitchedBeforeEngaging) {
     start();
     KXClientFramework::enableAnalytics(true);
     EXPECT_FALSE(analyticsEnabled.load());
-    const auto lines = sink->linesContaining("] _sharingZandrel is nil. Unable to start analytics.");
+    const auto lines =
+        sink->linesContaining("] _sharingZandrel is nil. Unable to start analytics.");
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].rfind("[DEBUG] ", 0), 0u);
 
@@ -546,9 +549,9 @@ TEST_F(KXEngagementTest, ExternalIdsAreStoredInTheUserDefaultsFile) {
     start();
     manager().saveUserDefaultsExternalId("guest-77", "stage-id-GUEST-ID");
     EXPECT_EQ(manager().retrieveUserDefaultsExternalIdForKey("stage-id-GUEST-ID"), "guest-77");
-    EXPECT_EQ(KXFileUserDefaults(platform->fileUserDefaults().path())
-                  .objectForKey("stage-id-GUEST-ID"),
-              "guest-77");
+    EXPECT_EQ(
+        KXFileUserDefaults(platform->fileUserDefaults().path()).objectForKey("stage-id-GUEST-ID"),
+        "guest-77");
 
     manager().deleteUserDefaultsExternalIdForKey("stage-id-GUEST-ID");
     EXPECT_EQ(manager().retrieveUserDefaultsExternalIdForKey("stage-id-GUEST-ID"), std::nullopt);

@@ -36,7 +36,7 @@ std::string readFile(const std::filesystem::path& path) {
 }
 
 class KXLogTest : public testing::Test {
-  protected:
+protected:
     void SetUp() override {
         kxLoggingEnabled = true;
         kxLoggingToDiskEnabled = false;

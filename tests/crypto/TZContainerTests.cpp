@@ -70,7 +70,8 @@ struct Collector {
     }
 };
 
-void expectHMACMismatch(const std::optional<Bytes>& opened, const KXError& error, const std::string& context) {
+void expectHMACMismatch(const std::optional<Bytes>& opened, const KXError& error,
+                        const std::string& context) {
     EXPECT_FALSE(opened.has_value()) << context;
     EXPECT_EQ(error.domain, kTZCryptorErrorDomain) << context;
     EXPECT_EQ(error.code, TZCryptorErrorHMACMismatch) << context;
@@ -82,11 +83,12 @@ void expectHMACMismatch(const std::optional<Bytes>& opened, const KXError& error
 // MARK: - Writing
 
 TEST(TZEncryptor, PasswordContainerIsExactlyTheDocumentedLayout) {
-    for (const std::size_t length : {std::size_t{0}, std::size_t{15}, std::size_t{16}, std::size_t{300000}}) {
+    for (const std::size_t length :
+         {std::size_t{0}, std::size_t{15}, std::size_t{16}, std::size_t{300000}}) {
         const auto plain = patternBytes(length, 7);
         KXError error;
-        const auto sealed = TZEncryptor::encryptData(plain, kTZCryptorAES256Settings, "pass word", kIV,
-                                                     kEncryptionSalt, kHMACSalt, &error);
+        const auto sealed = TZEncryptor::encryptData(plain, kTZCryptorAES256Settings, "pass word",
+                                                     kIV, kEncryptionSalt, kHMACSalt, &error);
         ASSERT_TRUE(sealed.has_value()) << error.description();
         EXPECT_EQ(*sealed, passwordContainer(3, "pass word", plain)) << length;
     }
@@ -94,12 +96,14 @@ TEST(TZEncryptor, PasswordContainerIsExactlyTheDocumentedLayout) {
 
 TEST(TZEncryptor, KeyContainerIsExactlyTheDocumentedLayout) {
     const auto plain = patternBytes(1000, 8);
-    const auto sealed = TZEncryptor::encryptData(plain, kTZCryptorAES256Settings, kEncryptionKey, kHMACKey, kIV);
+    const auto sealed =
+        TZEncryptor::encryptData(plain, kTZCryptorAES256Settings, kEncryptionKey, kHMACKey, kIV);
     ASSERT_TRUE(sealed.has_value());
     EXPECT_EQ(*sealed, keyContainer(plain));
 
     // The ciphertext between header and HMAC is what the openssl tool makes of the same input.
-    const auto tools = openssl("enc -aes-256-cbc -nosalt -K " + hex(kEncryptionKey) + " -iv " + hex(kIV), plain);
+    const auto tools =
+        openssl("enc -aes-256-cbc -nosalt -K " + hex(kEncryptionKey) + " -iv " + hex(kIV), plain);
     ASSERT_EQ(tools.status, 0) << tools.errors;
     EXPECT_EQ(Bytes(sealed->begin() + 18, sealed->end() - 32), tools.output);
 }
@@ -112,7 +116,8 @@ TEST(TZEncryptor, EmptyInputSizes) {
     EXPECT_EQ((*withPassword)[0], 3);
     EXPECT_EQ((*withPassword)[1], TZCryptorOptionHasPassword);
 
-    const auto withKeys = TZEncryptor::encryptData(Bytes{}, kTZCryptorAES256Settings, kEncryptionKey, kHMACKey);
+    const auto withKeys =
+        TZEncryptor::encryptData(Bytes{}, kTZCryptorAES256Settings, kEncryptionKey, kHMACKey);
     ASSERT_TRUE(withKeys.has_value());
     EXPECT_EQ(withKeys->size(), 66u);
     EXPECT_EQ((*withKeys)[0], 3);
@@ -123,7 +128,8 @@ TEST(TZEncryptor, RandomIVAndSaltsDifferEveryTime) {
     const auto first = TZEncryptor::encryptData(bytesOf("x"), kTZCryptorAES256Settings, "pw");
     const auto second = TZEncryptor::encryptData(bytesOf("x"), kTZCryptorAES256Settings, "pw");
     ASSERT_TRUE(first && second);
-    EXPECT_NE(Bytes(first->begin() + 2, first->begin() + 34), Bytes(second->begin() + 2, second->begin() + 34));
+    EXPECT_NE(Bytes(first->begin() + 2, first->begin() + 34),
+              Bytes(second->begin() + 2, second->begin() + 34));
     EXPECT_EQ(TZDecryptor::decryptData(*first, "pw"), bytesOf("x"));
     EXPECT_EQ(TZDecryptor::decryptData(*second, "pw"), bytesOf("x"));
 }
@@ -137,7 +143,8 @@ TEST(TZEncryptor, KeyFormWithOtherSettingsTakesOnlyTheIVLength) {
     settings.options = 0;
     Bytes sealed;
     Collector collector;
-    auto encryptor = TZEncryptor::initWithSettings(settings, kEncryptionKey, kHMACKey, collector.handler());
+    auto encryptor =
+        TZEncryptor::initWithSettings(settings, kEncryptionKey, kHMACKey, collector.handler());
     ASSERT_NE(encryptor, nullptr);
     EXPECT_EQ(encryptor->IV().size(), 24u);
     EXPECT_EQ(encryptor->HMACLength(), 32u);
@@ -153,7 +160,8 @@ TEST(TZEncryptor, KeyFormWithOtherSettingsTakesOnlyTheIVLength) {
     const auto body = Bytes(sealed.begin(), sealed.end() - 32);
     EXPECT_EQ(Bytes(sealed.end() - 32, sealed.end()), hmac("SHA256", kHMACKey, body));
     // Padded AES-256-CBC with the first block of the IV.
-    EXPECT_EQ(Bytes(body.begin() + 26, body.end()), aesCBC(true, kEncryptionKey, std::span(IV).first(16), plain));
+    EXPECT_EQ(Bytes(body.begin() + 26, body.end()),
+              aesCBC(true, kEncryptionKey, std::span(IV).first(16), plain));
 
     TZCryptorSettings reading = kTZCryptorAES256Settings;
     reading.IVSize = 24;
@@ -162,7 +170,8 @@ TEST(TZEncryptor, KeyFormWithOtherSettingsTakesOnlyTheIVLength) {
 
 TEST(TZEncryptor, WithoutAnHMACKeyNoHMACIsWritten) {
     const auto plain = patternBytes(40, 10);
-    const auto sealed = TZEncryptor::encryptData(plain, kTZCryptorAES256Settings, kEncryptionKey, Bytes{}, kIV);
+    const auto sealed =
+        TZEncryptor::encryptData(plain, kTZCryptorAES256Settings, kEncryptionKey, Bytes{}, kIV);
     ASSERT_TRUE(sealed.has_value());
     EXPECT_EQ(*sealed, concat({Bytes{3, 0}, kIV, aesCBC(true, kEncryptionKey, kIV, plain)}));
     EXPECT_EQ(TZDecryptor::decryptData(*sealed, kEncryptionKey, Bytes{}), plain);
@@ -170,16 +179,18 @@ TEST(TZEncryptor, WithoutAnHMACKeyNoHMACIsWritten) {
 
 TEST(TZEncryptor, SetUpFailuresAreReported) {
     KXError error;
-    EXPECT_FALSE(TZEncryptor::encryptData(bytesOf("x"), kTZCryptorAES256Settings, patternBytes(17, 1), kHMACKey,
-                                          kIV, &error));
+    EXPECT_FALSE(TZEncryptor::encryptData(bytesOf("x"), kTZCryptorAES256Settings,
+                                          patternBytes(17, 1), kHMACKey, kIV, &error));
     EXPECT_EQ(error.code, TZCryptorStatusKeySizeError);
 
     TZCryptorSettings noSuchHMAC = kTZCryptorAES256Settings;
     noSuchHMAC.HMACAlgorithm = 9;
     error = {};
-    EXPECT_FALSE(TZEncryptor::encryptData(bytesOf("x"), noSuchHMAC, kEncryptionKey, kHMACKey, kIV, &error));
+    EXPECT_FALSE(
+        TZEncryptor::encryptData(bytesOf("x"), noSuchHMAC, kEncryptionKey, kHMACKey, kIV, &error));
     EXPECT_EQ(error.code, TZCryptorStatusParamError);
-    EXPECT_EQ(TZEncryptor::initWithSettings(noSuchHMAC, kEncryptionKey, kHMACKey, kIV, {}), nullptr);
+    EXPECT_EQ(TZEncryptor::initWithSettings(noSuchHMAC, kEncryptionKey, kHMACKey, kIV, {}),
+              nullptr);
 
     TZCryptorSettings shortIV = kTZCryptorAES256Settings;
     shortIV.IVSize = 8;
@@ -189,10 +200,11 @@ TEST(TZEncryptor, SetUpFailuresAreReported) {
 }
 
 TEST(TZEncryptor, HugeSettingsAreRefusedNotAllocated) {
-    for (const auto change : {+[](TZCryptorSettings& s) { s.IVSize = std::uint64_t{1} << 40; },
-                              +[](TZCryptorSettings& s) { s.keySettings.saltSize = std::uint64_t{1} << 50; },
-                              +[](TZCryptorSettings& s) { s.HMACKeySettings.keySize = std::uint64_t{1} << 62; },
-                              +[](TZCryptorSettings& s) { s.HMACLength = std::uint64_t{1} << 40; }}) {
+    for (const auto change :
+         {+[](TZCryptorSettings& s) { s.IVSize = std::uint64_t{1} << 40; },
+          +[](TZCryptorSettings& s) { s.keySettings.saltSize = std::uint64_t{1} << 50; },
+          +[](TZCryptorSettings& s) { s.HMACKeySettings.keySize = std::uint64_t{1} << 62; },
+          +[](TZCryptorSettings& s) { s.HMACLength = std::uint64_t{1} << 40; }}) {
         TZCryptorSettings settings = kTZCryptorAES256Settings;
         change(settings);
         KXError error;
@@ -202,7 +214,8 @@ TEST(TZEncryptor, HugeSettingsAreRefusedNotAllocated) {
 
         // Opening: refused once the header is there.
         error = {};
-        EXPECT_FALSE(TZDecryptor::decryptData(passwordContainer(3, "pw", bytesOf("x")), settings, "pw", &error));
+        EXPECT_FALSE(TZDecryptor::decryptData(passwordContainer(3, "pw", bytesOf("x")), settings,
+                                              "pw", &error));
         EXPECT_EQ(error.code, TZCryptorStatusParamError);
     }
     TZCryptorSettings hugeIV = kTZCryptorAES256Settings;
@@ -220,8 +233,8 @@ TEST(TZEncryptor, HugeSettingsAreRefusedNotAllocated) {
 TEST(TZEncryptor, FinishingBeforeAnyDataFails) {
     // The header and the cipher's output buffer come with the first addData().
     Collector collector;
-    auto encryptor = TZEncryptor::initWithSettings(kTZCryptorAES256Settings, kEncryptionKey, kHMACKey, kIV,
-                                                   collector.handler());
+    auto encryptor = TZEncryptor::initWithSettings(kTZCryptorAES256Settings, kEncryptionKey,
+                                                   kHMACKey, kIV, collector.handler());
     encryptor->finish();
     ASSERT_TRUE(collector.waitUntilFinished());
     ASSERT_TRUE(collector.error.has_value());
@@ -231,10 +244,12 @@ TEST(TZEncryptor, FinishingBeforeAnyDataFails) {
 // MARK: - Reading
 
 TEST(TZDecryptor, OpensContainersMadeWithoutTheLibrary) {
-    for (const std::size_t length : {std::size_t{0}, std::size_t{1}, std::size_t{32}, std::size_t{700000}}) {
+    for (const std::size_t length :
+         {std::size_t{0}, std::size_t{1}, std::size_t{32}, std::size_t{700000}}) {
         const auto plain = patternBytes(length, 11);
         KXError error;
-        EXPECT_EQ(TZDecryptor::decryptData(passwordContainer(3, "secret", plain), "secret", &error), plain)
+        EXPECT_EQ(TZDecryptor::decryptData(passwordContainer(3, "secret", plain), "secret", &error),
+                  plain)
             << error.description();
         EXPECT_EQ(openWithKeys(keyContainer(plain), &error), plain) << error.description();
     }
@@ -269,7 +284,8 @@ TEST(TZDecryptor, EveryChangedByteIsCaught) {
             changed[position] ^= mask;
             KXError error;
             const auto opened = openWithKeys(changed, &error);
-            const std::string context = "byte " + std::to_string(position) + " mask " + std::to_string(mask);
+            const std::string context =
+                "byte " + std::to_string(position) + " mask " + std::to_string(mask);
             if (position == 0 && changed[0] != 2) {
                 // An unknown version is refused before anything else.
                 EXPECT_FALSE(opened.has_value()) << context;
@@ -284,12 +300,14 @@ TEST(TZDecryptor, EveryChangedByteIsCaught) {
 
 TEST(TZDecryptor, ChangedPasswordContainersAreCaughtToo) {
     const auto sealed = passwordContainer(3, "pw", patternBytes(20, 14));
-    for (const std::size_t position : {std::size_t{1}, std::size_t{2}, std::size_t{12}, std::size_t{20},
-                                       std::size_t{40}, sealed.size() - 17, sealed.size() - 1}) {
+    for (const std::size_t position :
+         {std::size_t{1}, std::size_t{2}, std::size_t{12}, std::size_t{20}, std::size_t{40},
+          sealed.size() - 17, sealed.size() - 1}) {
         auto changed = sealed;
         changed[position] ^= 0x04;
         KXError error;
-        expectHMACMismatch(TZDecryptor::decryptData(changed, "pw", &error), error, std::to_string(position));
+        expectHMACMismatch(TZDecryptor::decryptData(changed, "pw", &error), error,
+                           std::to_string(position));
     }
     KXError error;
     expectHMACMismatch(TZDecryptor::decryptData(sealed, "wrong", &error), error, "wrong password");
@@ -353,15 +371,18 @@ TEST(TZDecryptor, VersionTwoTakesThePasswordCutToItsUTF16Length) {
         const std::string_view oldBytes = std::string_view(password).substr(0, cut[i]);
 
         KXError error;
-        EXPECT_EQ(TZDecryptor::decryptData(passwordContainer(2, oldBytes, plain), password, &error), plain)
+        EXPECT_EQ(TZDecryptor::decryptData(passwordContainer(2, oldBytes, plain), password, &error),
+                  plain)
             << error.description();
         // The same container marked version 3 needs the full password bytes.
-        expectHMACMismatch(TZDecryptor::decryptData(passwordContainer(3, oldBytes, plain), password, &error), error,
-                           "v3 with the cut password");
+        expectHMACMismatch(
+            TZDecryptor::decryptData(passwordContainer(3, oldBytes, plain), password, &error),
+            error, "v3 with the cut password");
         EXPECT_EQ(TZDecryptor::decryptData(passwordContainer(3, password, plain), password), plain);
         // A version-2 container cannot have been made from the full bytes.
-        expectHMACMismatch(TZDecryptor::decryptData(passwordContainer(2, password, plain), password, &error), error,
-                           "v2 with the full password");
+        expectHMACMismatch(
+            TZDecryptor::decryptData(passwordContainer(2, password, plain), password, &error),
+            error, "v2 with the full password");
     }
     // ASCII passwords are the same either way.
     EXPECT_EQ(TZDecryptor::decryptData(passwordContainer(2, "ascii", plain), "ascii"), plain);
@@ -377,7 +398,8 @@ TEST(TZDecryptor, VersionOneHMACLeavesTheHeaderOut) {
     const auto plain = bytesOf("first version");
     const auto sealed = passwordContainer(3, "pw", plain, /*headerInHMAC=*/false);
     KXError error;
-    expectHMACMismatch(TZDecryptor::decryptData(sealed, "pw", &error), error, "header expected in the HMAC");
+    expectHMACMismatch(TZDecryptor::decryptData(sealed, "pw", &error), error,
+                       "header expected in the HMAC");
 
     Collector collector;
     auto decryptor = TZDecryptor::initWithPassword("pw", collector.handler());
@@ -407,7 +429,8 @@ TEST(TZDecryptor, WithoutAnHMACKeyTheHMACIsTakenAsCiphertext) {
     const auto plain = patternBytes(48, 17);
     const auto sealed = keyContainer(plain);
     Collector collector;
-    auto decryptor = TZDecryptor::initWithEncryptionKey(kEncryptionKey, Bytes{}, collector.handler());
+    auto decryptor =
+        TZDecryptor::initWithEncryptionKey(kEncryptionKey, Bytes{}, collector.handler());
     decryptor->addData(sealed);
     decryptor->finish();
     ASSERT_TRUE(collector.waitUntilFinished());
@@ -429,7 +452,8 @@ TEST(TZDecryptor, HeaderArrivingOneByteAtATime) {
         const std::size_t headerLength = withPassword ? 34 : 18;
         Collector collector;
         auto decryptor = withPassword ? TZDecryptor::initWithPassword("pw", collector.handler())
-                                      : TZDecryptor::initWithEncryptionKey(kEncryptionKey, kHMACKey, collector.handler());
+                                      : TZDecryptor::initWithEncryptionKey(kEncryptionKey, kHMACKey,
+                                                                           collector.handler());
         for (std::size_t i = 0; i < headerLength; ++i) {
             EXPECT_EQ(decryptor->HMACLength(), 0u) << i;
             decryptor->addData(std::span(sealed).subspan(i, 1));
@@ -438,7 +462,8 @@ TEST(TZDecryptor, HeaderArrivingOneByteAtATime) {
         EXPECT_EQ(decryptor->HMACLength(), 32u);
         EXPECT_EQ(decryptor->options(), withPassword ? TZCryptorOptionHasPassword : 0);
         for (std::size_t i = headerLength; i < sealed.size(); i += 7) {
-            decryptor->addData(std::span(sealed).subspan(i, std::min<std::size_t>(7, sealed.size() - i)));
+            decryptor->addData(
+                std::span(sealed).subspan(i, std::min<std::size_t>(7, sealed.size() - i)));
         }
         decryptor->finish();
         ASSERT_TRUE(collector.waitUntilFinished());
@@ -452,7 +477,8 @@ TEST(TZDecryptor, PlainChunksArriveBeforeTheHMACVerdict) {
     auto sealed = keyContainer(plain);
     sealed.back() ^= 1;
     Collector collector;
-    auto decryptor = TZDecryptor::initWithEncryptionKey(kEncryptionKey, kHMACKey, collector.handler());
+    auto decryptor =
+        TZDecryptor::initWithEncryptionKey(kEncryptionKey, kHMACKey, collector.handler());
     decryptor->addData(std::move(sealed));
     decryptor->finish();
     ASSERT_TRUE(collector.waitUntilFinished());

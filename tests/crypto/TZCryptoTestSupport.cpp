@@ -5,13 +5,13 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
+#include <sys/wait.h>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
-#include <sys/wait.h>
 
 namespace tztest {
 
@@ -35,7 +35,8 @@ Bytes readFile(const std::filesystem::path& path) {
 
 void writeFile(const std::filesystem::path& path, std::span<const std::uint8_t> bytes) {
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    out.write(reinterpret_cast<const char*>(bytes.data()),
+              static_cast<std::streamsize>(bytes.size()));
 }
 
 }  // namespace
@@ -101,20 +102,23 @@ Bytes pbkdf2(std::string_view password, std::span<const std::uint8_t> salt, unsi
              std::size_t length, const char* digest) {
     Bytes key(length);
     const char empty = 0;
-    if (PKCS5_PBKDF2_HMAC(password.empty() ? &empty : password.data(), static_cast<int>(password.size()),
-                          salt.data(), static_cast<int>(salt.size()), static_cast<int>(rounds),
-                          EVP_get_digestbyname(digest), static_cast<int>(length), key.data()) != 1) {
+    if (PKCS5_PBKDF2_HMAC(
+            password.empty() ? &empty : password.data(), static_cast<int>(password.size()),
+            salt.data(), static_cast<int>(salt.size()), static_cast<int>(rounds),
+            EVP_get_digestbyname(digest), static_cast<int>(length), key.data()) != 1) {
         throw std::runtime_error("PKCS5_PBKDF2_HMAC failed");
     }
     return key;
 }
 
-Bytes hmac(const char* digest, std::span<const std::uint8_t> key, std::span<const std::uint8_t> data) {
+Bytes hmac(const char* digest, std::span<const std::uint8_t> key,
+           std::span<const std::uint8_t> data) {
     Bytes mac(EVP_MAX_MD_SIZE);
     unsigned int length = 0;
     const std::uint8_t empty = 0;
-    if (HMAC(EVP_get_digestbyname(digest), key.empty() ? &empty : key.data(), static_cast<int>(key.size()),
-             data.empty() ? &empty : data.data(), data.size(), mac.data(), &length) == nullptr) {
+    if (HMAC(EVP_get_digestbyname(digest), key.empty() ? &empty : key.data(),
+             static_cast<int>(key.size()), data.empty() ? &empty : data.data(), data.size(),
+             mac.data(), &length) == nullptr) {
         throw std::runtime_error("HMAC failed");
     }
     mac.resize(length);
@@ -123,16 +127,18 @@ Bytes hmac(const char* digest, std::span<const std::uint8_t> key, std::span<cons
 
 Bytes aesCBC(bool encrypt, std::span<const std::uint8_t> key, std::span<const std::uint8_t> IV,
              std::span<const std::uint8_t> data) {
-    const EVP_CIPHER* cipher = key.size() == 16 ? EVP_aes_128_cbc()
+    const EVP_CIPHER* cipher = key.size() == 16   ? EVP_aes_128_cbc()
                                : key.size() == 24 ? EVP_aes_192_cbc()
                                                   : EVP_aes_256_cbc();
     EVP_CIPHER_CTX* context = EVP_CIPHER_CTX_new();
     Bytes out(data.size() + 16);
     int written = 0;
     int last = 0;
-    const bool ok = EVP_CipherInit_ex(context, cipher, nullptr, key.data(), IV.data(), encrypt ? 1 : 0) == 1 &&
-                    EVP_CipherUpdate(context, out.data(), &written, data.data(), static_cast<int>(data.size())) == 1 &&
-                    EVP_CipherFinal_ex(context, out.data() + written, &last) == 1;
+    const bool ok =
+        EVP_CipherInit_ex(context, cipher, nullptr, key.data(), IV.data(), encrypt ? 1 : 0) == 1 &&
+        EVP_CipherUpdate(context, out.data(), &written, data.data(),
+                         static_cast<int>(data.size())) == 1 &&
+        EVP_CipherFinal_ex(context, out.data() + written, &last) == 1;
     EVP_CIPHER_CTX_free(context);
     if (!ok) {
         throw std::runtime_error("AES-CBC failed");

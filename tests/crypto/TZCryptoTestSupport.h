@@ -38,7 +38,8 @@ ToolResult openssl(const std::string& arguments, std::span<const std::uint8_t> i
 /// Raw OpenSSL: PBKDF2 (PKCS5_PBKDF2_HMAC), HMAC and AES-CBC with PKCS#7 padding.
 Bytes pbkdf2(std::string_view password, std::span<const std::uint8_t> salt, unsigned rounds,
              std::size_t length, const char* digest = "SHA1");
-Bytes hmac(const char* digest, std::span<const std::uint8_t> key, std::span<const std::uint8_t> data);
+Bytes hmac(const char* digest, std::span<const std::uint8_t> key,
+           std::span<const std::uint8_t> data);
 Bytes aesCBC(bool encrypt, std::span<const std::uint8_t> key, std::span<const std::uint8_t> IV,
              std::span<const std::uint8_t> data);
 

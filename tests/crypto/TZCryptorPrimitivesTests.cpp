@@ -12,8 +12,8 @@ namespace {
 
 int fallback(std::uint32_t algorithm, std::string_view password, std::span<const std::uint8_t> salt,
              std::uint32_t prf, std::uint32_t rounds, Bytes& out) {
-    return TZ_CCKeyDerivationPBKDF(algorithm, password.data(), password.size(), salt.data(), salt.size(), prf,
-                                   rounds, out.data(), out.size());
+    return TZ_CCKeyDerivationPBKDF(algorithm, password.data(), password.size(), salt.data(),
+                                   salt.size(), prf, rounds, out.data(), out.size());
 }
 
 }  // namespace
@@ -31,7 +31,8 @@ TEST(TZ_CCKeyDerivationPBKDF, MatchesOpenSSLForEveryPRF) {
                     Bytes derived(length, 0xAA);
                     ASSERT_EQ(fallback(2, "password", *salt, prf, rounds, derived), 0);
                     EXPECT_EQ(derived, pbkdf2("password", *salt, rounds, length, digests[prf - 1]))
-                        << "prf " << prf << " length " << length << " rounds " << rounds << " salt " << salt->size();
+                        << "prf " << prf << " length " << length << " rounds " << rounds << " salt "
+                        << salt->size();
                 }
             }
         }
@@ -52,16 +53,16 @@ TEST(TZ_CCKeyDerivationPBKDF, RefusesWhatItCannotDoAndWritesNothing) {
         std::size_t length;
     };
     const Case refused[] = {
-        {"algorithm 0", 0, 8, 1, 32},   {"algorithm 1", 1, 8, 1, 32},  {"algorithm 3", 3, 8, 1, 32},
-        {"empty salt", 2, 0, 1, 32},    {"salt of 133", 2, 133, 1, 32}, {"zero rounds", 2, 8, 0, 32},
+        {"algorithm 0", 0, 8, 1, 32}, {"algorithm 1", 1, 8, 1, 32},   {"algorithm 3", 3, 8, 1, 32},
+        {"empty salt", 2, 0, 1, 32},  {"salt of 133", 2, 133, 1, 32}, {"zero rounds", 2, 8, 0, 32},
         {"empty output", 2, 8, 1, 0},
     };
     const auto bigSalt = patternBytes(133, 4);
     for (const auto& c : refused) {
         Bytes derived(std::max<std::size_t>(c.length, 1), 0x5A);
         const std::uint8_t* saltBytes = c.saltLength > 8 ? bigSalt.data() : salt.data();
-        EXPECT_EQ(TZ_CCKeyDerivationPBKDF(c.algorithm, "pw", 2, saltBytes, c.saltLength, 1, c.rounds,
-                                          derived.data(), c.length),
+        EXPECT_EQ(TZ_CCKeyDerivationPBKDF(c.algorithm, "pw", 2, saltBytes, c.saltLength, 1,
+                                          c.rounds, derived.data(), c.length),
                   -1)
             << c.name;
         EXPECT_EQ(derived, Bytes(derived.size(), 0x5A)) << c.name;
@@ -94,7 +95,8 @@ TEST(TZCryptorKeyForPassword, IsPBKDF2AsTheSettingsSay) {
     settings.PRF = 3;
     settings.rounds = 7;
     settings.keySize = 40;
-    EXPECT_EQ(TZCryptor::keyForPassword("password", salt, settings), pbkdf2("password", salt, 7, 40, "SHA256"));
+    EXPECT_EQ(TZCryptor::keyForPassword("password", salt, settings),
+              pbkdf2("password", salt, 7, 40, "SHA256"));
 }
 
 TEST(TZCryptorKeyForPassword, VersionTwoRuleCutsNonASCIIPasswords) {
@@ -108,14 +110,22 @@ TEST(TZCryptorKeyForPassword, VersionTwoRuleCutsNonASCIIPasswords) {
     };
     const Case cases[] = {
         {"plain", "plain"},
-        {"\xC3\xA9t\xC3\xA9", "\xC3\xA9t"},            // "été": 3 units, 5 bytes
-        {"\xE2\x82\xAC" "1", "\xE2\x82"},               // "€1": 2 units, 4 bytes
-        {"\xF0\x9F\x94\x91" "a", "\xF0\x9F\x94"},       // "🔑a": 3 units (a surrogate pair), 5 bytes
-        {"\xFF\xFE" "ab", "\xFF\xFE" "ab"},             // bytes that are not UTF-8 count one unit each
+        {"\xC3\xA9t\xC3\xA9", "\xC3\xA9t"},  // "été": 3 units, 5 bytes
+        {"\xE2\x82\xAC"
+         "1",
+         "\xE2\x82"},  // "€1": 2 units, 4 bytes
+        {"\xF0\x9F\x94\x91"
+         "a",
+         "\xF0\x9F\x94"},  // "🔑a": 3 units (a surrogate pair), 5 bytes
+        {"\xFF\xFE"
+         "ab",
+         "\xFF\xFE"
+         "ab"},  // bytes that are not UTF-8 count one unit each
         {"", ""},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(TZCryptor::keyForPassword(c.password, salt, v2), pbkdf2(c.used, salt, 5, 32)) << c.used;
+        EXPECT_EQ(TZCryptor::keyForPassword(c.password, salt, v2), pbkdf2(c.used, salt, 5, 32))
+            << c.used;
     }
 }
 
@@ -184,11 +194,13 @@ TEST(TZCryptorEngine, StreamsLikeOneCall) {
     const auto key = patternBytes(32, 1);
     const auto IV = patternBytes(16, 2);
     const auto plain = patternBytes(1000, 3);
-    auto encryptor = TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt, kTZCryptorAES256Settings, key, IV);
+    auto encryptor = TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt,
+                                                        kTZCryptorAES256Settings, key, IV);
     ASSERT_NE(encryptor, nullptr);
     Bytes sealed;
     for (std::size_t at = 0; at < plain.size(); at += 99) {
-        const auto piece = encryptor->addData(std::span(plain).subspan(at, std::min<std::size_t>(99, plain.size() - at)));
+        const auto piece = encryptor->addData(
+            std::span(plain).subspan(at, std::min<std::size_t>(99, plain.size() - at)));
         ASSERT_TRUE(piece.has_value());
         EXPECT_EQ(piece->size() % 16, 0u);
         sealed.insert(sealed.end(), piece->begin(), piece->end());
@@ -202,7 +214,8 @@ TEST(TZCryptorEngine, StreamsLikeOneCall) {
     EXPECT_FALSE(encryptor->addData(plain, &error));
     EXPECT_EQ(error.code, TZCryptorStatusCallSequenceError);
 
-    auto decryptor = TZCryptorEngine::initWithOperation(TZCryptorOperation::Decrypt, kTZCryptorAES256Settings, key, IV);
+    auto decryptor = TZCryptorEngine::initWithOperation(TZCryptorOperation::Decrypt,
+                                                        kTZCryptorAES256Settings, key, IV);
     auto opened = decryptor->addData(sealed);
     ASSERT_TRUE(opened.has_value());
     const auto tail = decryptor->finishWithError();
@@ -221,18 +234,21 @@ TEST(TZCryptorEngine, OtherModesMatchTheTool) {
             std::string tool;
         };
         const std::string bits = std::to_string(keyLength * 8);
-        for (const Mode& mode : {Mode{0, "aes-" + bits + "-cbc -nopad"}, Mode{2, "aes-" + bits + "-ecb -nopad"},
-                                 Mode{3, "aes-" + bits + "-ecb"}, Mode{1, "aes-" + bits + "-cbc"}}) {
+        for (const Mode& mode :
+             {Mode{0, "aes-" + bits + "-cbc -nopad"}, Mode{2, "aes-" + bits + "-ecb -nopad"},
+              Mode{3, "aes-" + bits + "-ecb"}, Mode{1, "aes-" + bits + "-cbc"}}) {
             TZCryptorSettings settings = kTZCryptorAES256Settings;
             settings.options = mode.options;
-            auto engine = TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt, settings, key, IV);
+            auto engine =
+                TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt, settings, key, IV);
             ASSERT_NE(engine, nullptr) << mode.tool;
             auto sealed = *engine->addData(plain);
             const auto last = engine->finishWithError();
             ASSERT_TRUE(last.has_value()) << mode.tool;
             sealed.insert(sealed.end(), last->begin(), last->end());
             const std::string ivArgument = (mode.options & 2) != 0 ? "" : " -iv " + hex(IV);
-            const auto tools = openssl("enc -" + mode.tool + " -nosalt -K " + hex(key) + ivArgument, plain);
+            const auto tools =
+                openssl("enc -" + mode.tool + " -nosalt -K " + hex(key) + ivArgument, plain);
             ASSERT_EQ(tools.status, 0) << tools.errors;
             EXPECT_EQ(sealed, tools.output) << mode.tool;
         }
@@ -270,7 +286,8 @@ TEST(TZCryptorEngine, RefusesWhatItCannotDo) {
     // ECB needs no IV.
     TZCryptorSettings ecb = kTZCryptorAES256Settings;
     ecb.options = 3;
-    EXPECT_NE(TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt, ecb, key, Bytes{}), nullptr);
+    EXPECT_NE(TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt, ecb, key, Bytes{}),
+              nullptr);
 }
 
 TEST(TZCryptorEngine, FinalBlockFailures) {
@@ -278,8 +295,10 @@ TEST(TZCryptorEngine, FinalBlockFailures) {
     const auto IV = patternBytes(16, 2);
     const auto sealed = aesCBC(true, key, IV, patternBytes(40, 3));
 
-    const auto finish = [&](std::span<const std::uint8_t> input, std::span<const std::uint8_t> withKey) {
-        auto engine = TZCryptorEngine::initWithOperation(TZCryptorOperation::Decrypt, kTZCryptorAES256Settings, withKey, IV);
+    const auto finish = [&](std::span<const std::uint8_t> input,
+                            std::span<const std::uint8_t> withKey) {
+        auto engine = TZCryptorEngine::initWithOperation(TZCryptorOperation::Decrypt,
+                                                         kTZCryptorAES256Settings, withKey, IV);
         KXError error;
         if (!input.empty()) {
             EXPECT_TRUE(engine->addData(input, &error).has_value());
@@ -287,12 +306,14 @@ TEST(TZCryptorEngine, FinalBlockFailures) {
         EXPECT_FALSE(engine->finishWithError(&error).has_value());
         return error.code;
     };
-    EXPECT_EQ(finish(std::span(sealed).first(sealed.size() - 1), key), TZCryptorStatusAlignmentError);
+    EXPECT_EQ(finish(std::span(sealed).first(sealed.size() - 1), key),
+              TZCryptorStatusAlignmentError);
     EXPECT_EQ(finish(Bytes{}, key), TZCryptorStatusAlignmentError);
     EXPECT_EQ(finish(sealed, patternBytes(32, 9)), TZCryptorStatusDecodeError);
 
     // An encryption finished without any input has no room for its padding block.
-    auto engine = TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt, kTZCryptorAES256Settings, key, IV);
+    auto engine = TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt,
+                                                     kTZCryptorAES256Settings, key, IV);
     KXError error;
     EXPECT_FALSE(engine->finishWithError(&error).has_value());
     EXPECT_EQ(error.code, TZCryptorStatusBufferTooSmall);

@@ -6,8 +6,8 @@
 #include <KXClientFramework/TZOpenSSLDecryptor.h>
 #include <KXClientFramework/TZOpenSSLEncryptor.h>
 
-#include <asio/io_context.hpp>
 #include <asio/executor_work_guard.hpp>
+#include <asio/io_context.hpp>
 #include <asio/strand.hpp>
 
 #include <gtest/gtest.h>
@@ -54,18 +54,19 @@ TEST(TZCryptorQueues, HandlerRunsOnAForeignResponseQueueOneCallAtATime) {
     bool overlapped = false;
     bool wrongThread = false;
     const auto thisThread = std::this_thread::get_id();
-    auto decryptor = TZDecryptor::initWithEncryptionKey(kKey, kHMACKey, [&](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
-        if (inside.fetch_add(1) != 0) {
-            overlapped = true;
-        }
-        wrongThread |= std::this_thread::get_id() != thisThread;
-        EXPECT_FALSE(finished) << "a call after the last one";
-        output.insert(output.end(), data.begin(), data.end());
-        ++calls;
-        finished = cryptor.isFinished();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        inside.fetch_sub(1);
-    });
+    auto decryptor = TZDecryptor::initWithEncryptionKey(
+        kKey, kHMACKey, [&](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
+            if (inside.fetch_add(1) != 0) {
+                overlapped = true;
+            }
+            wrongThread |= std::this_thread::get_id() != thisThread;
+            EXPECT_FALSE(finished) << "a call after the last one";
+            output.insert(output.end(), data.begin(), data.end());
+            ++calls;
+            finished = cryptor.isFinished();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            inside.fetch_sub(1);
+        });
     decryptor->setResponseQueue(KXSerialQueue(strand), "test");
     EXPECT_EQ(decryptor->responseQueueLabel(), "test");
     decryptor->addData(*sealed);
@@ -87,11 +88,13 @@ TEST(TZCryptorQueues, ManyCryptorsAtOnceFromManyThreads) {
     for (int t = 0; t < 8; ++t) {
         threads.emplace_back([t, &failures] {
             for (int i = 0; i < 6; ++i) {
-                const auto plain = patternBytes(static_cast<std::size_t>(1000 * i + t * 37 + 300000 * (i % 2)),
-                                                static_cast<std::uint32_t>(t * 10 + i));
-                const auto container = TZEncryptor::encryptData(plain, kTZCryptorAES256Settings, kKey, kHMACKey);
-                const auto salted = TZOpenSSLEncryptor::encryptData(plain, kTZCryptorAES256Settings, kKey,
-                                                                    std::span(kHMACKey).first(16));
+                const auto plain =
+                    patternBytes(static_cast<std::size_t>(1000 * i + t * 37 + 300000 * (i % 2)),
+                                 static_cast<std::uint32_t>(t * 10 + i));
+                const auto container =
+                    TZEncryptor::encryptData(plain, kTZCryptorAES256Settings, kKey, kHMACKey);
+                const auto salted = TZOpenSSLEncryptor::encryptData(
+                    plain, kTZCryptorAES256Settings, kKey, std::span(kHMACKey).first(16));
                 if (!container || !salted ||
                     TZDecryptor::decryptData(*container, kKey, kHMACKey) != plain ||
                     TZOpenSSLDecryptor::decryptData(*salted, kTZCryptorAES256Settings, kKey,
@@ -200,25 +203,28 @@ TEST(TZCryptorQueues, AHandlerCanFeedAnotherCryptor) {
     const auto plain = patternBytes(700 * 1024 + 9, 4);
     std::promise<Bytes> result;
     Bytes opened;
-    auto decryptor = TZDecryptor::initWithEncryptionKey(kKey, kHMACKey, [&](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
-        opened.insert(opened.end(), data.begin(), data.end());
-        if (cryptor.isFinished()) {
-            if (cryptor.error()) {
-                result.set_value({});
-            } else {
-                result.set_value(opened);
+    auto decryptor = TZDecryptor::initWithEncryptionKey(
+        kKey, kHMACKey, [&](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
+            opened.insert(opened.end(), data.begin(), data.end());
+            if (cryptor.isFinished()) {
+                if (cryptor.error()) {
+                    result.set_value({});
+                } else {
+                    result.set_value(opened);
+                }
             }
-        }
-    });
-    auto encryptor = TZEncryptor::initWithSettings(kTZCryptorAES256Settings, kKey, kHMACKey,
-                                                   [decryptor](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
-                                                       decryptor->addData(data);
-                                                       if (cryptor.isFinished()) {
-                                                           decryptor->finish();
-                                                       }
-                                                   });
+        });
+    auto encryptor = TZEncryptor::initWithSettings(
+        kTZCryptorAES256Settings, kKey, kHMACKey,
+        [decryptor](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
+            decryptor->addData(data);
+            if (cryptor.isFinished()) {
+                decryptor->finish();
+            }
+        });
     for (std::size_t at = 0; at < plain.size(); at += 100000) {
-        encryptor->addData(std::span(plain).subspan(at, std::min<std::size_t>(100000, plain.size() - at)));
+        encryptor->addData(
+            std::span(plain).subspan(at, std::min<std::size_t>(100000, plain.size() - at)));
     }
     encryptor->finish();
     auto future = result.get_future();
@@ -230,13 +236,14 @@ TEST(TZCryptorQueues, WorkGoesOnWithoutTheCallersReference) {
     std::promise<std::optional<KXError>> ended;
     std::size_t received = 0;
     {
-        auto encryptor = TZEncryptor::initWithSettings(kTZCryptorAES256Settings, kKey, kHMACKey,
-                                                       [&](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
-                                                           received += data.size();
-                                                           if (cryptor.isFinished()) {
-                                                               ended.set_value(cryptor.error());
-                                                           }
-                                                       });
+        auto encryptor = TZEncryptor::initWithSettings(
+            kTZCryptorAES256Settings, kKey, kHMACKey,
+            [&](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
+                received += data.size();
+                if (cryptor.isFinished()) {
+                    ended.set_value(cryptor.error());
+                }
+            });
         encryptor->addData(patternBytes(400000, 5));
         encryptor->finish();
     }
@@ -249,15 +256,16 @@ TEST(TZCryptorQueues, WorkGoesOnWithoutTheCallersReference) {
 TEST(TZCryptorQueues, AThrowingHandlerDoesNotStopTheCryptor) {
     std::promise<void> ended;
     int calls = 0;
-    auto encryptor = TZEncryptor::initWithSettings(kTZCryptorAES256Settings, kKey, kHMACKey,
-                                                   [&](TZCryptor& cryptor, std::span<const std::uint8_t>) {
-                                                       ++calls;
-                                                       if (cryptor.isFinished()) {
-                                                           ended.set_value();
-                                                       } else {
-                                                           throw std::runtime_error("handler failure");
-                                                       }
-                                                   });
+    auto encryptor =
+        TZEncryptor::initWithSettings(kTZCryptorAES256Settings, kKey, kHMACKey,
+                                      [&](TZCryptor& cryptor, std::span<const std::uint8_t>) {
+                                          ++calls;
+                                          if (cryptor.isFinished()) {
+                                              ended.set_value();
+                                          } else {
+                                              throw std::runtime_error("handler failure");
+                                          }
+                                      });
     encryptor->addData(patternBytes(100, 6));
     encryptor->finish();
     ASSERT_EQ(ended.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
@@ -266,7 +274,8 @@ TEST(TZCryptorQueues, AThrowingHandlerDoesNotStopTheCryptor) {
 
 TEST(TZCryptorQueues, SynchronousWrapperWithoutACryptor) {
     KXError error{"untouched", 42};
-    EXPECT_FALSE(TZCryptor::synchronousResultForCryptor(nullptr, patternBytes(10, 1), &error).has_value());
+    EXPECT_FALSE(
+        TZCryptor::synchronousResultForCryptor(nullptr, patternBytes(10, 1), &error).has_value());
     EXPECT_EQ(error.domain, "untouched");
 }
 
@@ -276,6 +285,7 @@ TEST(TZCryptorQueues, SynchronousWrapperOnAFinishedCryptorReportsItsError) {
     decryptor->addData(Bytes{9, 0});
     ASSERT_TRUE(decryptor->isFinished());
     KXError error;
-    EXPECT_FALSE(TZCryptor::synchronousResultForCryptor(decryptor, patternBytes(100, 1), &error).has_value());
+    EXPECT_FALSE(TZCryptor::synchronousResultForCryptor(decryptor, patternBytes(100, 1), &error)
+                     .has_value());
     EXPECT_EQ(error.code, TZCryptorErrorUnknownHeader);
 }

@@ -20,7 +20,8 @@ TZCryptorSettings settingsWithKeySize(std::uint64_t keySize) {
 
 // Seals `plain` with the tool's salted AES-256-CBC and MD5 key derivation.
 Bytes sealWithTool(std::span<const std::uint8_t> plain, const std::string& password) {
-    const auto result = openssl("enc -aes-256-cbc -md md5 -pass env:KX_TEST_PASSWORD", plain, &password);
+    const auto result =
+        openssl("enc -aes-256-cbc -md md5 -pass env:KX_TEST_PASSWORD", plain, &password);
     EXPECT_EQ(result.status, 0) << result.errors;
     return result.output;
 }
@@ -29,8 +30,8 @@ Bytes sealWithTool(std::span<const std::uint8_t> plain, const std::string& passw
 // writes the ciphertext alone; the header is put in front here.
 Bytes sealWithToolAndSalt(std::span<const std::uint8_t> plain, const std::string& password,
                           const Bytes& salt) {
-    const auto result = openssl("enc -aes-256-cbc -md md5 -pass env:KX_TEST_PASSWORD -S " + hex(salt),
-                                plain, &password);
+    const auto result = openssl(
+        "enc -aes-256-cbc -md md5 -pass env:KX_TEST_PASSWORD -S " + hex(salt), plain, &password);
     EXPECT_EQ(result.status, 0) << result.errors;
     return concat({bytesOf("Salted__"), salt, result.output});
 }
@@ -81,7 +82,8 @@ TEST(TZOpenSSLDecryptor, OpensWhatTheToolSealsWithAPassword) {
         ASSERT_EQ(std::string(sealed.begin(), sealed.begin() + 8), "Salted__");
 
         KXError error;
-        const auto opened = TZOpenSSLDecryptor::decryptData(sealed, kTZCryptorAES256Settings, password, &error);
+        const auto opened =
+            TZOpenSSLDecryptor::decryptData(sealed, kTZCryptorAES256Settings, password, &error);
         ASSERT_TRUE(opened.has_value()) << length << ": " << error.description();
         EXPECT_EQ(*opened, plain) << length;
     }
@@ -89,10 +91,12 @@ TEST(TZOpenSSLDecryptor, OpensWhatTheToolSealsWithAPassword) {
 
 TEST(TZOpenSSLDecryptor, PasswordBytesAreTakenAsTheyAre) {
     // Non-ASCII text and characters a shell would interpret reach the derivation unchanged.
-    for (const std::string password : {"p\xC3\xA4ssw\xC3\xB6rd \xF0\x9F\x94\x91", "$(x) 'quote' \"q\" \\", ""}) {
+    for (const std::string password :
+         {"p\xC3\xA4ssw\xC3\xB6rd \xF0\x9F\x94\x91", "$(x) 'quote' \"q\" \\", ""}) {
         const auto plain = bytesOf("<plist>configuration</plist>");
         const auto sealed = sealWithTool(plain, password);
-        const auto opened = TZOpenSSLDecryptor::decryptData(sealed, kTZCryptorAES256Settings, password);
+        const auto opened =
+            TZOpenSSLDecryptor::decryptData(sealed, kTZCryptorAES256Settings, password);
         ASSERT_TRUE(opened.has_value()) << password;
         EXPECT_EQ(*opened, plain);
     }
@@ -102,15 +106,18 @@ TEST(TZOpenSSLDecryptor, SixteenByteKeysFollowTheSameDerivation) {
     // With a 16-byte key, key = MD5(D) and IV = MD5(key || D): the tool's AES-128 derivation.
     const std::string password = "short key";
     const auto plain = patternBytes(777, 3);
-    const auto sealed = openssl("enc -aes-128-cbc -md md5 -pass env:KX_TEST_PASSWORD", plain, &password);
+    const auto sealed =
+        openssl("enc -aes-128-cbc -md md5 -pass env:KX_TEST_PASSWORD", plain, &password);
     ASSERT_EQ(sealed.status, 0) << sealed.errors;
 
-    const auto opened = TZOpenSSLDecryptor::decryptData(sealed.output, settingsWithKeySize(16), password);
+    const auto opened =
+        TZOpenSSLDecryptor::decryptData(sealed.output, settingsWithKeySize(16), password);
     ASSERT_TRUE(opened.has_value());
     EXPECT_EQ(*opened, plain);
 
     // A 24-byte request still gets the 16-byte key (AES-128).
-    const auto opened24 = TZOpenSSLDecryptor::decryptData(sealed.output, settingsWithKeySize(24), password);
+    const auto opened24 =
+        TZOpenSSLDecryptor::decryptData(sealed.output, settingsWithKeySize(24), password);
     ASSERT_TRUE(opened24.has_value());
     EXPECT_EQ(*opened24, plain);
 }
@@ -120,8 +127,9 @@ TEST(TZOpenSSLDecryptor, KeyAndIVDerivationMatchesTheTool) {
     const std::string password = "derive me";
     const auto salt = Bytes{0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef};
     for (const std::string cipher : {"aes-256-cbc", "aes-128-cbc"}) {
-        const auto printed = openssl("enc -" + cipher + " -md md5 -P -pass env:KX_TEST_PASSWORD -S " + hex(salt),
-                                     Bytes{}, &password);
+        const auto printed =
+            openssl("enc -" + cipher + " -md md5 -P -pass env:KX_TEST_PASSWORD -S " + hex(salt),
+                    Bytes{}, &password);
         ASSERT_EQ(printed.status, 0) << printed.errors;
         const std::string& text = printed.printed;
 
@@ -131,8 +139,10 @@ TEST(TZOpenSSLDecryptor, KeyAndIVDerivationMatchesTheTool) {
         const auto IV = TZOpenSSLCryptorGetIV(key, password, salt, keySettings);
         std::string upperKey = hex(key);
         std::string upperIV = hex(std::span(IV).first(16));
-        for (auto& c : upperKey) c = static_cast<char>(std::toupper(c));
-        for (auto& c : upperIV) c = static_cast<char>(std::toupper(c));
+        for (auto& c : upperKey)
+            c = static_cast<char>(std::toupper(c));
+        for (auto& c : upperIV)
+            c = static_cast<char>(std::toupper(c));
         EXPECT_NE(text.find("key=" + upperKey), std::string::npos) << text;
         EXPECT_NE(text.find("iv =" + upperIV), std::string::npos) << text;
     }
@@ -142,17 +152,20 @@ TEST(TZOpenSSLDecryptor, DecryptsRawCiphertextWithKeyAndIV) {
     const auto key = patternBytes(32, 10);
     const auto IV = patternBytes(16, 11);
     const auto plain = patternBytes(70000, 12);
-    const auto sealed = openssl("enc -aes-256-cbc -nosalt -K " + hex(key) + " -iv " + hex(IV), plain);
+    const auto sealed =
+        openssl("enc -aes-256-cbc -nosalt -K " + hex(key) + " -iv " + hex(IV), plain);
     ASSERT_EQ(sealed.status, 0) << sealed.errors;
 
-    const auto opened = TZOpenSSLDecryptor::decryptData(sealed.output, kTZCryptorAES256Settings, key, IV);
+    const auto opened =
+        TZOpenSSLDecryptor::decryptData(sealed.output, kTZCryptorAES256Settings, key, IV);
     ASSERT_TRUE(opened.has_value());
     EXPECT_EQ(*opened, plain);
 
     // A longer IV is accepted; only its first block counts.
     auto longIV = IV;
     longIV.resize(32, 0xEE);
-    const auto openedLong = TZOpenSSLDecryptor::decryptData(sealed.output, kTZCryptorAES256Settings, key, longIV);
+    const auto openedLong =
+        TZOpenSSLDecryptor::decryptData(sealed.output, kTZCryptorAES256Settings, key, longIV);
     ASSERT_TRUE(openedLong.has_value());
     EXPECT_EQ(*openedLong, plain);
 }
@@ -160,15 +173,15 @@ TEST(TZOpenSSLDecryptor, DecryptsRawCiphertextWithKeyAndIV) {
 TEST(TZOpenSSLDecryptor, BadKeyOrIVIsReportedNotUsed) {
     const auto ciphertext = patternBytes(32, 1);
     KXError error;
-    EXPECT_FALSE(TZOpenSSLDecryptor::decryptData(ciphertext, kTZCryptorAES256Settings, patternBytes(20, 2),
-                                                 patternBytes(16, 3), &error));
+    EXPECT_FALSE(TZOpenSSLDecryptor::decryptData(ciphertext, kTZCryptorAES256Settings,
+                                                 patternBytes(20, 2), patternBytes(16, 3), &error));
     EXPECT_EQ(error.domain, kTZCryptorErrorDomain);
     EXPECT_EQ(error.code, TZCryptorStatusKeySizeError);
     EXPECT_TRUE(error.userInfo.is_null());
 
     error = {};
-    EXPECT_FALSE(TZOpenSSLDecryptor::decryptData(ciphertext, kTZCryptorAES256Settings, patternBytes(32, 2),
-                                                 patternBytes(8, 3), &error));
+    EXPECT_FALSE(TZOpenSSLDecryptor::decryptData(ciphertext, kTZCryptorAES256Settings,
+                                                 patternBytes(32, 2), patternBytes(8, 3), &error));
     EXPECT_EQ(error.code, TZCryptorStatusParamError);
 
     // The streaming form returns null and tells its handler.
@@ -184,9 +197,11 @@ TEST(TZOpenSSLDecryptor, BadKeyOrIVIsReportedNotUsed) {
 TEST(TZOpenSSLDecryptor, WrongPasswordEndsInAPaddingFailure) {
     // Fixed salt and plain text, so the outcome is the same on every run.
     const auto plain = patternBytes(100, 5);
-    const auto sealed = sealWithToolAndSalt(plain, "right", Bytes{0, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77});
+    const auto sealed =
+        sealWithToolAndSalt(plain, "right", Bytes{0, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77});
     KXError error;
-    const auto opened = TZOpenSSLDecryptor::decryptData(sealed, kTZCryptorAES256Settings, "wrong", &error);
+    const auto opened =
+        TZOpenSSLDecryptor::decryptData(sealed, kTZCryptorAES256Settings, "wrong", &error);
     ASSERT_FALSE(opened.has_value());
     EXPECT_EQ(error.domain, kTZCryptorErrorDomain);
     EXPECT_EQ(error.code, TZCryptorStatusDecodeError);
@@ -202,7 +217,8 @@ TEST(TZOpenSSLDecryptor, DamagedDataIsReported) {
     auto renamed = sealed;
     renamed[7] = 'X';
     KXError error;
-    EXPECT_FALSE(TZOpenSSLDecryptor::decryptData(renamed, kTZCryptorAES256Settings, password, &error));
+    EXPECT_FALSE(
+        TZOpenSSLDecryptor::decryptData(renamed, kTZCryptorAES256Settings, password, &error));
     EXPECT_EQ(error.domain, kTZCryptorErrorDomain);
     EXPECT_EQ(error.code, TZCryptorErrorUnknownHeader);
     EXPECT_EQ(descriptionOf(error), "Unknown header");
@@ -217,7 +233,8 @@ TEST(TZOpenSSLDecryptor, DamagedDataIsReported) {
     // A header and no ciphertext at all.
     const Bytes headerOnly(sealed.begin(), sealed.begin() + 16);
     error = {};
-    EXPECT_FALSE(TZOpenSSLDecryptor::decryptData(headerOnly, kTZCryptorAES256Settings, password, &error));
+    EXPECT_FALSE(
+        TZOpenSSLDecryptor::decryptData(headerOnly, kTZCryptorAES256Settings, password, &error));
     EXPECT_EQ(error.code, TZCryptorStatusAlignmentError);
 }
 
@@ -225,8 +242,8 @@ TEST(TZOpenSSLDecryptor, InputShorterThanTheHeaderGivesNothingAndNoError) {
     const auto sealed = sealWithTool(patternBytes(40, 7), "pw");
     for (std::size_t length = 0; length < 16; ++length) {
         KXError error{"untouched", 42};
-        const auto opened =
-            TZOpenSSLDecryptor::decryptData(std::span(sealed).first(length), kTZCryptorAES256Settings, "pw", &error);
+        const auto opened = TZOpenSSLDecryptor::decryptData(std::span(sealed).first(length),
+                                                            kTZCryptorAES256Settings, "pw", &error);
         ASSERT_TRUE(opened.has_value()) << length;
         EXPECT_TRUE(opened->empty());
         EXPECT_EQ(error.domain, "untouched");
@@ -237,10 +254,13 @@ TEST(TZOpenSSLDecryptor, UnsupportedEntryPointsGiveNothing) {
     const auto sealed = sealWithTool(patternBytes(20, 8), "pw");
     KXError error{"untouched", 42};
     EXPECT_FALSE(TZOpenSSLDecryptor::decryptData(sealed, "pw", &error));
-    EXPECT_FALSE(TZOpenSSLDecryptor::decryptData(sealed, patternBytes(32, 1), patternBytes(32, 2), &error));
+    EXPECT_FALSE(
+        TZOpenSSLDecryptor::decryptData(sealed, patternBytes(32, 1), patternBytes(32, 2), &error));
     EXPECT_EQ(error.domain, "untouched");
     EXPECT_EQ(TZOpenSSLDecryptor::initWithPassword("pw", {}), nullptr);
-    EXPECT_EQ(TZOpenSSLDecryptor::initWithEncryptionKey(patternBytes(32, 1), patternBytes(32, 2), {}), nullptr);
+    EXPECT_EQ(
+        TZOpenSSLDecryptor::initWithEncryptionKey(patternBytes(32, 1), patternBytes(32, 2), {}),
+        nullptr);
 }
 
 TEST(TZOpenSSLDecryptor, HeaderArrivingOneByteAtATimeIsParsedOnItsLastByte) {
@@ -249,7 +269,8 @@ TEST(TZOpenSSLDecryptor, HeaderArrivingOneByteAtATimeIsParsedOnItsLastByte) {
     const auto salt = patternBytes(8, 9);
     header.insert(header.end(), salt.begin(), salt.end());
     Collector collector;
-    auto decryptor = TZOpenSSLDecryptor::initWithSettings(kTZCryptorAES256Settings, "pw", collector.handler());
+    auto decryptor =
+        TZOpenSSLDecryptor::initWithSettings(kTZCryptorAES256Settings, "pw", collector.handler());
     for (std::size_t i = 0; i < 15; ++i) {
         decryptor->addData(std::span(header).subspan(i, 1));
         EXPECT_FALSE(decryptor->isFinished()) << i;
@@ -266,7 +287,8 @@ TEST(TZOpenSSLDecryptor, HeaderArrivingOneByteAtATimeIsParsedOnItsLastByte) {
     const auto plain = patternBytes(600 * 1024 + 3, 10);
     const auto sealed = sealWithTool(plain, password);
     Collector streamed;
-    auto streaming = TZOpenSSLDecryptor::initWithSettings(kTZCryptorAES256Settings, password, streamed.handler());
+    auto streaming = TZOpenSSLDecryptor::initWithSettings(kTZCryptorAES256Settings, password,
+                                                          streamed.handler());
     std::size_t at = 0;
     for (; at < 16; ++at) {
         streaming->addData(std::span(sealed).subspan(at, 1));

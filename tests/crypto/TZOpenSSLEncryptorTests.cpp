@@ -22,11 +22,13 @@ ToolResult openWithTool(std::span<const std::uint8_t> sealed, const std::string&
 TEST(TZOpenSSLEncryptor, TheToolOpensWhatItSeals) {
     const std::string password = "app key \xE2\x82\xAC";
     const std::size_t chunk = 256 * 1024;
-    for (const std::size_t length : {std::size_t{0}, std::size_t{1}, std::size_t{16}, std::size_t{31},
-                                     chunk - 1, chunk, chunk + 1, 3 * chunk + 100}) {
+    for (const std::size_t length :
+         {std::size_t{0}, std::size_t{1}, std::size_t{16}, std::size_t{31}, chunk - 1, chunk,
+          chunk + 1, 3 * chunk + 100}) {
         const auto plain = patternBytes(length, static_cast<std::uint32_t>(length) + 1);
         KXError error;
-        const auto sealed = TZOpenSSLEncryptor::encryptData(plain, kTZCryptorAES256Settings, password, &error);
+        const auto sealed =
+            TZOpenSSLEncryptor::encryptData(plain, kTZCryptorAES256Settings, password, &error);
         ASSERT_TRUE(sealed.has_value()) << error.description();
 
         // "Salted__", 8 bytes of salt, then whole blocks, at least one.
@@ -39,7 +41,8 @@ TEST(TZOpenSSLEncryptor, TheToolOpensWhatItSeals) {
         ASSERT_EQ(opened.status, 0) << length << ": " << opened.errors;
         EXPECT_EQ(opened.output, plain) << length;
 
-        const auto roundTrip = TZOpenSSLDecryptor::decryptData(*sealed, kTZCryptorAES256Settings, password);
+        const auto roundTrip =
+            TZOpenSSLDecryptor::decryptData(*sealed, kTZCryptorAES256Settings, password);
         ASSERT_TRUE(roundTrip.has_value());
         EXPECT_EQ(*roundTrip, plain);
     }
@@ -50,7 +53,8 @@ TEST(TZOpenSSLEncryptor, EverySealingHasItsOwnSalt) {
     const auto first = TZOpenSSLEncryptor::encryptData(plain, kTZCryptorAES256Settings, "pw");
     const auto second = TZOpenSSLEncryptor::encryptData(plain, kTZCryptorAES256Settings, "pw");
     ASSERT_TRUE(first && second);
-    EXPECT_NE(Bytes(first->begin() + 8, first->begin() + 16), Bytes(second->begin() + 8, second->begin() + 16));
+    EXPECT_NE(Bytes(first->begin() + 8, first->begin() + 16),
+              Bytes(second->begin() + 8, second->begin() + 16));
     EXPECT_NE(*first, *second);
 }
 
@@ -68,11 +72,13 @@ TEST(TZOpenSSLEncryptor, SixteenByteKeysSealForAES128) {
 TEST(TZOpenSSLEncryptor, RawKeyAndIVGiveTheToolsCiphertext) {
     const auto key = patternBytes(32, 20);
     const auto IV = patternBytes(16, 21);
-    for (const std::size_t length : {std::size_t{0}, std::size_t{5}, std::size_t{48}, std::size_t{300000}}) {
+    for (const std::size_t length :
+         {std::size_t{0}, std::size_t{5}, std::size_t{48}, std::size_t{300000}}) {
         const auto plain = patternBytes(length, 22);
         const auto ours = TZOpenSSLEncryptor::encryptData(plain, kTZCryptorAES256Settings, key, IV);
         ASSERT_TRUE(ours.has_value());
-        const auto tools = openssl("enc -aes-256-cbc -nosalt -K " + hex(key) + " -iv " + hex(IV), plain);
+        const auto tools =
+            openssl("enc -aes-256-cbc -nosalt -K " + hex(key) + " -iv " + hex(IV), plain);
         ASSERT_EQ(tools.status, 0) << tools.errors;
         EXPECT_EQ(*ours, tools.output) << length;
     }
@@ -80,8 +86,8 @@ TEST(TZOpenSSLEncryptor, RawKeyAndIVGiveTheToolsCiphertext) {
 
 TEST(TZOpenSSLEncryptor, BadKeyIsReported) {
     KXError error;
-    EXPECT_FALSE(TZOpenSSLEncryptor::encryptData(bytesOf("x"), kTZCryptorAES256Settings, patternBytes(31, 1),
-                                                 patternBytes(16, 2), &error));
+    EXPECT_FALSE(TZOpenSSLEncryptor::encryptData(bytesOf("x"), kTZCryptorAES256Settings,
+                                                 patternBytes(31, 1), patternBytes(16, 2), &error));
     EXPECT_EQ(error.domain, kTZCryptorErrorDomain);
     EXPECT_EQ(error.code, TZCryptorStatusKeySizeError);
     EXPECT_EQ(TZOpenSSLEncryptor::initWithSettings(kTZCryptorAES256Settings, patternBytes(31, 1),
@@ -133,7 +139,8 @@ TEST(TZOpenSSLEncryptor, DataAfterFinishIsIgnored) {
     const auto key = patternBytes(32, 1);
     const auto IV = patternBytes(16, 2);
     auto encryptor = TZOpenSSLEncryptor::initWithSettings(
-        kTZCryptorAES256Settings, key, IV, [&](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
+        kTZCryptorAES256Settings, key, IV,
+        [&](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
             sealed.insert(sealed.end(), data.begin(), data.end());
             if (cryptor.isFinished()) {
                 ended.set_value();

@@ -95,8 +95,8 @@ inline Outcome runStreaming(const std::function<std::shared_ptr<TZCryptor>(TZCry
 
 /// The whole-input result and the streamed one must agree: same error code, and the same
 /// output when there is no error.
-inline void expectSameOutcome(const std::optional<std::vector<std::uint8_t>>& whole, const KXError& wholeError,
-                              const Outcome& streamed) {
+inline void expectSameOutcome(const std::optional<std::vector<std::uint8_t>>& whole,
+                              const KXError& wholeError, const Outcome& streamed) {
     if (whole.has_value() != !streamed.error.has_value()) {
         std::fprintf(stderr, "whole input %s, streamed input %s\n", whole ? "succeeded" : "failed",
                      streamed.error ? "failed" : "succeeded");
@@ -106,8 +106,10 @@ inline void expectSameOutcome(const std::optional<std::vector<std::uint8_t>>& wh
         std::fprintf(stderr, "whole and streamed outputs differ\n");
         std::abort();
     }
-    if (!whole && (wholeError.code != streamed.error->code || wholeError.domain != streamed.error->domain)) {
-        std::fprintf(stderr, "whole input error %lld, streamed %lld\n", static_cast<long long>(wholeError.code),
+    if (!whole &&
+        (wholeError.code != streamed.error->code || wholeError.domain != streamed.error->domain)) {
+        std::fprintf(stderr, "whole input error %lld, streamed %lld\n",
+                     static_cast<long long>(wholeError.code),
                      static_cast<long long>(streamed.error->code));
         std::abort();
     }

@@ -10,16 +10,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     const std::span<const std::uint8_t> data(bytes + 1, size - 1);
 
     KXError error;
-    const auto whole = TZDecryptor::decryptData(data, tzfuzz::encryptionKey(), tzfuzz::HMACKey(), &error);
+    const auto whole =
+        TZDecryptor::decryptData(data, tzfuzz::encryptionKey(), tzfuzz::HMACKey(), &error);
     const auto streamed = tzfuzz::runStreaming(
         [](TZCryptorHandler handler) {
-            return TZDecryptor::initWithEncryptionKey(tzfuzz::encryptionKey(), tzfuzz::HMACKey(), std::move(handler));
+            return TZDecryptor::initWithEncryptionKey(tzfuzz::encryptionKey(), tzfuzz::HMACKey(),
+                                                      std::move(handler));
         },
         data, piece);
     tzfuzz::expectSameOutcome(whole, error, streamed);
 
-    const auto unauthenticated =
-        TZDecryptor::decryptData(data, tzfuzz::encryptionKey(), std::span<const std::uint8_t>(), nullptr);
+    const auto unauthenticated = TZDecryptor::decryptData(data, tzfuzz::encryptionKey(),
+                                                          std::span<const std::uint8_t>(), nullptr);
     if (unauthenticated && unauthenticated->size() > data.size()) {
         std::abort();
     }

@@ -10,17 +10,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     const std::span<const std::uint8_t> data(bytes + 1, size - 1);
 
     KXError error;
-    const auto whole = TZOpenSSLDecryptor::decryptData(data, kTZCryptorAES256Settings, tzfuzz::kPassword, &error);
+    const auto whole =
+        TZOpenSSLDecryptor::decryptData(data, kTZCryptorAES256Settings, tzfuzz::kPassword, &error);
     const auto streamed = tzfuzz::runStreaming(
         [](TZCryptorHandler handler) {
-            return TZOpenSSLDecryptor::initWithSettings(kTZCryptorAES256Settings, tzfuzz::kPassword, std::move(handler));
+            return TZOpenSSLDecryptor::initWithSettings(kTZCryptorAES256Settings, tzfuzz::kPassword,
+                                                        std::move(handler));
         },
         data, piece);
     tzfuzz::expectSameOutcome(whole, error, streamed);
 
     KXError rawError;
-    const auto raw = TZOpenSSLDecryptor::decryptData(data, kTZCryptorAES256Settings, tzfuzz::encryptionKey(),
-                                                     tzfuzz::saltedIV(), &rawError);
+    const auto raw = TZOpenSSLDecryptor::decryptData(
+        data, kTZCryptorAES256Settings, tzfuzz::encryptionKey(), tzfuzz::saltedIV(), &rawError);
     if (raw && raw->size() > data.size()) {
         std::abort();  // decryption never produces more than it was given
     }

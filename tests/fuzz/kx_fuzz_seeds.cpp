@@ -14,14 +14,16 @@
 
 namespace {
 
-void writeSeeds(const std::filesystem::path& directory, const std::vector<std::vector<std::uint8_t>>& sealed) {
+void writeSeeds(const std::filesystem::path& directory,
+                const std::vector<std::vector<std::uint8_t>>& sealed) {
     std::filesystem::create_directories(directory);
     int index = 0;
     for (const auto& data : sealed) {
         for (const std::uint8_t piece : {std::uint8_t{0}, std::uint8_t{6}, std::uint8_t{11}}) {
             std::ofstream out(directory / ("seed-" + std::to_string(index++)), std::ios::binary);
             out.put(static_cast<char>(piece));
-            out.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+            out.write(reinterpret_cast<const char*>(data.data()),
+                      static_cast<std::streamsize>(data.size()));
         }
     }
 }
@@ -45,12 +47,14 @@ int main(int argc, char** argv) {
     std::vector<std::vector<std::uint8_t>> salted, keyed, withPassword;
     for (const std::size_t length : {0, 1, 16, 40, 300}) {
         const auto bytes = plain(length);
-        salted.push_back(*TZOpenSSLEncryptor::encryptData(bytes, kTZCryptorAES256Settings, tzfuzz::kPassword));
-        salted.push_back(*TZOpenSSLEncryptor::encryptData(bytes, kTZCryptorAES256Settings, tzfuzz::encryptionKey(),
-                                                          tzfuzz::saltedIV()));
-        keyed.push_back(*TZEncryptor::encryptData(bytes, kTZCryptorAES256Settings, tzfuzz::encryptionKey(),
-                                                  tzfuzz::HMACKey()));
-        auto sealed = *TZEncryptor::encryptData(bytes, tzfuzz::passwordSettings(), tzfuzz::kPassword);
+        salted.push_back(
+            *TZOpenSSLEncryptor::encryptData(bytes, kTZCryptorAES256Settings, tzfuzz::kPassword));
+        salted.push_back(*TZOpenSSLEncryptor::encryptData(
+            bytes, kTZCryptorAES256Settings, tzfuzz::encryptionKey(), tzfuzz::saltedIV()));
+        keyed.push_back(*TZEncryptor::encryptData(bytes, kTZCryptorAES256Settings,
+                                                  tzfuzz::encryptionKey(), tzfuzz::HMACKey()));
+        auto sealed =
+            *TZEncryptor::encryptData(bytes, tzfuzz::passwordSettings(), tzfuzz::kPassword);
         withPassword.push_back(sealed);
         sealed[0] = 2;  // the version-2 reading of the same bytes
         withPassword.push_back(sealed);

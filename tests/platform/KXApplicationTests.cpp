@@ -301,7 +301,7 @@ TEST_F(KXApplicationTest, WithLockKeepsReadersOutUntilTheSwapIsComplete) {
 
 TEST_F(KXApplicationTest, ADelegateMayReplaceItselfWhileBeingCalled) {
     class SelfRemoving : public KXApplicationDelegate {
-      public:
+    public:
         explicit SelfRemoving(std::vector<std::string>& log) : log_(log) {}
         bool respondsTo(Callback c) const override { return c == Callback::DidBecomeActive; }
         void didBecomeActive(KXApplication& app) override {
@@ -309,7 +309,7 @@ TEST_F(KXApplicationTest, ADelegateMayReplaceItselfWhileBeingCalled) {
             log_.push_back(name_);     // still alive: the caller holds it for the call
         }
 
-      private:
+    private:
         std::vector<std::string>& log_;
         std::string name_ = "still here";
     };

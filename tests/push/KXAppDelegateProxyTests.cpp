@@ -145,11 +145,10 @@ protected:
 
 TEST_F(KXAppDelegateProxyTest, ClaimsWhatEitherDelegateImplementsButNotEveryObjectsCallbacks) {
     install({Callback::DidBecomeActive});
-    EXPECT_TRUE(proxy->respondsTo(Callback::DidBecomeActive));       // the application's
-    EXPECT_FALSE(proxy->respondsTo(Callback::WillResignActive));     // nobody's
+    EXPECT_TRUE(proxy->respondsTo(Callback::DidBecomeActive));             // the application's
+    EXPECT_FALSE(proxy->respondsTo(Callback::WillResignActive));           // nobody's
     EXPECT_TRUE(proxy->respondsTo(Callback::HandleActionWithIdentifier));  // the library's
-    EXPECT_TRUE(
-        proxy->respondsTo(Callback::DidRegisterForRemoteNotificationsWithDeviceToken));
+    EXPECT_TRUE(proxy->respondsTo(Callback::DidRegisterForRemoteNotificationsWithDeviceToken));
     EXPECT_TRUE(proxy->respondsTo(Callback::Description));  // the application's
 
     EXPECT_TRUE(proxy->zandrelDelegateRespondsToSelector(Callback::HandleActionWithIdentifier));
@@ -189,7 +188,7 @@ TEST_F(KXAppDelegateProxyTest, WithoutTheBackgroundModeTheSystemUsesTheOlderCall
     install({Callback::DidReceiveRemoteNotification});
     std::vector<Result> results;
     application().deliverRemoteNotification({{"aps", {{"alert", "hi"}}}},
-                                             [&](Result r) { results.push_back(r); });
+                                            [&](Result r) { results.push_back(r); });
     EXPECT_EQ(log, (Strings{R"(app remote {"aps":{"alert":"hi"}})"}));
     EXPECT_EQ(results, (std::vector<Result>{Result::NoData}));  // from the application object
 }
@@ -293,8 +292,8 @@ TEST_F(KXAppDelegateProxyTest, FanOutMergesTheAnswersAndCompletesOnceAfterTheLas
         std::vector<Result> results;
         proxy->didReceiveRemoteNotification(application(), {{"n", 1}},
                                             [&](Result r) { results.push_back(r); });
-        EXPECT_EQ(log, (Strings{R"(library remote+handler {"n":1})",
-                                R"(app remote+handler {"n":1})"}));
+        EXPECT_EQ(log,
+                  (Strings{R"(library remote+handler {"n":1})", R"(app remote+handler {"n":1})"}));
         ASSERT_EQ(library->handlers.size(), 1u);
         ASSERT_EQ(app->handlers.size(), 1u);
 
@@ -356,7 +355,8 @@ TEST_F(KXAppDelegateProxyTest, AnswersFromManyThreadsCompleteExactlyOnce) {
     }
 }
 
-TEST_F(KXAppDelegateProxyTest, AnApplicationHandlerMayCompleteAnotherNotificationFromInsideTheMerge) {
+TEST_F(KXAppDelegateProxyTest,
+       AnApplicationHandlerMayCompleteAnotherNotificationFromInsideTheMerge) {
     install({Callback::DidReceiveRemoteNotificationWithCompletionHandler}, true);
     std::vector<std::string> completed;
     proxy->didReceiveRemoteNotification(application(), {{"n", 2}},

@@ -24,8 +24,9 @@ TEST(KXNotificationHelper, GrantedAuthorisationRegistersForRemoteNotifications) 
     EXPECT_EQ(platform->fakeNotificationAuthorizer().requests(), std::vector<std::uint32_t>{7});
     // The answer arrives later, on the main queue.
     EXPECT_EQ(platform->recordingApplication().registerForRemoteNotificationsCount(), 0);
-    ASSERT_TRUE(platform->runUntil(
-        [&] { return platform->recordingApplication().registerForRemoteNotificationsCount() > 0; }));
+    ASSERT_TRUE(platform->runUntil([&] {
+        return platform->recordingApplication().registerForRemoteNotificationsCount() > 0;
+    }));
     drain(*platform);
     EXPECT_EQ(platform->recordingApplication().registerForRemoteNotificationsCount(), 1);
     EXPECT_FALSE(platform->application().currentUserNotificationSettings().has_value());
@@ -62,6 +63,7 @@ TEST(KXNotificationHelper, OlderRegistrationAsksForBadgeSoundAndAlertWithoutCate
     // The library's delegate completes the older path once the settings are registered.
     platform->application().setDelegate(std::make_shared<KXClientFrameworkAppDelegate>());
     KXNotificationHelper::registerUINotifications();
-    ASSERT_TRUE(platform->runUntil(
-        [&] { return platform->recordingApplication().registerForRemoteNotificationsCount() > 0; }));
+    ASSERT_TRUE(platform->runUntil([&] {
+        return platform->recordingApplication().registerForRemoteNotificationsCount() > 0;
+    }));
 }

@@ -10,7 +10,7 @@
 /// A log sink that keeps every line, for tests that check what was logged. install() makes it
 /// the library's sink until the returned guard is destroyed.
 class KXCapturingSink : public KXLogSink {
-  public:
+public:
     void write(std::string_view line) override {
         std::lock_guard lock(mutex_);
         lines_.emplace_back(line);
@@ -49,7 +49,7 @@ class KXCapturingSink : public KXLogSink {
         return Guard{sink};
     }
 
-  private:
+private:
     mutable std::mutex mutex_;
     std::vector<std::string> lines_;
 };

@@ -21,7 +21,7 @@
 /// when nghttpd is not installed or does not start. The destructor stops the server; so does
 /// the end of the thread that started it, should the test process die first.
 class KXHTTP2Server {
-  public:
+public:
     KXHTTP2Server();
     ~KXHTTP2Server();
     KXHTTP2Server(const KXHTTP2Server&) = delete;
@@ -44,7 +44,7 @@ class KXHTTP2Server {
     /// of request streams the server received on it.
     std::vector<std::size_t> requestStreamsPerConnection() const;
 
-  private:
+private:
     bool tryToStart(int port);
     void stop();
 

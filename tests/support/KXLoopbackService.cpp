@@ -27,7 +27,8 @@ std::string trim(std::string_view text) {
     while (begin < end && (text[begin] == ' ' || text[begin] == '\t')) {
         ++begin;
     }
-    while (end > begin && (text[end - 1] == ' ' || text[end - 1] == '\t' || text[end - 1] == '\r')) {
+    while (end > begin &&
+           (text[end - 1] == ' ' || text[end - 1] == '\t' || text[end - 1] == '\r')) {
         --end;
     }
     return std::string(text.substr(begin, end - begin));
@@ -35,16 +36,26 @@ std::string trim(std::string_view text) {
 
 const char* reason(int status) {
     switch (status) {
-        case 200: return "OK";
-        case 201: return "Created";
-        case 204: return "No Content";
-        case 300: return "Multiple Choices";
-        case 304: return "Not Modified";
-        case 400: return "Bad Request";
-        case 401: return "Unauthorized";
-        case 404: return "Not Found";
-        case 500: return "Internal Server Error";
-        default: return "Status";
+        case 200:
+            return "OK";
+        case 201:
+            return "Created";
+        case 204:
+            return "No Content";
+        case 300:
+            return "Multiple Choices";
+        case 304:
+            return "Not Modified";
+        case 400:
+            return "Bad Request";
+        case 401:
+            return "Unauthorized";
+        case 404:
+            return "Not Found";
+        case 500:
+            return "Internal Server Error";
+        default:
+            return "Status";
     }
 }
 
@@ -178,8 +189,8 @@ struct KXLoopbackService::Impl {
         std::lock_guard lock(mutex);
         auto found = scripts.find(request.method + " " + path);
         if (found == scripts.end() || found->second.answers.empty()) {
-            return KXScriptedAnswer::json(404, KXJSON{{"error", "unscripted route"},
-                                                      {"route", request.method + " " + path}});
+            return KXScriptedAnswer::json(
+                404, KXJSON{{"error", "unscripted route"}, {"route", request.method + " " + path}});
         }
         Route& route = found->second;
         KXScriptedAnswer answer = route.answers.front();
@@ -209,20 +220,22 @@ struct KXLoopbackService::Impl {
             const std::size_t firstBlank = requestLine.find(' ');
             const std::size_t secondBlank = requestLine.find(' ', firstBlank + 1);
             if (firstBlank == std::string::npos || secondBlank == std::string::npos) {
-                sendAll(socket, "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+                sendAll(
+                    socket,
+                    "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
                 return;
             }
             request.method = requestLine.substr(0, firstBlank);
             request.path = requestLine.substr(firstBlank + 1, secondBlank - firstBlank - 1);
             while (lineEnd != std::string::npos) {
                 const std::size_t next = head.find("\r\n", lineEnd + 2);
-                const std::string line = head.substr(lineEnd + 2, next == std::string::npos
-                                                                       ? std::string::npos
-                                                                       : next - lineEnd - 2);
+                const std::string line =
+                    head.substr(lineEnd + 2,
+                                next == std::string::npos ? std::string::npos : next - lineEnd - 2);
                 const std::size_t colon = line.find(':');
                 if (colon != std::string::npos) {
-                    auto [it, inserted] =
-                        request.headers.try_emplace(trim(line.substr(0, colon)), trim(line.substr(colon + 1)));
+                    auto [it, inserted] = request.headers.try_emplace(trim(line.substr(0, colon)),
+                                                                      trim(line.substr(colon + 1)));
                     if (!inserted) {
                         it->second += ", " + trim(line.substr(colon + 1));
                     }
@@ -239,8 +252,9 @@ struct KXLoopbackService::Impl {
             request.body = buffer.substr(0, length);
             buffer.erase(0, length);
             auto connectionHeader = request.headers.find("Connection");
-            const bool clientCloses = connectionHeader != request.headers.end() &&
-                                      KXCaseInsensitiveLess::equal(connectionHeader->second, "close");
+            const bool clientCloses =
+                connectionHeader != request.headers.end() &&
+                KXCaseInsensitiveLess::equal(connectionHeader->second, "close");
 
             KXScriptedAnswer answer = answerFor(request);
             {
@@ -268,14 +282,16 @@ struct KXLoopbackService::Impl {
                     break;
             }
 
-            std::string response = "HTTP/1.1 " + std::to_string(answer.status) + " " +
-                                   reason(answer.status) + "\r\n";
+            std::string response =
+                "HTTP/1.1 " + std::to_string(answer.status) + " " + reason(answer.status) + "\r\n";
             bool hasContentType = false;
             for (const auto& [name, value] : answer.headers) {
                 response += name + ": " + value + "\r\n";
-                hasContentType = hasContentType || KXCaseInsensitiveLess::equal(name, "Content-Type");
+                hasContentType =
+                    hasContentType || KXCaseInsensitiveLess::equal(name, "Content-Type");
             }
-            const bool bodiless = answer.status < 200 || answer.status == 204 || answer.status == 304;
+            const bool bodiless =
+                answer.status < 200 || answer.status == 204 || answer.status == 304;
             if (!bodiless) {
                 if (!answer.body.empty() && !hasContentType) {
                     response += "Content-Type: application/json\r\n";
@@ -319,7 +335,9 @@ KXLoopbackService::~KXLoopbackService() {
     }
 }
 
-int KXLoopbackService::port() const { return impl_->port; }
+int KXLoopbackService::port() const {
+    return impl_->port;
+}
 
 std::string KXLoopbackService::baseURL() const {
     return "http://127.0.0.1:" + std::to_string(impl_->port);
@@ -361,9 +379,12 @@ std::vector<KXRecordedRequest> KXLoopbackService::requestsTo(const std::string& 
     return matching;
 }
 
-std::size_t KXLoopbackService::connectionCount() const { return impl_->connections.load(); }
+std::size_t KXLoopbackService::connectionCount() const {
+    return impl_->connections.load();
+}
 
-bool KXLoopbackService::waitForRequests(std::size_t count, std::chrono::milliseconds timeout) const {
+bool KXLoopbackService::waitForRequests(std::size_t count,
+                                        std::chrono::milliseconds timeout) const {
     std::unique_lock lock(impl_->mutex);
     return impl_->arrived.wait_for(lock, timeout, [&] { return impl_->recorded.size() >= count; });
 }

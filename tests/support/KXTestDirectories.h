@@ -5,7 +5,7 @@
 /// A temporary folder with config/, data/, cache/ and home/ inside, exported as
 /// XDG_CONFIG_HOME, XDG_DATA_HOME, XDG_CACHE_HOME and HOME for the life of the object.
 class KXTestDirectories {
-  public:
+public:
     KXTestDirectories();
     ~KXTestDirectories();
     KXTestDirectories(const KXTestDirectories&) = delete;
@@ -16,6 +16,6 @@ class KXTestDirectories {
     /// The folder made for the running process (set by the first instance).
     static const std::filesystem::path& current();
 
-  private:
+private:
     std::filesystem::path root_;
 };

@@ -31,7 +31,7 @@ std::string opensslOpen(const std::filesystem::path& sealed, const std::string& 
 }
 
 class KXConfigTool : public testing::Test {
-  protected:
+protected:
     std::filesystem::path directory = kxtest::scratchDirectory("kxconfig");
     std::filesystem::path sealedFile = directory / "KXConfig.enc";
 

@@ -41,7 +41,8 @@ protected:
     }
 
     ProcessResult kxctl(std::vector<std::string> arguments, const std::string& key = kKey) {
-        std::vector<std::string> all = {"--config", configFile.string(), "--key", key,
+        std::vector<std::string> all = {"--config",   configFile.string(),
+                                        "--key",      key,
                                         "--endpoint", "development=" + service.baseURL(),
                                         "--endpoint", "test=" + service.baseURL() + "/test",
                                         "--endpoint", "staging-token=" + service.baseURL()};
@@ -75,9 +76,10 @@ TEST_F(KXCtlEngage, EngagePrintsWhereTheLibraryIsConnectedOnceTheTokenIsThere) {
 
 TEST_F(KXCtlEngage, EngageReadsEnvironmentBusinessUnitAndTheInformationDictionary) {
     service.scriptToken("tok-1");
-    kxtest::writeText(directory / "Info.plist",
-                      kxtest::xmlPropertyList("<key>UIBackgroundModes</key>"
-                                              "<array><string>remote-notification</string></array>"));
+    kxtest::writeText(
+        directory / "Info.plist",
+        kxtest::xmlPropertyList("<key>UIBackgroundModes</key>"
+                                "<array><string>remote-notification</string></array>"));
     const ProcessResult result = kxctl({"--env", "1", "--business-unit", "BU7", "engage"});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     const auto lines = jsonLines(result.out);

@@ -35,7 +35,8 @@ protected:
             "<key>stageClientSecret</key><string>stage-secret</string>"
             "<key>prodClientId</key><string>prod-id</string>"
             "<key>prodClientSecret</key><string>prod-secret</string>"
-            "<key>inProduction</key>" + std::string(inProduction ? "<true/>" : "<false/>");
+            "<key>inProduction</key>" +
+            std::string(inProduction ? "<true/>" : "<false/>");
         kxtest::writeText(directory / "config.plist", kxtest::xmlPropertyList(entries));
         kxtest::sealWithOpenSSL(directory / "config.plist", configFile, kKey);
     }
@@ -45,7 +46,8 @@ protected:
         std::vector<std::string> arguments;
         for (const char* name : {"production", "test", "staging", "local", "development",
                                  "production-token", "staging-token"}) {
-            arguments.insert(arguments.end(), {"--endpoint", std::string(name) + "=" + service.baseURL()});
+            arguments.insert(arguments.end(),
+                             {"--endpoint", std::string(name) + "=" + service.baseURL()});
         }
         return arguments;
     }
@@ -98,8 +100,8 @@ TEST_F(KXCtlTool, CallPrintsStatusHeadersAndBodyUnderTheBasePath) {
     answer.headers = {{"newRecordId", "7"}};
     service.script("POST", "/ZandrelService/rest/bu/BU1/guests", answer);
 
-    const ProcessResult result =
-        kxctl({"--env", "1", "--business-unit", "BU1", "call", "POST", "/guests", "--data", R"({"name":"Ada"})"});
+    const ProcessResult result = kxctl({"--env", "1", "--business-unit", "BU1", "call", "POST",
+                                        "/guests", "--data", R"({"name":"Ada"})"});
     ASSERT_EQ(result.exitCode, 0) << result.err;
     const auto lines = jsonLines(result.out);
     ASSERT_EQ(lines.size(), 1u);
@@ -116,7 +118,8 @@ TEST_F(KXCtlTool, CallPrintsStatusHeadersAndBodyUnderTheBasePath) {
 TEST_F(KXCtlTool, FailedAnswersArePrintedAndMakeTheExitStatusOne) {
     service.scriptToken("tok");
     service.script("GET", "/KXFrontier-stg/x", KXScriptedAnswer::json(200, KXJSON{{"n", 1}}));
-    service.script("GET", "/KXFrontier-stg/x", KXScriptedAnswer::json(500, KXJSON{{"error", "boom"}}));
+    service.script("GET", "/KXFrontier-stg/x",
+                   KXScriptedAnswer::json(500, KXJSON{{"error", "boom"}}));
     service.script("GET", "/KXFrontier-stg/x", KXScriptedAnswer::text(200, "plain"));
 
     const ProcessResult result = kxctl({"call", "GET", "/x", "--repeat", "3"});
@@ -139,25 +142,29 @@ TEST_F(KXCtlTool, RepeatedCallsReuseOneConnection) {
     ASSERT_EQ(result.exitCode, 0) << result.err;
     EXPECT_EQ(jsonLines(result.out).size(), 50u);
     EXPECT_EQ(service.requestsTo("/KXFrontier-stg/x").size(), 50u);
-    EXPECT_EQ(service.connectionCount(), 1u) << "the token request and all 50 calls share one connection";
+    EXPECT_EQ(service.connectionCount(), 1u)
+        << "the token request and all 50 calls share one connection";
 }
 
 TEST_F(KXCtlTool, TokenFailuresAndWrongKeysExitWithOne) {
-    service.script("POST", "/token", KXScriptedAnswer::json(401, KXJSON{{"error", "invalid_client"}}));
+    service.script("POST", "/token",
+                   KXScriptedAnswer::json(401, KXJSON{{"error", "invalid_client"}}));
     ProcessResult result = kxctl({"call", "GET", "/x"});
     EXPECT_EQ(result.exitCode, 1);
     const auto lines = jsonLines(result.out);
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0]["error"]["code"], 401);
 
-    const std::vector<std::string> wrongKey = {"--config", configFile.string(), "--key", "not-the-key", "token"};
+    const std::vector<std::string> wrongKey = {"--config", configFile.string(), "--key",
+                                               "not-the-key", "token"};
     result = kxtest::runProcess(kxtest::builtProgram("tools/kxctl/kxctl"), wrongKey);
     EXPECT_EQ(result.exitCode, 1) << "a clean failure, not the library's abort";
     EXPECT_NE(result.err.find("does not open with this key"), std::string::npos) << result.err;
     EXPECT_EQ(service.requestsTo("/token").size(), 1u) << "nothing is sent with a wrong key";
 
-    result = kxtest::runProcess(kxtest::builtProgram("tools/kxctl/kxctl"),
-                                {"--config", (directory / "missing.enc").string(), "--key", kKey, "token"});
+    result = kxtest::runProcess(
+        kxtest::builtProgram("tools/kxctl/kxctl"),
+        {"--config", (directory / "missing.enc").string(), "--key", kKey, "token"});
     EXPECT_EQ(result.exitCode, 1);
 }
 

@@ -33,10 +33,11 @@ protected:
     }
 
     kxtest::ProcessResult run(const std::string& key, std::vector<std::string> extra = {}) {
-        std::vector<std::string> arguments = {"--config",    (directory / "KXConfig.enc").string(),
-                                              "--key",       key,
-                                              "--token-url", service.baseURL(),
-                                              "--service-url", service.baseURL()};
+        std::vector<std::string> arguments = {
+            "--config",      (directory / "KXConfig.enc").string(),
+            "--key",         key,
+            "--token-url",   service.baseURL(),
+            "--service-url", service.baseURL()};
         arguments.insert(arguments.end(), extra.begin(), extra.end());
         return kxtest::runProcess(program, arguments);
     }

@@ -56,7 +56,8 @@ TEST_F(CredentialStore, TheArchiveIsAPropertyListWithTheArchiveKeys) {
     ASSERT_TRUE(back);
     EXPECT_EQ(back->clientSecret(), "s&<cret>");
 
-    EXPECT_EQ(credential->description(), "<KXOAuthCredential clientId:\"id-1\" secret:\"s&<cret>\">");
+    EXPECT_EQ(credential->description(),
+              "<KXOAuthCredential clientId:\"id-1\" secret:\"s&<cret>\">");
 }
 
 TEST_F(CredentialStore, DataThatIsNotAnArchiveReadsAsAbsent) {

@@ -16,7 +16,7 @@
 namespace {
 
 class HTTP2OverTLS : public KXTransportTest {
-  protected:
+protected:
     KXHTTP2Server server;
 
     HTTP2OverTLS() {

@@ -14,7 +14,7 @@ using namespace std::chrono_literals;
 namespace {
 
 class HTTPSessionManager : public KXTransportTest {
-  protected:
+protected:
     void SetUp() override { giveToken(); }
 };
 
@@ -362,7 +362,7 @@ TEST_F(HTTPSessionManager, RESTLoggingWritesRequestsAndResponses) {
 
 // The token gate: what happens when the transport has no valid token.
 class TokenGate : public KXTransportTest {
-  protected:
+protected:
     void SetUp() override {
         KXOAuth2Client::client().initWithClientId("gate-client", "gate-secret");
         service.script("GET", "/inbox", KXScriptedAnswer::json(200, KXJSON{{"messages", 0}}));

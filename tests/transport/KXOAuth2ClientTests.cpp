@@ -102,9 +102,10 @@ TEST_F(OAuth2Client, TheTokenLifetimeSetsTheRenewalTick) {
         EXPECT_EQ(client.expireInMinutes(), ticks) << expiresIn;
     }
 
-    for (const KXJSON& response : {KXJSON{{"access_token", "forever"}, {"expires_in", nullptr}},
-                                   KXJSON{{"access_token", "forever"}},
-                                   KXJSON{{"access_token", "forever"}, {"expires_in", KXJSON::array()}}}) {
+    for (const KXJSON& response :
+         {KXJSON{{"access_token", "forever"}, {"expires_in", nullptr}},
+          KXJSON{{"access_token", "forever"}},
+          KXJSON{{"access_token", "forever"}, {"expires_in", KXJSON::array()}}}) {
         clock.set(std::chrono::system_clock::now());
         client.saveBearerToken(response);
         EXPECT_GT(client.expireInMinutes(), 50'000'000) << response;
@@ -218,7 +219,8 @@ TEST_F(OAuth2Client, RenewalUsesTheCredentialInTheKeychain) {
 
 TEST_F(OAuth2Client, AFailedFetchReportsTheErrorAndStoresNothing) {
     transport().setBearerToken(std::make_shared<KXBearerToken>("kept", std::nullopt));
-    service.script("POST", "/token", KXScriptedAnswer::json(401, KXJSON{{"error", "invalid_client"}}));
+    service.script("POST", "/token",
+                   KXScriptedAnswer::json(401, KXJSON{{"error", "invalid_client"}}));
     const Result result = authenticate();
     ASSERT_TRUE(result.error);
     EXPECT_EQ(result.error->domain, NSOSStatusErrorDomain);
@@ -230,7 +232,8 @@ TEST_F(OAuth2Client, AFailedFetchReportsTheErrorAndStoresNothing) {
 }
 
 TEST_F(OAuth2Client, ASuccessfulAnswerWithoutJSONIsDropped) {
-    service.script("POST", "/token", KXScriptedAnswer::text(200, "<html>maintenance</html>", "text/html"));
+    service.script("POST", "/token",
+                   KXScriptedAnswer::text(200, "<html>maintenance</html>", "text/html"));
     int calls = 0;
     client.authenticateWithSuccess([&] { ++calls; }, [&](const KXError&) { ++calls; });
     ASSERT_TRUE(service.waitForRequests(1, kPatience));

@@ -52,7 +52,8 @@ TEST_F(EnvironmentTable, EachEnvironmentChoosesItsHostAndPath) {
         for (const Row& row : rows) {
             KXClientFramework::setEnvironment(row.environment);
             KXSessionManager manager;
-            const std::string expectedURL = inProduction ? "https://prod.example.test" : row.baseURL;
+            const std::string expectedURL =
+                inProduction ? "https://prod.example.test" : row.baseURL;
             const std::string expectedPath = inProduction ? "/KXFrontier" : row.basePath;
             EXPECT_EQ(manager.baseURL(), expectedURL)
                 << "environment " << row.environment << " inProduction " << inProduction;
@@ -87,9 +88,9 @@ TEST_F(EnvironmentTable, ThePathFollowsEveryChangeButTheHostOnlyAReset) {
 
 TEST_F(EnvironmentTable, DefaultEndpointsNeverReachARealHost) {
     const KXServiceEndpoints defaults;
-    for (const std::string* url : {&defaults.production, &defaults.test, &defaults.staging,
-                                   &defaults.development, &defaults.productionToken,
-                                   &defaults.stagingToken}) {
+    for (const std::string* url :
+         {&defaults.production, &defaults.test, &defaults.staging, &defaults.development,
+          &defaults.productionToken, &defaults.stagingToken}) {
         EXPECT_NE(url->find(".invalid"), std::string::npos) << *url;
     }
     EXPECT_EQ(defaults.localServer, "http://127.0.0.1:9650");

@@ -40,7 +40,7 @@ inline bool logged(const KXCapturingSink& sink, std::string_view text) {
 /// A clock the test sets, which can also move on by a step at every reading, as a device's clock
 /// does between two readings.
 class KXSteppingClock final : public KXClock {
-  public:
+public:
     std::chrono::system_clock::time_point now() const override {
         std::lock_guard lock(mutex_);
         const auto reading = now_;
@@ -60,7 +60,7 @@ class KXSteppingClock final : public KXClock {
         step_ = step;
     }
 
-  private:
+private:
     mutable std::mutex mutex_;
     mutable std::chrono::system_clock::time_point now_{std::chrono::seconds(1577836800)};
     std::chrono::system_clock::duration step_{};
@@ -68,7 +68,7 @@ class KXSteppingClock final : public KXClock {
 
 /// The test platform with the stepping clock in place of its fake clock.
 class KXSteppingClockPlatform final : public KXPlatform {
-  public:
+public:
     explicit KXSteppingClockPlatform(std::shared_ptr<KXTestPlatform> inner)
         : inner_(std::move(inner)) {}
 
@@ -91,7 +91,7 @@ class KXSteppingClockPlatform final : public KXPlatform {
 
     KXSteppingClock& steppingClock() { return clock_; }
 
-  private:
+private:
     std::shared_ptr<KXTestPlatform> inner_;
     KXSteppingClock clock_;
 };
@@ -99,7 +99,7 @@ class KXSteppingClockPlatform final : public KXPlatform {
 /// A test platform, a loopback service that every endpoint points at, and helpers to call the
 /// shared transport and run the main queue until the answer arrived.
 class KXTransportTest : public ::testing::Test {
-  protected:
+protected:
     static constexpr std::chrono::milliseconds kPatience{15000};
 
     std::shared_ptr<KXTestPlatform> platform = std::make_shared<KXTestPlatform>();

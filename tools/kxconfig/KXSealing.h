@@ -10,7 +10,7 @@ namespace kxconfig {
 
 /// A failure to report on standard error with exit status 1.
 class Failure : public std::runtime_error {
-  public:
+public:
     using std::runtime_error::runtime_error;
 };
 

@@ -73,7 +73,8 @@ void printLine(const KXJSON& line) {
 }
 
 KXJSON errorLine(const KXError& error) {
-    return {{"error", {{"domain", error.domain}, {"code", error.code}, {"userInfo", error.userInfo}}}};
+    return {
+        {"error", {{"domain", error.domain}, {"code", error.code}, {"userInfo", error.userInfo}}}};
 }
 
 KXServiceEndpoints parseEndpoints(const std::vector<std::string>& assignments) {
@@ -90,9 +91,12 @@ KXServiceEndpoints parseEndpoints(const std::vector<std::string>& assignments) {
     for (const std::string& assignment : assignments) {
         const std::size_t equals = assignment.find('=');
         const auto field = fields.find(assignment.substr(0, equals));
-        if (equals == std::string::npos || field == fields.end() || equals + 1 == assignment.size()) {
-            throw UsageError{"--endpoint takes NAME=URL with NAME one of production, test, staging, "
-                             "local, development, production-token, staging-token: " + assignment};
+        if (equals == std::string::npos || field == fields.end() ||
+            equals + 1 == assignment.size()) {
+            throw UsageError{
+                "--endpoint takes NAME=URL with NAME one of production, test, staging, "
+                "local, development, production-token, staging-token: " +
+                assignment};
         }
         endpoints.*(field->second) = assignment.substr(equals + 1);
     }
@@ -108,7 +112,8 @@ void loadConfiguration(const Options& options) {
     }
     const std::vector<std::uint8_t> sealed((std::istreambuf_iterator<char>(file)),
                                            std::istreambuf_iterator<char>());
-    const std::optional<KXJSON> configuration = KXConfig::openSealedConfiguration(sealed, options.key);
+    const std::optional<KXJSON> configuration =
+        KXConfig::openSealedConfiguration(sealed, options.key);
     if (!configuration || !configuration->is_object()) {
         throw Failure{"the configuration file " + options.configPath +
                       " does not open with this key"};
@@ -120,8 +125,8 @@ std::optional<std::string> isoDate(const std::optional<KXBearerToken::Date>& dat
     if (!date || *date == KXBearerToken::distantFuture()) {
         return std::nullopt;
     }
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(
-        std::chrono::floor<std::chrono::seconds>(*date));
+    const std::time_t seconds =
+        std::chrono::system_clock::to_time_t(std::chrono::floor<std::chrono::seconds>(*date));
     std::tm utc{};
     gmtime_r(&seconds, &utc);
     char text[32];
@@ -185,8 +190,8 @@ std::optional<KXError> errorFromDescription(std::string_view text) {
         return std::nullopt;
     }
     KXError error;
-    error.domain = std::string(text.substr(domainAt + kDomain.size(),
-                                           codeAt - domainAt - kDomain.size()));
+    error.domain =
+        std::string(text.substr(domainAt + kDomain.size(), codeAt - domainAt - kDomain.size()));
     const std::string code(text.substr(codeAt + kCode.size()));
     error.code = std::strtoll(code.c_str(), nullptr, 10);
     const KXJSON userInfo =
@@ -263,8 +268,8 @@ public:
 
     void token() {
         const auto token = KXHTTPSessionManager::sharedManager().bearerToken();
-        const std::optional<std::string> expiresAt = token ? isoDate(token->expirationDate())
-                                                           : std::nullopt;
+        const std::optional<std::string> expiresAt =
+            token ? isoDate(token->expirationDate()) : std::nullopt;
         printLine({{"token", token && token->token() ? KXJSON(*token->token()) : KXJSON()},
                    {"expiresAt", expiresAt ? KXJSON(*expiresAt) : KXJSON()}});
         finish_(kSuccess);
@@ -403,8 +408,9 @@ int main(int argc, char** argv) {
             KXClientFramework::sharedManager().setBusinessUnit(options.businessUnit);
         }
 
-        const auto deadline = std::chrono::steady_clock::now() +
-                              std::chrono::milliseconds(static_cast<std::int64_t>(options.timeout * 1000));
+        const auto deadline =
+            std::chrono::steady_clock::now() +
+            std::chrono::milliseconds(static_cast<std::int64_t>(options.timeout * 1000));
         auto runUntil = [&](const std::function<bool()>& done) {
             const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
                 deadline - std::chrono::steady_clock::now());
@@ -430,8 +436,8 @@ int main(int argc, char** argv) {
         });
 
         std::optional<int> status;
-        if (auto failure = watcher->failure(); failure &&
-                                               !KXHTTPSessionManager::sharedManager().bearerToken()) {
+        if (auto failure = watcher->failure();
+            failure && !KXHTTPSessionManager::sharedManager().bearerToken()) {
             printLine(errorLine(*failure));
             status = kFailure;
         } else {

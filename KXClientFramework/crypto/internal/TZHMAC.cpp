@@ -12,13 +12,20 @@ namespace {
 
 const char* digestName(std::uint32_t algorithm) noexcept {
     switch (algorithm) {
-        case 0: return "SHA1";
-        case 1: return "MD5";
-        case 2: return "SHA256";
-        case 3: return "SHA384";
-        case 4: return "SHA512";
-        case 5: return "SHA224";
-        default: return nullptr;
+        case 0:
+            return "SHA1";
+        case 1:
+            return "MD5";
+        case 2:
+            return "SHA256";
+        case 3:
+            return "SHA384";
+        case 4:
+            return "SHA512";
+        case 5:
+            return "SHA224";
+        default:
+            return nullptr;
     }
 }
 
@@ -35,13 +42,20 @@ constexpr std::uint8_t kEmpty[1] = {0};
 
 std::size_t TZHMAC::digestLength(std::uint32_t algorithm) noexcept {
     switch (algorithm) {
-        case 0: return 20;
-        case 1: return 16;
-        case 2: return 32;
-        case 3: return 48;
-        case 4: return 64;
-        case 5: return 28;
-        default: return 0;
+        case 0:
+            return 20;
+        case 1:
+            return 16;
+        case 2:
+            return 32;
+        case 3:
+            return 48;
+        case 4:
+            return 64;
+        case 5:
+            return 28;
+        default:
+            return 0;
     }
 }
 

@@ -15,7 +15,8 @@ class TZHMAC {
 public:
     /// Starts an HMAC keyed with `key`; null when the algorithm number is unknown or OpenSSL
     /// cannot provide it.
-    static std::unique_ptr<TZHMAC> start(std::uint32_t algorithm, std::span<const std::uint8_t> key);
+    static std::unique_ptr<TZHMAC> start(std::uint32_t algorithm,
+                                         std::span<const std::uint8_t> key);
 
     /// Digest length of an algorithm number, or 0 when it is unknown.
     static std::size_t digestLength(std::uint32_t algorithm) noexcept;

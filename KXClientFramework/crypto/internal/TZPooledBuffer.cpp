@@ -27,7 +27,7 @@ struct Block {
 };
 
 class Pool {
-  public:
+public:
     // The smallest kept block of at least `size` bytes that is not more than twice as large
     // (a small piece must not pin a large block), the most recently returned one of those, as it
     // is the likeliest to be in cache; an empty block when there is none.
@@ -67,7 +67,7 @@ class Pool {
         return keptBytes_;
     }
 
-  private:
+private:
     // With the mutex held: makes sure a check for idleness is pending while blocks are kept.
     void scheduleRelease() {
         if (releaseScheduled_) {

@@ -16,7 +16,7 @@
 /// all of it once it has not been used for kIdleRelease. Other sizes are plain allocations, so
 /// many tiny pieces never pin large blocks.
 class KX_EXPORT TZPooledBuffer {
-  public:
+public:
     static constexpr std::size_t kSmallestPooled = std::size_t{64} * 1024;
     static constexpr std::size_t kLargestPooled = std::size_t{4} * 1024 * 1024;
     static constexpr std::size_t kKeptLimit = std::size_t{64} * 1024 * 1024;
@@ -41,7 +41,7 @@ class KX_EXPORT TZPooledBuffer {
     /// Bytes the pool holds for reuse right now.
     static std::size_t pooledBytes();
 
-  private:
+private:
     void giveBack() noexcept;
 
     // Uninitialised on purpose, which a std::vector would not allow.

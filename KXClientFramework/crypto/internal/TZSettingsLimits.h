@@ -18,5 +18,6 @@ inline bool TZKeySettingsAreUsable(const TZCryptorKeyDerivationSettings& setting
 
 inline bool TZSettingsAreUsable(const TZCryptorSettings& settings) {
     return settings.IVSize <= kTZMaxSettingSize && settings.HMACLength <= kTZMaxHMACLength &&
-           TZKeySettingsAreUsable(settings.keySettings) && TZKeySettingsAreUsable(settings.HMACKeySettings);
+           TZKeySettingsAreUsable(settings.keySettings) &&
+           TZKeySettingsAreUsable(settings.HMACKeySettings);
 }

@@ -17,8 +17,8 @@ std::string trim(std::string_view text) {
     while (begin < end && (text[begin] == ' ' || text[begin] == '\t')) {
         ++begin;
     }
-    while (end > begin && (text[end - 1] == ' ' || text[end - 1] == '\t' ||
-                           text[end - 1] == '\r' || text[end - 1] == '\n')) {
+    while (end > begin && (text[end - 1] == ' ' || text[end - 1] == '\t' || text[end - 1] == '\r' ||
+                           text[end - 1] == '\n')) {
         --end;
     }
     return std::string(text.substr(begin, end - begin));
@@ -209,9 +209,9 @@ void KXNetworkEngine::Impl::start(std::unique_ptr<Transfer> transfer) {
     }
     if (handle == nullptr) {
         KXNetworkResult result;
-        result.error = KXError(NSURLErrorDomain, CURLE_OUT_OF_MEMORY,
-                               KXJSON{{"NSLocalizedDescription",
-                                       curl_easy_strerror(CURLE_OUT_OF_MEMORY)}});
+        result.error =
+            KXError(NSURLErrorDomain, CURLE_OUT_OF_MEMORY,
+                    KXJSON{{"NSLocalizedDescription", curl_easy_strerror(CURLE_OUT_OF_MEMORY)}});
         transfer->completion(std::move(result));
         return;
     }
