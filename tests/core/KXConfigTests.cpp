@@ -44,14 +44,6 @@ KXConfig& loaded(const std::string& entries) {
 
 }  // namespace
 
-TEST(KXConfig, StartsEmpty) {
-    const auto& config = KXConfig::defaultConfig();
-    EXPECT_EQ(config.appId(), std::nullopt);
-    EXPECT_FALSE(config.inProduction());
-    EXPECT_EQ(config.analyticsSessionInterval(), 0);
-    EXPECT_FALSE(config.validateInboxDomainId());
-}
-
 TEST(KXConfig, LoadsEveryKeyOfAnXMLPropertyListThroughAnyInstance) {
     const auto& config = loaded(kFullEntries);
     EXPECT_EQ(config.appId(), "app-1");

@@ -61,21 +61,6 @@ struct fmt::formatter<FormatProbe> : fmt::formatter<std::string_view> {
     }
 };
 
-TEST(KXLogGlobals, StartWithDocumentedValues) {
-    EXPECT_TRUE(kxLoggingEnabled);
-    EXPECT_EQ(kxLogLevel, 1);
-    EXPECT_FALSE(kxLoggingToDiskEnabled);
-    EXPECT_TRUE(badging);
-    EXPECT_FALSE(analyticsEnabled);
-    EXPECT_EQ(inboxPageSize, 20);
-    EXPECT_EQ(listPageSize, 20);
-    EXPECT_STREQ(KX_IOS_SDK_VERSION_STRING, "1.0.8.1");
-    EXPECT_STREQ(KXClientFrameworkVersionString,
-                 "@(#)PROGRAM:KXClientFramework  PROJECT:KXClientFramework-1\n");
-    EXPECT_STREQ(kKXAFOAuthClientCredentialsGrantType, "client_credentials");
-    EXPECT_STREQ(kKXAFOAuthScope, "RETURN_ALL_CLIENT_SCOPES");
-}
-
 TEST_F(KXLogTest, LevelSettingGatesEachLevel) {
     struct Row {
         std::int64_t setting;

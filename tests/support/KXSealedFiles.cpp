@@ -64,4 +64,18 @@ std::string xmlPropertyList(const std::string& entries) {
            entries + "</dict>\n</plist>\n";
 }
 
+void sealCredentialConfiguration(const std::filesystem::path& sealed, const std::string& key,
+                                 const std::string& moreEntries) {
+    const std::string entries =
+        "<key>appId</key><string>app-1</string>"
+        "<key>stageClientId</key><string>stage-id</string>"
+        "<key>stageClientSecret</key><string>stage-secret</string>"
+        "<key>prodClientId</key><string>prod-id</string>"
+        "<key>prodClientSecret</key><string>prod-secret</string>" +
+        moreEntries;
+    const std::filesystem::path plain = sealed.parent_path() / "config.plist";
+    writeText(plain, xmlPropertyList(entries));
+    sealWithOpenSSL(plain, sealed, key);
+}
+
 }  // namespace kxtest

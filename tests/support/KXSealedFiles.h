@@ -26,4 +26,10 @@ void sealWithOpenSSL(const std::filesystem::path& plain, const std::filesystem::
 /// An XML property list whose dictionary holds `entries` (already-formatted XML key/value pairs).
 std::string xmlPropertyList(const std::string& entries);
 
+/// Seals, with `key`, a configuration holding the application id "app-1" and the staging
+/// ("stage-id", "stage-secret") and production ("prod-id", "prod-secret") client credentials,
+/// plus `moreEntries`; the plain property list is left next to `sealed` as config.plist.
+void sealCredentialConfiguration(const std::filesystem::path& sealed, const std::string& key,
+                                 const std::string& moreEntries = {});
+
 }  // namespace kxtest

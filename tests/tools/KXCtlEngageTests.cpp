@@ -29,16 +29,7 @@ protected:
     std::filesystem::path configFile = directory / "frontdesk.sealed";
     KXLoopbackService service;
 
-    void SetUp() override {
-        const std::string entries =
-            "<key>appId</key><string>app-1</string>"
-            "<key>stageClientId</key><string>stage-id</string>"
-            "<key>stageClientSecret</key><string>stage-secret</string>"
-            "<key>prodClientId</key><string>prod-id</string>"
-            "<key>prodClientSecret</key><string>prod-secret</string>";
-        kxtest::writeText(directory / "config.plist", kxtest::xmlPropertyList(entries));
-        kxtest::sealWithOpenSSL(directory / "config.plist", configFile, kKey);
-    }
+    void SetUp() override { kxtest::sealCredentialConfiguration(configFile, kKey); }
 
     ProcessResult kxctl(std::vector<std::string> arguments, const std::string& key = kKey) {
         std::vector<std::string> all = {"--config",   configFile.string(),

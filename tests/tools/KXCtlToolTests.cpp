@@ -29,16 +29,9 @@ protected:
     void SetUp() override { writeConfiguration(false); }
 
     void writeConfiguration(bool inProduction) {
-        const std::string entries =
-            "<key>appId</key><string>app-1</string>"
-            "<key>stageClientId</key><string>stage-id</string>"
-            "<key>stageClientSecret</key><string>stage-secret</string>"
-            "<key>prodClientId</key><string>prod-id</string>"
-            "<key>prodClientSecret</key><string>prod-secret</string>"
-            "<key>inProduction</key>" +
-            std::string(inProduction ? "<true/>" : "<false/>");
-        kxtest::writeText(directory / "config.plist", kxtest::xmlPropertyList(entries));
-        kxtest::sealWithOpenSSL(directory / "config.plist", configFile, kKey);
+        kxtest::sealCredentialConfiguration(
+            configFile, kKey,
+            std::string("<key>inProduction</key>") + (inProduction ? "<true/>" : "<false/>"));
     }
 
     /// Every endpoint points at the loopback service.

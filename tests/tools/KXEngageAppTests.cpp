@@ -22,14 +22,7 @@ protected:
         if (!std::filesystem::exists(program)) {
             GTEST_SKIP() << "examples are not built in this configuration";
         }
-        const std::string entries =
-            "<key>appId</key><string>app-1</string>"
-            "<key>stageClientId</key><string>stage-id</string>"
-            "<key>stageClientSecret</key><string>stage-secret</string>"
-            "<key>prodClientId</key><string>prod-id</string>"
-            "<key>prodClientSecret</key><string>prod-secret</string>";
-        kxtest::writeText(directory / "config.plist", kxtest::xmlPropertyList(entries));
-        kxtest::sealWithOpenSSL(directory / "config.plist", directory / "KXConfig.enc", kKey);
+        kxtest::sealCredentialConfiguration(directory / "KXConfig.enc", kKey);
     }
 
     kxtest::ProcessResult run(const std::string& key, std::vector<std::string> extra = {}) {
