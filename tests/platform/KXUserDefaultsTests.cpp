@@ -17,6 +17,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <random>
 #include <string>
@@ -63,6 +64,59 @@ template <typename Body>
     } catch (...) {
     }
     _exit(ok ? 0 : 1);
+}
+
+/// Runs `rounds` rounds: a child process runs `writeForever` (which calls `ready` once its first
+/// write is complete and then keeps writing), is killed at a random moment within `spread`, and
+/// `check` inspects what it left. Temporary files of interrupted writes are counted and removed.
+/// Stops early after a fatal failure; returns the number of kills that interrupted a write.
+int killWritersAtRandomMoments(
+    const fs::path& directory, int rounds, int spreadMicroseconds,
+    const std::function<void(int, const std::function<void()>&)>& writeForever,
+    const std::function<void(int)>& check) {
+    std::mt19937 random(std::random_device{}());
+    int interrupted = 0;
+    for (int round = 0; round < rounds; ++round) {
+        int ready[2];
+        if (pipe(ready) != 0) {
+            ADD_FAILURE() << "pipe failed";
+            break;
+        }
+        const pid_t child = fork();
+        if (child == -1) {
+            ADD_FAILURE() << "fork failed";
+            close(ready[0]);
+            close(ready[1]);
+            break;
+        }
+        if (child == 0) {
+            inChild([&] {
+                close(ready[0]);
+                writeForever(round, [&] { (void)!write(ready[1], "r", 1); });
+                return true;
+            });
+        }
+        close(ready[1]);
+        char signal = 0;
+        EXPECT_EQ(read(ready[0], &signal, 1), 1);
+        close(ready[0]);
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % spreadMicroseconds));
+        kill(child, SIGKILL);
+        int status = 0;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_TRUE(WIFSIGNALED(status));
+        check(round);
+        if (testing::Test::HasFatalFailure()) {
+            break;
+        }
+        for (const auto& entry : fs::directory_iterator(directory)) {
+            if (entry.path().filename().string().find(".tmp-") != std::string::npos) {
+                ++interrupted;
+                fs::remove(entry.path());
+            }
+        }
+    }
+    return interrupted;
 }
 
 }  // namespace
@@ -161,55 +215,31 @@ TEST(KXFileUserDefaults, AProcessKilledWhileSynchronisingLeavesTheOldOrTheNewFil
         ASSERT_TRUE(defaults.synchronize());
     }
 
-    std::mt19937 random(std::random_device{}());
-    int interruptedWrites = 0;
-    for (int round = 0; round < 10; ++round) {
-        int ready[2];
-        ASSERT_EQ(pipe(ready), 0);
-        const pid_t child = fork();
-        ASSERT_NE(child, -1);
-        if (child == 0) {
-            inChild([&] {
-                close(ready[0]);
-                KXFileUserDefaults defaults(file);
-                for (int generation = round * 1000;; ++generation) {
-                    const KXJSON content = bigContent(generation);
-                    for (const auto& [key, value] : content.items()) {
-                        defaults.setObject(key, value);
-                    }
-                    defaults.synchronize();
-                    if (generation == round * 1000) {
-                        (void)!write(ready[1], "r", 1);  // in the loop: the kill may come now
-                    }
+    const int interrupted = killWritersAtRandomMoments(
+        file.parent_path(), 10, 40000,
+        [&](int round, const std::function<void()>& ready) {
+            KXFileUserDefaults defaults(file);
+            for (int generation = round * 1000;; ++generation) {
+                const KXJSON content = bigContent(generation);
+                for (const auto& [key, value] : content.items()) {
+                    defaults.setObject(key, value);
                 }
-                return true;
-            });
-        }
-        close(ready[1]);
-        char signal = 0;
-        ASSERT_EQ(read(ready[0], &signal, 1), 1);
-        close(ready[0]);
-        // Somewhere in the middle of one of the following writes.
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 40000));
-        kill(child, SIGKILL);
-        int status = 0;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        ASSERT_TRUE(WIFSIGNALED(status));
-
-        // Whatever moment the kill hit, the file is one complete version.
-        const auto parsed = KXPropertyList::parse(readFile(file));
-        ASSERT_TRUE(parsed.has_value()) << "torn file after round " << round;
-        const int generation = parsed->at("generation").get<int>();
-        ASSERT_TRUE(*parsed == bigContent(generation)) << "a mixture of versions, round " << round;
-        EXPECT_GE(generation, round * 1000) << "the child's first complete write is kept";
-        for (const auto& entry : fs::directory_iterator(file.parent_path())) {
-            if (entry.path().filename().string().find(".tmp-") != std::string::npos) {
-                ++interruptedWrites;  // the kill landed in the middle of a write
-                fs::remove(entry.path());
+                defaults.synchronize();
+                if (generation == round * 1000) {
+                    ready();  // in the loop: the kill may come now
+                }
             }
-        }
-    }
-    std::cout << "kills that interrupted a write: " << interruptedWrites << " of 10\n";
+        },
+        [&](int round) {
+            // Whatever moment the kill hit, the file is one complete version.
+            const auto parsed = KXPropertyList::parse(readFile(file));
+            ASSERT_TRUE(parsed.has_value()) << "torn file after round " << round;
+            const int generation = parsed->at("generation").get<int>();
+            ASSERT_TRUE(*parsed == bigContent(generation))
+                << "a mixture of versions, round " << round;
+            EXPECT_GE(generation, round * 1000) << "the child's first complete write is kept";
+        });
+    std::cout << "kills that interrupted a write: " << interrupted << " of 10\n";
 }
 
 // The replacement itself, with the time spent almost entirely in writing: whenever the kill
@@ -222,41 +252,19 @@ TEST(KXAtomicFile, AKillDuringReplacementLeavesExactlyTheOldOrTheNewBytes) {
     const std::string original = "original";
     ASSERT_TRUE(kxWriteFileAtomically(file, original, 0600));
 
-    std::mt19937 random(std::random_device{}());
-    int interrupted = 0;
-    for (int round = 0; round < 12; ++round) {
-        int ready[2];
-        ASSERT_EQ(pipe(ready), 0);
-        const pid_t child = fork();
-        ASSERT_NE(child, -1);
-        if (child == 0) {
-            inChild([&] {
-                close(ready[0]);
-                (void)!write(ready[1], "r", 1);
-                for (std::size_t i = 0;; ++i) {
-                    kxWriteFileAtomically(file, versions[i % 2], 0600);
-                }
-                return true;
-            });
-        }
-        close(ready[1]);
-        char signal = 0;
-        ASSERT_EQ(read(ready[0], &signal, 1), 1);
-        close(ready[0]);
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 30000));
-        kill(child, SIGKILL);
-        ASSERT_EQ(waitpid(child, nullptr, 0), child);
-
-        const std::string bytes = readFile(file);
-        ASSERT_TRUE(bytes == original || bytes == versions[0] || bytes == versions[1])
-            << "torn file of " << bytes.size() << " bytes in round " << round;
-        for (const auto& entry : fs::directory_iterator(file.parent_path())) {
-            if (entry.path().filename().string().find(".tmp-") != std::string::npos) {
-                ++interrupted;
-                fs::remove(entry.path());
+    const int interrupted = killWritersAtRandomMoments(
+        file.parent_path(), 12, 30000,
+        [&](int, const std::function<void()>& ready) {
+            ready();
+            for (std::size_t i = 0;; ++i) {
+                kxWriteFileAtomically(file, versions[i % 2], 0600);
             }
-        }
-    }
+        },
+        [&](int round) {
+            const std::string bytes = readFile(file);
+            ASSERT_TRUE(bytes == original || bytes == versions[0] || bytes == versions[1])
+                << "torn file of " << bytes.size() << " bytes in round " << round;
+        });
     std::cout << "kills that interrupted a write: " << interrupted << " of 12\n";
 }
 
