@@ -3,6 +3,7 @@
 #include <KXClientFramework/KXClientFrameworkAppDelegate.h>
 #include <KXClientFramework/KXDevice.h>
 #include <KXClientFramework/KXLog.h>
+#include <KXClientFramework/KXNotificationActionHandler.h>
 
 using Callback = KXApplicationDelegateCallback;
 
@@ -60,8 +61,8 @@ void KXClientFrameworkAppDelegate::handleActionWithIdentifier(
     std::function<void()> completionHandler) {
     KX_LOG_INFO("HandleActionWithIdentifier: {} and userInfo: {}", identifier,
                 userInfo.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
-    // Not yet handed to an action handler: the invitation actions (subscribing on accept) are
-    // not part of the library yet. The system is told at once that the tap was handled.
+    KXNotificationActionHandler::handleIdentifier(identifier, userInfo);
+    // The system is told at once that the tap was handled; the action's requests go on.
     if (completionHandler) {
         completionHandler();
     }
