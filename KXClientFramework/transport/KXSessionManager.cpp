@@ -3,6 +3,7 @@
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXOAuth2Client.h>
 #include <KXClientFramework/KXSessionManager.h>
+#include <KXClientFramework/KXTransportActivity.h>
 
 #include "transport/internal/KXURLUtilities.h"
 
@@ -192,14 +193,18 @@ void KXSessionManager::requestWithMethod(const std::string& method, const std::s
         }
         return;
     }
+    // While the request waits for its token it is under way too.
+    auto wait = KXTransportActivity::beginTokenWait();
     KXOAuth2Client::client().refreshBearerTokenWithSuccess(
-        [this, method, URL, parameters, request](const std::shared_ptr<KXBearerToken>&) {
+        [this, method, URL, parameters, request, wait](const std::shared_ptr<KXBearerToken>&) {
             KXURLRequest built = requestWithMethod(method, URL, parameters);
             if (request) {
                 request(built);
             }
+            wait->end();
         },
-        [failure](const KXError& error) {
+        [failure, wait](const KXError& error) {
+            wait->end();
             KX_LOG_ERROR("ERROR: {}", error.description());
             if (failure) {
                 failure(error);
