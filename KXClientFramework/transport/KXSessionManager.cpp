@@ -1,8 +1,8 @@
-#include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXOAuth2Client.h>
 #include <KXClientFramework/KXSessionManager.h>
+#include <KXClientFramework/KXSettings.h>
 #include <KXClientFramework/KXTransportActivity.h>
 
 #include "transport/internal/KXURLUtilities.h"
@@ -46,7 +46,7 @@ std::string KXSessionManager::kxBaseURI() {
     if (KXConfig::defaultConfig().inProduction()) {
         return "/KXFrontier";
     }
-    const KXClientFramework& settings = KXClientFramework::sharedManager();
+    const KXSettings& settings = KXSettings::shared();
     switch (settings.environment()) {
         case 1:
         case 2:
@@ -71,9 +71,9 @@ KXSessionManager::KXSessionManager() {
 KXSessionManager::~KXSessionManager() = default;
 
 void KXSessionManager::configureBaseUrl() {
-    const std::int64_t environment = KXClientFramework::sharedManager().environment();
+    const std::int64_t environment = KXSettings::shared().environment();
     KX_LOG_DEBUG("KX iOS SDK Environment: {}", environment);
-    const KXServiceEndpoints endpoints = KXClientFramework::serviceEndpoints();
+    const KXServiceEndpoints endpoints = KXSettings::shared().serviceEndpoints();
     std::string url;
     if (KXConfig::defaultConfig().inProduction()) {
         url = endpoints.production;
@@ -98,7 +98,7 @@ void KXSessionManager::configureBaseUrl() {
 }
 
 void KXSessionManager::resetBaseURLToEnvironment(std::int64_t environment) {
-    KXClientFramework::setEnvironment(environment);
+    KXSettings::shared().setEnvironment(environment);
     configureBaseUrl();
 }
 
@@ -144,7 +144,7 @@ KXURLRequest KXSessionManager::requestWithMethod(const std::string& method, cons
         }
     }
 
-    if (KXClientFramework::sharedManager().RESTfulServiceLoggingEnabled()) {
+    if (KXSettings::shared().RESTfulServiceLoggingEnabled()) {
         KX_LOG_DEBUG("\nRequest Headers: {}\nRequest URL: {}\nRequest Parameters: {}",
                      dumpForLog(headersForLog(request.allHTTPHeaderFields)), request.URL,
                      parameters.is_null() ? std::string("(null)") : dumpForLog(parameters));
@@ -160,7 +160,7 @@ KXURLRequest KXSessionManager::authorizationRequestWithURL(const std::string& UR
     if (!parameters.is_null()) {
         request.HTTPBody = serialize(parameters);
     }
-    if (KXClientFramework::sharedManager().RESTfulServiceLoggingEnabled()) {
+    if (KXSettings::shared().RESTfulServiceLoggingEnabled()) {
         KX_LOG_DEBUG("\nRequest Headers: {}\nRequest URL: {}",
                      dumpForLog(headersForLog(request.allHTTPHeaderFields)), request.URL);
     }
