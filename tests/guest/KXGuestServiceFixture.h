@@ -10,6 +10,7 @@
 #include <KXClientFramework/KXDevice.h>
 #include <KXClientFramework/KXGuestManager.h>
 #include <KXClientFramework/KXSessionManager.h>
+#include <KXClientFramework/KXSettings.h>
 
 #include "guest/internal/KXGuestAnalytics.h"
 #include "guest/internal/KXGuestInbox.h"
@@ -80,7 +81,7 @@ class KXGuestServiceTest : public KXTransportTest {
 protected:
     KXGuestServiceTest() {
         giveToken();
-        KXClientFramework::sharedManager().setApplicationId(kTestApplicationId);
+        KXSettings::shared().setApplicationId(kTestApplicationId);
         kxSetAnalyticsSessionPoster([this](auto success, auto) {
             ++analyticsPosts;
             if (success) {

@@ -1,7 +1,7 @@
 #include "guest/internal/KXGuestSettings.h"
 
-#include <KXClientFramework/KXClientFramework.h>
+#include <KXClientFramework/KXSettings.h>
 
 std::optional<std::string> kxGuestApplicationId() {
-    return KXClientFramework::sharedManager().applicationId();
+    return KXSettings::shared().applicationId();
 }
