@@ -15,6 +15,7 @@
 #include <string>
 
 class KXClientFrameworkAppDelegateProxy;
+class KXGuest;
 struct KXNotification;
 
 /// The library's façade.
@@ -101,6 +102,18 @@ public:
     /// ones only recompute backgroundNotificationEnabled().
     void engageUsingKey(const std::string& key);
 
+    /// engageUsingKey(), then makes sure a guest exists for this installation. With the
+    /// configuration's autoGuestEnabled, the guest id stored under autoGuestStorageKey() is
+    /// fetched, or without one a new guest is registered; either way the guest's externalId is
+    /// stored (back) under that key and `success` gets the guest, or `failure` the error (the
+    /// stored id then stays). Without autoGuestEnabled the entry is removed, the current guest
+    /// logged out, and `success` gets null. Either block may be empty.
+    void engageWithAutoGuestUsingKey(const std::string& key,
+                                     std::function<void(const std::shared_ptr<KXGuest>&)> success,
+                                     std::function<void(const KXError&)> failure);
+    /// The user-defaults key of the automatic guest's id: "<client id>-GUEST-ID" with the
+    /// configuration's production client id when inProduction, the staging one otherwise.
+    static std::string autoGuestStorageKey();
     /// Re-initialises the shared token client with the credentials and authenticates; either
     /// block may be empty. Callbacks arrive on the main queue.
     void authenticateWithClientId(const std::optional<std::string>& clientId,
