@@ -1,6 +1,5 @@
 #include "inbox/internal/KXInboxGuest.h"
 
-#if __has_include(<KXClientFramework/KXGuest.h>)
 #include <KXClientFramework/KXGuest.h>
 
 namespace kx::inbox {
@@ -14,14 +13,3 @@ bool currentGuestHasInboxDeliveryProfile() {
 }
 
 }  // namespace kx::inbox
-#else
-// TEMPORARY until the guest records are merged.
-namespace kx::inbox {
-std::optional<std::string> currentGuestExternalId() {
-    return std::nullopt;
-}
-bool currentGuestHasInboxDeliveryProfile() {
-    return false;
-}
-}  // namespace kx::inbox
-#endif
