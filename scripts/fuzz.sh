@@ -37,6 +37,10 @@ export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
 for target in "${targets[@]}"; do
     name="$(basename "$target")"
     mkdir -p "$work/corpus/$name" "$findings/$name"
+    # Hand-written seeds (service replies as JSON) live in tests/fuzz/seeds/<target>/.
+    if [ -d "tests/fuzz/seeds/$name" ]; then
+        cp tests/fuzz/seeds/"$name"/* "$work/corpus/$name/"
+    fi
     echo "== $name: ${seconds}s"
     if ! "$target" -max_total_time="$seconds" -timeout=30 -rss_limit_mb=2048 -print_final_stats=1 \
             -artifact_prefix="$findings/$name/" "$work/corpus/$name" >"$work/$name.log" 2>&1; then

@@ -187,6 +187,7 @@ TEST_F(HTTPSessionManager, AbsoluteURLsFollowEachBaseURLAndResolveDotSegments) {
         {"HTTP://H.invalid", "/Up", "http://H.invalid/Up"},
         {"not a base URL", "/a", "not a base URL/a"},
         {"http://127.0.0.1:9650", "/c d", "http://127.0.0.1:9650/c%20d"},
+        {"http://127.0.0.1:9650", "/t?tag=a%26b%2x%", "http://127.0.0.1:9650/t?tag=a%26b%252x%25"},
     };
     for (const Case& c : cases) {
         transport().setBaseURL(c.base);
