@@ -1,4 +1,5 @@
 #include <KXClientFramework/KXError.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXException.h>
 
 #include <fmt/format.h>
@@ -28,7 +29,7 @@ std::string KXError::description() const {
     const std::string info =
         userInfo.is_null()
             ? "{}"
-            : userInfo.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+            : KXJSONReader::dump(userInfo);
     return fmt::format("Error Domain={} Code={} \"{}\" UserInfo={}", domain, code,
                        localizedDescription(), info);
 }

@@ -1,4 +1,5 @@
 #include <KXClientFramework/KXApplication.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXClientFrameworkAppDelegate.h>
 #include <KXClientFramework/KXDevice.h>
@@ -59,7 +60,7 @@ void KXClientFrameworkAppDelegate::handleActionWithIdentifier(
     KXApplication& /*application*/, const std::string& identifier, const KXJSON& userInfo,
     std::function<void()> completionHandler) {
     KX_LOG_INFO("HandleActionWithIdentifier: {} and userInfo: {}", identifier,
-                userInfo.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+                KXJSONReader::dump(userInfo));
     // Not yet handed to an action handler: the invitation actions (subscribing on accept) are
     // not part of the library yet. The system is told at once that the tap was handled.
     if (completionHandler) {

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -158,4 +160,33 @@ TEST_F(KXLogTest, UnwritableLogFileLosesTheLineQuietly) {
     std::filesystem::create_directories(path);  // a directory where the file should be
     KXDiskLogger().writeLogToDisk("lost");
     EXPECT_TRUE(std::filesystem::is_directory(path));
+}
+
+TEST_F(KXLogTest, TheDiskLogAndTheFoldersItCreatesAreOwnerOnly) {
+    namespace fs = std::filesystem;
+    const fs::path path = KXDiskLogger::logFilePath();
+    const fs::path folder = path.parent_path();
+    fs::remove_all(folder);
+    const fs::path outer = fs::exists(folder.parent_path()) ? folder : folder.parent_path();
+    const mode_t previous = ::umask(0);  // nothing hides wider permissions from the checks
+    KXDiskLogger().writeLogToDisk("token abc");
+    ::umask(previous);
+    for (fs::path created = folder; created != outer.parent_path(); created = created.parent_path()) {
+        EXPECT_EQ(fs::status(created).permissions(), fs::perms::owner_all) << created;
+    }
+    EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+
+    // A log an older version left readable by everyone is narrowed at the next line.
+    fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read |
+                              fs::perms::others_read);
+    KXDiskLogger().writeLogToDisk("second");
+    EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(readFile(path), "token abc\nsecond\n");
+
+    // A symbolic link in the log's place is not followed.
+    const fs::path elsewhere = folder / "elsewhere";
+    fs::remove(path);
+    fs::create_symlink(elsewhere, path);
+    KXDiskLogger().writeLogToDisk("diverted");
+    EXPECT_FALSE(fs::exists(elsewhere));
 }

@@ -434,4 +434,10 @@ TEST_F(TokenGate, ATokenAnswerWithoutJSONLeavesTheRequestWaitingForever) {
     EXPECT_EQ(outcome.callbacks(), 0);
     EXPECT_FALSE(transport().bearerToken());
     EXPECT_TRUE(service.requestsTo("/inbox").empty());
+
+    // The dropped fetch does not hold up the next request: it asks for a token of its own.
+    service.scriptToken("later");
+    EXPECT_EQ(get("/inbox").successes, 1);
+    EXPECT_EQ(service.requestsTo("/token").size(), 2u);
+    EXPECT_EQ(outcome.callbacks(), 0);
 }
