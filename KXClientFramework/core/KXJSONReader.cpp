@@ -21,7 +21,9 @@ public:
         return place(value) != nullptr;
     }
     bool string(KXJSON::string_t& value) { return place(std::move(value)) != nullptr; }
-    bool binary(KXJSON::binary_t& value) { return place(KXJSON::binary(std::move(value))) != nullptr; }
+    bool binary(KXJSON::binary_t& value) {
+        return place(KXJSON::binary(std::move(value))) != nullptr;
+    }
     bool start_object(std::size_t /*elements*/) { return open(KXJSON::object()); }
     bool start_array(std::size_t /*elements*/) { return open(KXJSON::array()); }
     bool end_object() { return close(); }

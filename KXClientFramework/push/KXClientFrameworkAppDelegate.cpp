@@ -1,8 +1,8 @@
 #include <KXClientFramework/KXApplication.h>
-#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXClientFrameworkAppDelegate.h>
 #include <KXClientFramework/KXDevice.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLog.h>
 
 using Callback = KXApplicationDelegateCallback;

@@ -20,8 +20,8 @@ bool isHTTPSuccess(const KXHTTPResponse* response) {
                 headers[name] = value;
             }
         }
-        KX_LOG_DEBUG("\nResponse Headers: {}\nResponse StatusCode: {}",
-                     KXJSONReader::dump(headers), status);
+        KX_LOG_DEBUG("\nResponse Headers: {}\nResponse StatusCode: {}", KXJSONReader::dump(headers),
+                     status);
     }
     return static_cast<unsigned long>(status - 200) < 100;
 }

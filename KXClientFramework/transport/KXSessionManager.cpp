@@ -1,6 +1,6 @@
 #include <KXClientFramework/KXClientFramework.h>
-#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXConfig.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXOAuth2Client.h>
 #include <KXClientFramework/KXSessionManager.h>

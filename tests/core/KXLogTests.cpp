@@ -171,7 +171,8 @@ TEST_F(KXLogTest, TheDiskLogAndTheFoldersItCreatesAreOwnerOnly) {
     const mode_t previous = ::umask(0);  // nothing hides wider permissions from the checks
     KXDiskLogger().writeLogToDisk("token abc");
     ::umask(previous);
-    for (fs::path created = folder; created != outer.parent_path(); created = created.parent_path()) {
+    for (fs::path created = folder; created != outer.parent_path();
+         created = created.parent_path()) {
         EXPECT_EQ(fs::status(created).permissions(), fs::perms::owner_all) << created;
     }
     EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write);

@@ -91,13 +91,19 @@ TEST_F(KXConfigToolHostileInput, OutputsAreReplacedWholeOrWrittenInPlaceButNever
         {"a link to a file stays a link and the file keeps its mode",
          [](const fs::path& folder) {
              kxtest::writeText(folder / "real.enc", "old");
-             fs::permissions(folder / "real.enc",
-                             fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+             fs::permissions(folder / "real.enc", fs::perms::owner_read | fs::perms::owner_write |
+                                                      fs::perms::group_read);
              fs::create_symlink("real.enc", folder / "link.enc");
          },
          [&](const fs::path& folder) {
-             return std::vector<std::string>{"encrypt", "--format", "salted", "--password", "pw",
-                                             "-i", (folder / "plain").string(), "-o",
+             return std::vector<std::string>{"encrypt",
+                                             "--format",
+                                             "salted",
+                                             "--password",
+                                             "pw",
+                                             "-i",
+                                             (folder / "plain").string(),
+                                             "-o",
                                              (folder / "link.enc").string()};
          },
          [](const fs::path& folder, const ProcessResult&) {
@@ -113,8 +119,14 @@ TEST_F(KXConfigToolHostileInput, OutputsAreReplacedWholeOrWrittenInPlaceButNever
              fs::create_symlink("victim", folder / "out.enc.tmp");
          },
          [](const fs::path& folder) {
-             return std::vector<std::string>{"encrypt", "--format", "salted", "--password", "pw",
-                                             "-i", (folder / "plain").string(), "-o",
+             return std::vector<std::string>{"encrypt",
+                                             "--format",
+                                             "salted",
+                                             "--password",
+                                             "pw",
+                                             "-i",
+                                             (folder / "plain").string(),
+                                             "-o",
                                              (folder / "out.enc").string()};
          },
          [](const fs::path& folder, const ProcessResult&) {
@@ -128,16 +140,21 @@ TEST_F(KXConfigToolHostileInput, OutputsAreReplacedWholeOrWrittenInPlaceButNever
          {"plain", "victim", "out.enc.tmp", "out.enc"}},
         {"opened data over an owner-only file stays owner-only",
          [&](const fs::path& folder) {
-             kxtest::writeText(folder / "sealed", kxconfig({"encrypt", "--format", "salted",
-                                                            "--password", "pw"},
-                                                           plain)
-                                                      .out);
+             kxtest::writeText(
+                 folder / "sealed",
+                 kxconfig({"encrypt", "--format", "salted", "--password", "pw"}, plain).out);
              kxtest::writeText(folder / "opened", "old secret");
              fs::permissions(folder / "opened", kOwnerOnly);
          },
          [](const fs::path& folder) {
-             return std::vector<std::string>{"decrypt", "--format", "salted", "--password", "pw",
-                                             "-i", (folder / "sealed").string(), "-o",
+             return std::vector<std::string>{"decrypt",
+                                             "--format",
+                                             "salted",
+                                             "--password",
+                                             "pw",
+                                             "-i",
+                                             (folder / "sealed").string(),
+                                             "-o",
                                              (folder / "opened").string()};
          },
          [&](const fs::path& folder, const ProcessResult&) {
@@ -147,10 +164,9 @@ TEST_F(KXConfigToolHostileInput, OutputsAreReplacedWholeOrWrittenInPlaceButNever
          {"plain", "sealed", "opened"}},
         {"new opened data and a new sealed configuration are owner-only",
          [&](const fs::path& folder) {
-             kxtest::writeText(folder / "sealed", kxconfig({"encrypt", "--format", "salted",
-                                                            "--password", "pw"},
-                                                           plain)
-                                                      .out);
+             kxtest::writeText(
+                 folder / "sealed",
+                 kxconfig({"encrypt", "--format", "salted", "--password", "pw"}, plain).out);
              kxtest::writeText(folder / "settings.json", kGoodSettings.dump());
              ASSERT_EQ(kxconfig({"seal", "--key", kKey, (folder / "settings.json").string(), "-o",
                                  (folder / "KXConfig.enc").string()})
@@ -158,8 +174,14 @@ TEST_F(KXConfigToolHostileInput, OutputsAreReplacedWholeOrWrittenInPlaceButNever
                        0);
          },
          [](const fs::path& folder) {
-             return std::vector<std::string>{"decrypt", "--format", "salted", "--password", "pw",
-                                             "-i", (folder / "sealed").string(), "-o",
+             return std::vector<std::string>{"decrypt",
+                                             "--format",
+                                             "salted",
+                                             "--password",
+                                             "pw",
+                                             "-i",
+                                             (folder / "sealed").string(),
+                                             "-o",
                                              (folder / "new").string()};
          },
          [&](const fs::path& folder, const ProcessResult&) {
@@ -167,10 +189,18 @@ TEST_F(KXConfigToolHostileInput, OutputsAreReplacedWholeOrWrittenInPlaceButNever
              EXPECT_EQ(permissionsOf(folder / "KXConfig.enc"), kOwnerOnly);
          },
          {"plain", "sealed", "settings.json", "KXConfig.enc", "new"}},
-        {"a device is written to, not replaced", [](const fs::path&) {},
+        {"a device is written to, not replaced",
+         [](const fs::path&) {},
          [](const fs::path& folder) {
-             return std::vector<std::string>{"encrypt", "--format", "salted", "--password", "pw",
-                                             "-i", (folder / "plain").string(), "-o", "/dev/null"};
+             return std::vector<std::string>{"encrypt",
+                                             "--format",
+                                             "salted",
+                                             "--password",
+                                             "pw",
+                                             "-i",
+                                             (folder / "plain").string(),
+                                             "-o",
+                                             "/dev/null"};
          },
          [](const fs::path&, const ProcessResult&) {
              EXPECT_TRUE(fs::is_character_file("/dev/null"));
@@ -195,10 +225,9 @@ TEST_F(KXConfigToolHostileInput, APipeReceivesTheOutputAndStaysAPipe) {
     ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
     std::string received;
     std::thread reader([&] { received = readText(pipe); });
-    const ProcessResult result =
-        kxconfig({"decrypt", "--format", "salted", "--password", "pw", "-o", pipe.string()},
-                 kxconfig({"encrypt", "--format", "salted", "--password", "pw"}, "through a pipe")
-                     .out);
+    const ProcessResult result = kxconfig(
+        {"decrypt", "--format", "salted", "--password", "pw", "-o", pipe.string()},
+        kxconfig({"encrypt", "--format", "salted", "--password", "pw"}, "through a pipe").out);
     reader.join();
     EXPECT_EQ(result.exitCode, 0) << result.err;
     EXPECT_EQ(received, "through a pipe");
@@ -221,7 +250,8 @@ TEST_F(KXConfigToolHostileInput, AKilledRunLeavesNoTemporaryFileBehind) {
         }
         argv.push_back(nullptr);
         pid_t child = 0;
-        ASSERT_EQ(::posix_spawn(&child, program.c_str(), nullptr, nullptr, argv.data(), environ), 0);
+        ASSERT_EQ(::posix_spawn(&child, program.c_str(), nullptr, nullptr, argv.data(), environ),
+                  0);
         std::this_thread::sleep_for(std::chrono::milliseconds(delay));
         ::kill(child, SIGKILL);
         int status = 0;
@@ -274,8 +304,9 @@ TEST_F(KXConfigToolHostileInput, CheckReportsEverySettingTheLibraryWouldNotReadA
         std::string entries;  // XML property-list entries added to good settings
         std::vector<std::string> problems;
     };
-    const std::string credentials = "<key>stageClientId</key><string>s1</string>"
-                                    "<key>stageClientSecret</key><string>s2</string>";
+    const std::string credentials =
+        "<key>stageClientId</key><string>s1</string>"
+        "<key>stageClientSecret</key><string>s2</string>";
     const std::vector<Case> cases = {
         {credentials + "<key>inProduction</key><false/><key>analyticsSessionInterval</key>"
                        "<integer>300</integer><key>favouriteColour</key><string>blue</string>",
@@ -332,8 +363,7 @@ TEST_F(KXConfigToolHostileInput, FailuresSayWhatIsWrong) {
         {{"open", "--key", "wrong", output.string()}, "wrong key or damaged file"},
         {{"check", "--key", "wrong", output.string()}, "wrong key or damaged file"},
         {{"open", "--key", kKey, (directory / "empty.enc").string()}, "empty.enc is empty"},
-        {{"open", "--key", kKey, (directory / "absent.enc").string()},
-         "No such file or directory"},
+        {{"open", "--key", kKey, (directory / "absent.enc").string()}, "No such file or directory"},
         {{"check", "--key", kKey, (directory / "absent.enc").string()},
          "No such file or directory"},
     };

@@ -63,7 +63,8 @@ TEST_F(HostileService, AnswersBeyondTheJSONLimitsAreRefusedWithAClearError) {
         {nested(140'000), 401, ""},
     };
     for (const Case& c : cases) {
-        service.script("GET", "/hostile", KXScriptedAnswer::text(c.status, c.body, "application/json"));
+        service.script("GET", "/hostile",
+                       KXScriptedAnswer::text(c.status, c.body, "application/json"));
         const KXCallOutcome outcome = get("/hostile");
         const std::string label = c.body.substr(0, 8) + " x" + std::to_string(c.body.size());
         if (c.status != 200) {
@@ -130,8 +131,7 @@ TEST_F(HostileService, TokenAnswersWithoutAUsableTokenFailEveryWaitingRequestOnc
          KXScriptedAnswer::json(200, {{"access_token", {{"a", 1}}}, {"expires_in", 3600}}),
          kKXTokenAnswerErrorCode},
         {"answer nested too deeply",
-         KXScriptedAnswer::text(200, "{\"a\":" + nested(100'000) + "}", "application/json"),
-         3840},
+         KXScriptedAnswer::text(200, "{\"a\":" + nested(100'000) + "}", "application/json"), 3840},
         {"error answer nested too deeply",
          KXScriptedAnswer::text(400, nested(100'000), "application/json"), 400},
     };

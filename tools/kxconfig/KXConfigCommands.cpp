@@ -9,10 +9,10 @@
 #include <KXClientFramework/KXPropertyList.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>

@@ -18,8 +18,7 @@ namespace {
 }
 
 std::vector<std::uint8_t> result(std::optional<std::vector<std::uint8_t>> output,
-                                 const KXError& error, const char* what,
-                                 bool opening = false) {
+                                 const KXError& error, const char* what, bool opening = false) {
     if (!output) {
         fail(what, error, opening);
     }

@@ -1,5 +1,5 @@
-#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXException.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLinuxPlatform.h>
 #include <KXClientFramework/KXLog.h>
 
