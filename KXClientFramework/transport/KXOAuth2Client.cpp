@@ -172,8 +172,9 @@ void KXOAuth2Client::fetchToken(const KXJSON& parameters, SuccessBlock success,
                 success();
             }
         },
-        [failure = std::move(failure)](const std::shared_ptr<const KXHTTPResponse>&,
-                                       const KXError& error) {
+        // A copy: the block above holds the same failure, and arguments are evaluated in no
+        // fixed order.
+        [failure](const std::shared_ptr<const KXHTTPResponse>&, const KXError& error) {
             if (failure) {
                 failure(error);
             }

@@ -57,8 +57,8 @@ TEST_F(HostileService, AnswersBeyondTheJSONLimitsAreRefusedWithAClearError) {
         {nested(140'000), 200, "JSON nested deeper than 512 levels"},
         {nested(513), 200, "JSON nested deeper than 512 levels"},
         {nested(512), 200, ""},
-        {flatArray(1'000'001), 200, "JSON with more than 1000000 values"},
-        {flatArray(1'000'000), 200, ""},
+        {flatArray(1'000'000), 200, "JSON with more than 1000000 values"},  // with the array
+        {flatArray(999'999), 200, ""},
         // An error answer's body is only its user info: null when it is refused.
         {nested(140'000), 401, ""},
     };
