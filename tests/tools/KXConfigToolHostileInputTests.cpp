@@ -325,9 +325,9 @@ TEST_F(KXConfigToolHostileInput, CheckReportsEverySettingTheLibraryWouldNotReadA
          {"\"appId\" should be a string, not a dictionary: the library reads no value",
           "\"inboxDomainId\" should be a string, not an integer (7): the library reads its "
           "decimal text"}},
-        {credentials + "<key>analyticsSessionInterval</key><integer>18446744073709551615</integer>",
-         {"\"analyticsSessionInterval\" should be a whole number of seconds, not an integer "
-          "(18446744073709551615): the library reads 9223372036854775807"}},
+        {credentials + "<key>analyticsSessionInterval</key><real>1e30</real>",
+         {"\"analyticsSessionInterval\" should be a whole number of seconds, not a number "
+          "(1e+30): the library reads 9223372036854775807"}},
         {credentials + "<key>analyticsSessionInterval</key><integer>45</integer>",
          {"\"analyticsSessionInterval\" is below the minimum of 90 seconds: the library uses 90"}},
         {"<key>stageClientId</key><string>s1</string>",

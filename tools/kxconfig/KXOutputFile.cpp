@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -54,10 +55,10 @@ public:
 
 std::string temporaryName(const std::filesystem::path& target) {
     static std::mt19937_64 random{std::random_device{}()};
-    char suffix[32];
-    std::snprintf(suffix, sizeof suffix, ".%d.%016llx", static_cast<int>(::getpid()),
+    std::array<char, 32> suffix{};
+    std::snprintf(suffix.data(), suffix.size(), ".%d.%016llx", static_cast<int>(::getpid()),
                   static_cast<unsigned long long>(random()));
-    return (target.parent_path() / ("." + target.filename().string() + suffix)).string();
+    return (target.parent_path() / ("." + target.filename().string() + suffix.data())).string();
 }
 
 void replaceRegularFile(const std::filesystem::path& target, const std::vector<std::uint8_t>& bytes,
@@ -162,11 +163,11 @@ void writeOutputFile(const std::string& path, const std::vector<std::uint8_t>& b
         return;
     }
     // An existing file, perhaps behind symbolic links: replace the file itself, keep its mode.
-    char resolved[PATH_MAX];
-    if (::realpath(path.c_str(), resolved) == nullptr) {
+    std::array<char, PATH_MAX> resolved{};
+    if (::realpath(path.c_str(), resolved.data()) == nullptr) {
         throw Failure(reason("cannot write " + path));
     }
-    replaceRegularFile(resolved, bytes, info.st_mode & 07777, path);
+    replaceRegularFile(resolved.data(), bytes, info.st_mode & 07777, path);
 }
 
 }  // namespace kxconfig
