@@ -1,9 +1,9 @@
-#include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXHTTPSessionManager.h>
 #include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXPlatform.h>
+#include <KXClientFramework/KXSettings.h>
 
 #include "transport/internal/KXURLUtilities.h"
 
@@ -13,7 +13,7 @@ namespace {
 
 bool isHTTPSuccess(const KXHTTPResponse* response) {
     const long status = response != nullptr ? response->statusCode : 0;
-    if (KXClientFramework::sharedManager().RESTfulServiceLoggingEnabled()) {
+    if (KXSettings::shared().RESTfulServiceLoggingEnabled()) {
         KXJSON headers = KXJSON::object();
         if (response != nullptr) {
             for (const auto& [name, value] : response->headers) {

@@ -51,6 +51,7 @@ int main(int argc, char** argv) {
     kxLogLevel = 1;
     KX_LOG_DEBUG("this line is neither formatted nor written");
 
-    std::printf("log file: %s\n", KXDiskLogger::logFilePath().c_str());
+    std::printf("log file: %s\n",
+                KXDiskLogger::logFilePath(KXPlatform::current().cachesDirectory()).c_str());
     return 0;
 }

@@ -3,6 +3,7 @@
 #include <KXClientFramework/KXDiskLogger.h>
 #include <KXClientFramework/KXGlobals.h>
 #include <KXClientFramework/KXLog.h>
+#include <KXClientFramework/KXPlatform.h>
 
 #include <gtest/gtest.h>
 
@@ -30,6 +31,10 @@ struct LogEmitter {
     }
 };
 
+std::filesystem::path cachesDirectory() {
+    return KXPlatform::current().cachesDirectory();
+}
+
 std::string readFile(const std::filesystem::path& path) {
     std::ifstream in(path);
     std::stringstream text;
@@ -43,7 +48,7 @@ protected:
         kxLoggingEnabled = true;
         kxLoggingToDiskEnabled = false;
         kxLogLevel = 4;
-        std::filesystem::remove_all(KXDiskLogger::logFilePath());
+        std::filesystem::remove_all(KXDiskLogger::logFilePath(cachesDirectory()));
     }
     void TearDown() override {
         kxLoggingEnabled = true;
@@ -126,7 +131,7 @@ TEST_F(KXLogTest, LoggingOffLeavesTheDiskFileAlone) {
     kxLoggingEnabled = false;
     LogEmitter::emitAllLevels();
     EXPECT_TRUE(sink->lines().empty());
-    EXPECT_FALSE(std::filesystem::exists(KXDiskLogger::logFilePath()));
+    EXPECT_FALSE(std::filesystem::exists(KXDiskLogger::logFilePath(cachesDirectory())));
 }
 
 TEST_F(KXLogTest, DiskLoggingAppendsEveryWrittenLine) {
@@ -141,38 +146,37 @@ TEST_F(KXLogTest, DiskLoggingAppendsEveryWrittenLine) {
     for (std::size_t i = 1; i < lines.size(); i += 2) {
         EXPECT_EQ(lines[i], "DISKLogger Created");
     }
-    const std::string file = readFile(KXDiskLogger::logFilePath());
+    const std::string file = readFile(KXDiskLogger::logFilePath(cachesDirectory()));
     EXPECT_EQ(file, lines[0] + "\n" + lines[2] + "\n" + lines[4] + "\n" + lines[6] + "\n");
-    EXPECT_EQ(KXDiskLogger::logFilePath().filename(), "ZandrelSDK.log");
+    EXPECT_EQ(KXDiskLogger::logFilePath(cachesDirectory()).filename(), "ZandrelSDK.log");
 }
 
 TEST_F(KXLogTest, ClearLogFromDiskKeepsTheFile) {
-    KXDiskLogger logger;
+    KXDiskLogger logger(cachesDirectory());
     logger.writeLogToDisk("first");
     logger.clearLogFromDisk();
-    KXDiskLogger().writeLogToDisk("second");
-    EXPECT_EQ(readFile(KXDiskLogger::logFilePath()), "first\nsecond\n");
+    KXDiskLogger(cachesDirectory()).writeLogToDisk("second");
+    EXPECT_EQ(readFile(KXDiskLogger::logFilePath(cachesDirectory())), "first\nsecond\n");
     EXPECT_EQ(sink->linesContaining("error: (null)").size(), 1u);
 }
 
 TEST_F(KXLogTest, UnwritableLogFileLosesTheLineQuietly) {
-    const auto path = KXDiskLogger::logFilePath();
+    const auto path = KXDiskLogger::logFilePath(cachesDirectory());
     std::filesystem::create_directories(path);  // a directory where the file should be
-    KXDiskLogger().writeLogToDisk("lost");
+    KXDiskLogger(cachesDirectory()).writeLogToDisk("lost");
     EXPECT_TRUE(std::filesystem::is_directory(path));
 }
 
 TEST_F(KXLogTest, TheDiskLogAndTheFoldersItCreatesAreOwnerOnly) {
     namespace fs = std::filesystem;
-    const fs::path path = KXDiskLogger::logFilePath();
-    const fs::path folder = path.parent_path();
-    fs::remove_all(folder);
-    const fs::path outer = fs::exists(folder.parent_path()) ? folder : folder.parent_path();
+    const fs::path outer = cachesDirectory() / "outer";
+    const fs::path folder = outer / "inner";
+    const fs::path path = KXDiskLogger::logFilePath(folder);
+    fs::remove_all(outer);
     const mode_t previous = ::umask(0);  // nothing hides wider permissions from the checks
-    KXDiskLogger().writeLogToDisk("token abc");
+    KXDiskLogger(folder).writeLogToDisk("token abc");
     ::umask(previous);
-    for (fs::path created = folder; created != outer.parent_path();
-         created = created.parent_path()) {
+    for (const fs::path& created : {outer, folder}) {
         EXPECT_EQ(fs::status(created).permissions(), fs::perms::owner_all) << created;
     }
     EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write);
@@ -180,7 +184,7 @@ TEST_F(KXLogTest, TheDiskLogAndTheFoldersItCreatesAreOwnerOnly) {
     // A log an older version left readable by everyone is narrowed at the next line.
     fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read |
                               fs::perms::others_read);
-    KXDiskLogger().writeLogToDisk("second");
+    KXDiskLogger(folder).writeLogToDisk("second");
     EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write);
     EXPECT_EQ(readFile(path), "token abc\nsecond\n");
 
@@ -188,6 +192,6 @@ TEST_F(KXLogTest, TheDiskLogAndTheFoldersItCreatesAreOwnerOnly) {
     const fs::path elsewhere = folder / "elsewhere";
     fs::remove(path);
     fs::create_symlink(elsewhere, path);
-    KXDiskLogger().writeLogToDisk("diverted");
+    KXDiskLogger(folder).writeLogToDisk("diverted");
     EXPECT_FALSE(fs::exists(elsewhere));
 }

@@ -1,6 +1,5 @@
 #include <KXClientFramework/KXDiskLogger.h>
 #include <KXClientFramework/KXLog.h>
-#include <KXClientFramework/KXPlatform.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,6 +8,7 @@
 #include <cerrno>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -35,16 +35,17 @@ void createPrivateDirectories(const std::filesystem::path& directory) {
 
 }  // namespace
 
-KXDiskLogger::KXDiskLogger() {
+KXDiskLogger::KXDiskLogger(std::filesystem::path directory)
+    : path_(logFilePath(std::move(directory))) {
     KXLog::systemLog("DISKLogger Created");
 }
 
-std::filesystem::path KXDiskLogger::logFilePath() {
-    return KXPlatform::current().cachesDirectory() / kLogFileName;
+std::filesystem::path KXDiskLogger::logFilePath(const std::filesystem::path& directory) {
+    return directory / kLogFileName;
 }
 
 void KXDiskLogger::writeLogToDisk(std::string_view line) {
-    const std::filesystem::path path = logFilePath();
+    const std::filesystem::path& path = path_;
     createPrivateDirectories(path.parent_path());
 
     // One append-mode write per line keeps concurrent writers from splitting each other's lines.
@@ -82,6 +83,14 @@ void KXDiskLogger::writeLogToDisk(std::string_view line) {
 
 void KXDiskLogger::clearLogFromDisk() {
     // The log is kept for support: asking to clear it only reports that nothing was removed.
-    (void)logFilePath();
     KXLog::systemLog("error: (null)");
+}
+
+KXDiskLogSink::KXDiskLogSink(std::filesystem::path directory)
+    : directory_([directory = std::move(directory)] { return directory; }) {}
+
+KXDiskLogSink::KXDiskLogSink(DirectoryProvider directory) : directory_(std::move(directory)) {}
+
+void KXDiskLogSink::write(std::string_view line) {
+    KXDiskLogger(directory_ ? directory_() : std::filesystem::path()).writeLogToDisk(line);
 }
