@@ -89,10 +89,10 @@ TEST_F(SandboxDurability, ConcurrentClientsAreServedInParallelAndEveryWriteLands
             client.set_keep_alive(true);
             for (int i = 0; i < kEach; ++i) {
                 const std::string id = "c" + std::to_string(c) + "-" + std::to_string(i);
-                const auto answer = client.Post(
-                    "/ZandrelService/rest/bu/BU1/guests",
-                    httplib::Headers{{"Authorization", "BEARER " + token}},
-                    KXJSON{{"externalId", id}}.dump(), "application/json");
+                const auto answer =
+                    client.Post("/ZandrelService/rest/bu/BU1/guests",
+                                httplib::Headers{{"Authorization", "BEARER " + token}},
+                                KXJSON{{"externalId", id}}.dump(), "application/json");
                 if (answer && answer->status == 201 &&
                     answer->get_header_value("newRecordId") == id) {
                     ++created;
@@ -111,9 +111,9 @@ TEST_F(SandboxDurability, ConcurrentClientsAreServedInParallelAndEveryWriteLands
     }
     EXPECT_EQ(created, kClients * kEach);
     EXPECT_EQ(blocked, 0);
-    const kxtest::ProcessResult guests = kxtest::runProcess(
-        kxtest::builtProgram("tools/kxsandbox/kxsandbox"),
-        {"--db", database.string(), "guests", "--tenant", "BU1", "--json"});
+    const kxtest::ProcessResult guests =
+        kxtest::runProcess(kxtest::builtProgram("tools/kxsandbox/kxsandbox"),
+                           {"--db", database.string(), "guests", "--tenant", "BU1", "--json"});
     ASSERT_EQ(guests.exitCode, 0) << guests.err;
     EXPECT_EQ(KXJSON::parse(guests.out).size(), static_cast<std::size_t>(kClients * kEach));
 }

@@ -74,12 +74,13 @@ protected:
                                         const std::string& secret = "stage-secret") {
         bool done = false;
         std::optional<KXError> failure;
-        KXOAuth2Client::client().initWithClientId(clientId, secret).authenticateWithSuccess(
-            [&] { done = true; },
-            [&](const KXError& error) {
-                failure = error;
-                done = true;
-            });
+        KXOAuth2Client::client()
+            .initWithClientId(clientId, secret)
+            .authenticateWithSuccess([&] { done = true; },
+                                     [&](const KXError& error) {
+                                         failure = error;
+                                         done = true;
+                                     });
         EXPECT_TRUE(runUntil([&] { return done; })) << "no answer from the token endpoint";
         return failure;
     }

@@ -39,19 +39,18 @@ TEST_F(SandboxOperator, MessagesSentByTheOperatorArriveInTheGuestsInbox) {
         const char* type;
         const char* body;
     };
-    for (const Case& c : std::vector<Case>{{{"--html", html.string()}, "text/html",
-                                            "<p>Pool closed today</p>"},
-                                           {{"--text", "Hello"}, "text/plain", "Hello"},
-                                           {{"--url", "https://example.com/x"}, "text/uri-list",
-                                            "https://example.com/x"}}) {
+    for (const Case& c : std::vector<Case>{
+             {{"--html", html.string()}, "text/html", "<p>Pool closed today</p>"},
+             {{"--text", "Hello"}, "text/plain", "Hello"},
+             {{"--url", "https://example.com/x"}, "text/uri-list", "https://example.com/x"}}) {
         SCOPED_TRACE(c.type);
-        std::vector<std::string> arguments = {"message", "send", "--guest", guest, "--subject",
-                                              std::string("Note ") + c.type};
+        std::vector<std::string> arguments = {
+            "message", "send", "--guest", guest, "--subject", std::string("Note ") + c.type};
         arguments.insert(arguments.end(), c.content.begin(), c.content.end());
         const KXJSON sent = json(arguments);
         EXPECT_EQ(sent["domain"], kInboxDomain);
-        const KXJSON details = get("/guests/" + guest + "/inboxes/" + kInboxDomain +
-                                   "/messages/" + sent["id"].get<std::string>())
+        const KXJSON details = get("/guests/" + guest + "/inboxes/" + kInboxDomain + "/messages/" +
+                                   sent["id"].get<std::string>())
                                    .object;
         EXPECT_EQ(details["header"]["contentType"], c.type);
         EXPECT_EQ(details["content"], c.body);
@@ -96,9 +95,8 @@ TEST_F(SandboxOperator, TablesAndJSONShowGuestsListsAndSessions) {
     EXPECT_EQ(created["externalId"], "vip");
     EXPECT_EQ(get("/lists?tag=gold").object["records"][0]["name"], "VIP");
     EXPECT_EQ(json({"lists", "--tenant", "BU1"}).size(), 7u);
-    EXPECT_EQ(kxsandbox({"list", "create", "--tenant", "BU1", "--id", "vip", "--name", "x"})
-                  .exitCode,
-              1)
+    EXPECT_EQ(
+        kxsandbox({"list", "create", "--tenant", "BU1", "--id", "vip", "--name", "x"}).exitCode, 1)
         << "an existing list";
 }
 

@@ -32,8 +32,8 @@ void KXSandboxProcess::start() {
         throw std::runtime_error("pipe failed");
     }
     const std::filesystem::path program = kxtest::builtProgram("tools/kxsandbox/kxsandbox");
-    std::vector<std::string> storage = {program.string(), "--db", database_.string(), "serve",
-                                        "--port", "0"};
+    std::vector<std::string> storage = {program.string(), "--db",   database_.string(),
+                                        "serve",          "--port", "0"};
     storage.insert(storage.end(), arguments_.begin(), arguments_.end());
     std::vector<char*> argv;
     for (std::string& argument : storage) {
@@ -43,7 +43,8 @@ void KXSandboxProcess::start() {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], 1);
-    const int spawned = posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ);
+    const int spawned =
+        posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     close(pipeEnds[1]);
     if (spawned != 0) {

@@ -69,16 +69,14 @@ TEST_F(SandboxRefusals, RESTCallsNeedAValidBearerToken) {
         std::optional<std::string> authorization;
         const char* error;
     };
-    for (const Case& c : std::vector<Case>{{"missing", std::string(), "unauthorized"},
-                                           {"another scheme", "Basic " + bearerToken(),
-                                            "unauthorized"},
-                                           {"unknown", std::string("BEARER not-a-token"),
-                                            "invalid_token"},
-                                           {"lower-case scheme", "bearer " + bearerToken(),
-                                            nullptr}}) {
+    for (const Case& c :
+         std::vector<Case>{{"missing", std::string(), "unauthorized"},
+                           {"another scheme", "Basic " + bearerToken(), "unauthorized"},
+                           {"unknown", std::string("BEARER not-a-token"), "invalid_token"},
+                           {"lower-case scheme", "bearer " + bearerToken(), nullptr}}) {
         SCOPED_TRACE(c.name);
-        const auto answer = send("GET", "/ZandrelService/rest/bu/BU1/guests/" + guest, "",
-                                 c.authorization);
+        const auto answer =
+            send("GET", "/ZandrelService/rest/bu/BU1/guests/" + guest, "", c.authorization);
         ASSERT_TRUE(answer);
         if (c.error == nullptr) {
             EXPECT_EQ(answer->status, 200);
@@ -133,14 +131,13 @@ TEST_F(SandboxRefusals, BadRequestsGetAJSONErrorAndChangeNothing) {
          R"({"externalId": "half", "deliveryProfiles": [{"address": {"channel": "SMS",
              "attributes": {"mdn": "1"}}}, {"address": 5}]})",
          400},
-        {"an existing guest", "POST", base + "/guests", "{\"externalId\": \"" + guest + "\"}",
-         409},
+        {"an existing guest", "POST", base + "/guests", "{\"externalId\": \"" + guest + "\"}", 409},
         {"a body over 1 MiB", "POST", guestPath,
          "{\"languagePref\": \"" + std::string(1024 * 1024 + 1, 'x') + "\"}", 413},
-        {"a bad page offset", "GET", guestPath + "/inboxes/inbox-1/messages?offset=-1&limit=5",
-         "", 400},
-        {"a page too large", "GET", guestPath + "/inboxes/inbox-1/messages?offset=0&limit=5000",
-         "", 400},
+        {"a bad page offset", "GET", guestPath + "/inboxes/inbox-1/messages?offset=-1&limit=5", "",
+         400},
+        {"a page too large", "GET", guestPath + "/inboxes/inbox-1/messages?offset=0&limit=5000", "",
+         400},
         {"an unknown path", "GET", base + "/guests/" + guest + "/wallet", "", 404},
         {"no base path", "GET", "/guests/" + guest, "", 404},
         {"an unknown verb", "PATCH", guestPath, R"({"languagePref": "fr"})", 405},

@@ -43,7 +43,8 @@ TEST_F(SandboxResources, AGuestsLifeThroughEveryResource) {
     };
     const std::string token = "a1b2c3";
     const std::vector<Step> steps = {
-        {"POST", "/guests",
+        {"POST",
+         "/guests",
          {{"externalIdType", "QRID"},
           {"languagePref", "en"},
           {"tags", {"vip"}},
@@ -51,7 +52,8 @@ TEST_F(SandboxResources, AGuestsLifeThroughEveryResource) {
            {{{"address",
               {{"channel", "APNS_PUSH"},
                {"attributes", {{"applicationToken", token}, {"applicationId", "app-1"}}}}}}}}},
-         201, "guest",
+         201,
+         "guest",
          [&](const KXJSON& guest) {
              EXPECT_EQ(guest["externalIdType"], "QRID");
              ASSERT_EQ(guest["deliveryProfiles"].size(), 1u);
@@ -64,42 +66,63 @@ TEST_F(SandboxResources, AGuestsLifeThroughEveryResource) {
              EXPECT_EQ(guest["tags"], KXJSON({"vip"}));
              EXPECT_EQ(guest["deliveryProfiles"][0]["enabled"], true);
          }},
-        {"POST", "/guests/{guest}",
+        {"POST",
+         "/guests/{guest}",
          {{"externalId", "{guest}"}, {"languagePref", "de"}, {"buProperties", {{"room", 12}}}},
-         200, nullptr,
+         200,
+         nullptr,
          [](const KXJSON& guest) {
              EXPECT_EQ(guest["languagePref"], "de");
              EXPECT_EQ(guest["buProperties"]["room"], 12);
              EXPECT_EQ(guest["externalIdType"], "QRID") << "save keeps what it was not sent";
          }},
-        {"POST", "/guests/{guest}/profiles",
+        {"POST",
+         "/guests/{guest}/profiles",
          {{"address",
            {{"channel", "INBOX"},
             {"attributes", {{"guestId", "{guest}"}, {"inboxDomainId", kInboxDomain}}}}}},
-         201, "inbox", nullptr},
-        {"POST", "/guests/{guest}/profiles",
+         201,
+         "inbox",
+         nullptr},
+        {"POST",
+         "/guests/{guest}/profiles",
          {{"address", {{"channel", "EMAIL"}, {"attributes", {{"emailAddress", "a@b.example"}}}}}},
-         201, "email", nullptr},
-        {"POST", "/guests/{guest}/profiles",
-         {{"address", {{"channel", "SMS"}, {"attributes", {{"mdn", "+15550100"}}}}}}, 201, "sms",
+         201,
+         "email",
+         nullptr},
+        {"POST",
+         "/guests/{guest}/profiles",
+         {{"address", {{"channel", "SMS"}, {"attributes", {{"mdn", "+15550100"}}}}}},
+         201,
+         "sms",
          nullptr},
         {"POST", "/guests/{guest}/profiles/{email}/disable", nullptr, 200, nullptr,
          [](const KXJSON& profile) { EXPECT_EQ(profile["enabled"], false); }},
         {"POST", "/guests/{guest}/profiles/{email}/enable", nullptr, 200, nullptr,
          [](const KXJSON& profile) { EXPECT_EQ(profile["enabled"], true); }},
-        {"PUT", "/guests/{guest}/profiles/{inbox}/memberships/offers?createList=true",
-         {{"externalId", "{guest}"}, {"enabled", 1}}, 200, nullptr,
+        {"PUT",
+         "/guests/{guest}/profiles/{inbox}/memberships/offers?createList=true",
+         {{"externalId", "{guest}"}, {"enabled", 1}},
+         200,
+         nullptr,
          [](const KXJSON& profile) {
              EXPECT_EQ(profile["memberships"][0]["recipientListId"], "offers");
          }},
-        {"PUT", "/guests/{guest}/profiles/{inbox}/memberships/brand-new?createList=true",
-         {{"externalId", "{guest}"}, {"enabled", 1}}, 200, nullptr, nullptr},
+        {"PUT",
+         "/guests/{guest}/profiles/{inbox}/memberships/brand-new?createList=true",
+         {{"externalId", "{guest}"}, {"enabled", 1}},
+         200,
+         nullptr,
+         nullptr},
         {"GET", "/lists/brand-new", nullptr, 200, nullptr,
          [](const KXJSON& list) { EXPECT_EQ(list["channelCounts"]["INBOX"], 1); }},
-        {"PUT", "/guests/{guest}/profiles/{inbox}/memberships/nowhere", {{"enabled", 1}}, 404,
-         nullptr, nullptr},
-        {"DELETE", "/guests/{guest}/profiles/{inbox}/memberships/brand-new", nullptr, 200,
+        {"PUT",
+         "/guests/{guest}/profiles/{inbox}/memberships/nowhere",
+         {{"enabled", 1}},
+         404,
          nullptr,
+         nullptr},
+        {"DELETE", "/guests/{guest}/profiles/{inbox}/memberships/brand-new", nullptr, 200, nullptr,
          [](const KXJSON& profile) { EXPECT_EQ(profile["memberships"].size(), 1u); }},
         {"GET", "/guests/{guest}", nullptr, 200, nullptr,
          [](const KXJSON& guest) {
@@ -107,8 +130,7 @@ TEST_F(SandboxResources, AGuestsLifeThroughEveryResource) {
              for (const auto& profile : guest["deliveryProfiles"]) {
                  channels.push_back(profile["address"]["channel"]);
              }
-             EXPECT_EQ(channels,
-                       (std::vector<std::string>{"APNS_PUSH", "INBOX", "EMAIL", "SMS"}));
+             EXPECT_EQ(channels, (std::vector<std::string>{"APNS_PUSH", "INBOX", "EMAIL", "SMS"}));
          }},
         {"GET", "/guests/{guest}/inboxes/inbox-1", nullptr, 200, nullptr,
          [](const KXJSON& summary) {
@@ -122,8 +144,7 @@ TEST_F(SandboxResources, AGuestsLifeThroughEveryResource) {
              EXPECT_EQ(page["records"].size(), 5u);
              EXPECT_EQ(page["hasMoreRecords"], false);
          }},
-        {"GET", "/guests/{guest}/inboxes/inbox-1/messages?offset=0&limit=10", nullptr, 200,
-         nullptr,
+        {"GET", "/guests/{guest}/inboxes/inbox-1/messages?offset=0&limit=10", nullptr, 200, nullptr,
          [](const KXJSON& page) {
              ASSERT_EQ(page["records"].size(), 10u);
              EXPECT_EQ(page["hasMoreRecords"], true);
@@ -151,21 +172,40 @@ TEST_F(SandboxResources, AGuestsLifeThroughEveryResource) {
              EXPECT_EQ(list["channelCounts"]["INBOX"], 1) << "the live subscription counts";
              EXPECT_EQ(list["tags"], KXJSON({"marketing", "weekly"}));
          }},
-        {"POST", "/lists/",
-         {{"externalId", "late-checkout"}, {"name", "Late checkout"}, {"tags", {"stay"}}}, 201,
-         "list", nullptr},
-        {"POST", "/lists/", {{"externalId", "late-checkout"}, {"name", "Again"}}, 409, nullptr,
+        {"POST",
+         "/lists/",
+         {{"externalId", "late-checkout"}, {"name", "Late checkout"}, {"tags", {"stay"}}},
+         201,
+         "list",
+         nullptr},
+        {"POST",
+         "/lists/",
+         {{"externalId", "late-checkout"}, {"name", "Again"}},
+         409,
+         nullptr,
          nullptr},
         {"GET", "/lists/{list}", nullptr, 200, nullptr,
          [](const KXJSON& list) { EXPECT_EQ(list["name"], "Late checkout"); }},
-        {"POST", "/sessions",
-         {{"time", "1500000000"}, {"guestSession", {{"guestId", "{guest}"}}},
+        {"POST",
+         "/sessions",
+         {{"time", "1500000000"},
+          {"guestSession", {{"guestId", "{guest}"}}},
           {"deviceData", {{"model", "x"}}}},
-         201, "session", nullptr},
-        {"POST", "/sessions/{session}", {{"time", "1500000060"}, {"isClosed", false}}, 200,
-         nullptr, [](const KXJSON& session) { EXPECT_EQ(session["closed"], false); }},
-        {"POST", "/sessions/{session}", {{"time", "1500000120"}, {"isClosed", true}}, 200,
-         nullptr, [](const KXJSON& session) { EXPECT_EQ(session["closed"], true); }},
+         201,
+         "session",
+         nullptr},
+        {"POST",
+         "/sessions/{session}",
+         {{"time", "1500000060"}, {"isClosed", false}},
+         200,
+         nullptr,
+         [](const KXJSON& session) { EXPECT_EQ(session["closed"], false); }},
+        {"POST",
+         "/sessions/{session}",
+         {{"time", "1500000120"}, {"isClosed", true}},
+         200,
+         nullptr,
+         [](const KXJSON& session) { EXPECT_EQ(session["closed"], true); }},
         {"POST", "/sessions/", {{"isClosed", true}}, 404, nullptr, nullptr},
         {"DELETE", "/guests/{guest}", nullptr, 200, nullptr, nullptr},
         {"GET", "/guests/{guest}", nullptr, 404, nullptr, nullptr},
@@ -226,8 +266,7 @@ TEST_F(SandboxResources, MessagesOpenAsDetailsAndTheirFlagsAndDeletionShowInTheS
                                            {"", 200, 24, 24},
                                            {"/read", 404, 24, 24}}) {
         SCOPED_TRACE(std::string("action ") + c.action);
-        const KXSandboxAnswer answer =
-            *c.action == '\0' ? del(message) : post(message + c.action);
+        const KXSandboxAnswer answer = *c.action == '\0' ? del(message) : post(message + c.action);
         EXPECT_EQ(answer.status, c.status);
         const KXJSON summary = get(inbox).object;
         EXPECT_EQ(summary["unreadMessageCount"], c.unread);

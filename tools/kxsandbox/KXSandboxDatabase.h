@@ -76,7 +76,8 @@ public:
     /// Runs a statement with parameters; the number of rows it changed.
     int run(const std::string& sql, const std::vector<Value>& values = {});
     /// The single integer a query returns, or absent when it returns no row.
-    std::optional<std::int64_t> integer(const std::string& sql, const std::vector<Value>& values = {});
+    std::optional<std::int64_t> integer(const std::string& sql,
+                                        const std::vector<Value>& values = {});
 
 private:
     sqlite3* db_ = nullptr;

@@ -85,18 +85,19 @@ std::string insertProfile(Connection& db, const std::string& tenant, const std::
     const Address address = readAddress(body);
     const std::optional<JSON> tags = optionalStringArray(body, "tags");
     const std::string id = newIdentifier("p-");
-    db.run("INSERT INTO profiles(tenant, guest_id, id, channel, attributes, enabled, tags) "
-           "VALUES(?1, ?2, ?3, ?4, ?5, 1, ?6)",
-           {tenant, guest, id, address.channel, address.attributes.dump(),
-            tags.value_or(JSON::array()).dump()});
+    db.run(
+        "INSERT INTO profiles(tenant, guest_id, id, channel, attributes, enabled, tags) "
+        "VALUES(?1, ?2, ?3, ?4, ?5, 1, ?6)",
+        {tenant, guest, id, address.channel, address.attributes.dump(),
+         tags.value_or(JSON::array()).dump()});
     return id;
 }
 
 JSON profileRecord(Connection& db, const std::string& tenant, const std::string& id) {
-    Statement profile =
-        db.prepare("SELECT channel, attributes, enabled, tags FROM profiles "
-                   "WHERE tenant=?1 AND id=?2")
-            .bind({tenant, id});
+    Statement profile = db.prepare(
+                              "SELECT channel, attributes, enabled, tags FROM profiles "
+                              "WHERE tenant=?1 AND id=?2")
+                            .bind({tenant, id});
     if (!profile.step()) {
         return nullptr;
     }
@@ -149,12 +150,13 @@ Reply registerGuest(Context& ctx) {
     auto optionalValue = [](const std::optional<std::string>& text) -> Value {
         return text ? Value(*text) : Value(nullptr);
     };
-    ctx.db.run("INSERT INTO guests(tenant, external_id, external_id_type, language_pref, "
-               "bu_creative_label, tags, bu_properties, created_at) "
-               "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)",
-               {ctx.tenant, *id, optionalValue(type), optionalValue(language),
-                optionalValue(label), tags.value_or(JSON::array()).dump(),
-                properties.value_or(JSON::object()).dump(), nowMilliseconds()});
+    ctx.db.run(
+        "INSERT INTO guests(tenant, external_id, external_id_type, language_pref, "
+        "bu_creative_label, tags, bu_properties, created_at) "
+        "VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8)",
+        {ctx.tenant, *id, optionalValue(type), optionalValue(language), optionalValue(label),
+         tags.value_or(JSON::array()).dump(), properties.value_or(JSON::object()).dump(),
+         nowMilliseconds()});
     if (profiles != body.end() && profiles->is_array()) {
         for (const JSON& profile : *profiles) {
             if (!profile.is_object()) {
@@ -263,12 +265,13 @@ Reply subscribe(Context& ctx) {
         }
         createList(ctx.db, ctx.tenant, {{"externalId", list}, {"name", list}});
     }
-    ctx.db.run("INSERT INTO memberships(tenant, guest_id, profile_id, list_id, language_pref, "
-               "enabled) VALUES(?1, ?2, ?3, ?4, ?5, ?6) "
-               "ON CONFLICT(tenant, profile_id, list_id) DO UPDATE SET "
-               "enabled=excluded.enabled, language_pref=excluded.language_pref",
-               {ctx.tenant, guest, profile, list, language ? Value(*language) : Value(nullptr),
-                std::int64_t{enabled ? 1 : 0}});
+    ctx.db.run(
+        "INSERT INTO memberships(tenant, guest_id, profile_id, list_id, language_pref, "
+        "enabled) VALUES(?1, ?2, ?3, ?4, ?5, ?6) "
+        "ON CONFLICT(tenant, profile_id, list_id) DO UPDATE SET "
+        "enabled=excluded.enabled, language_pref=excluded.language_pref",
+        {ctx.tenant, guest, profile, list, language ? Value(*language) : Value(nullptr),
+         std::int64_t{enabled ? 1 : 0}});
     return {200, profileRecord(ctx.db, ctx.tenant, profile), {}};
 }
 

@@ -169,8 +169,8 @@ std::int64_t Context::integerParameter(const std::string& name, std::int64_t fal
     const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), value);
     if (error != std::errc() || end != text->data() + text->size() || value < 0 ||
         value > maximum) {
-        badRequest("\"" + name + "\" must be a whole number from 0 to " +
-                   std::to_string(maximum) + ", not \"" + *text + "\"");
+        badRequest("\"" + name + "\" must be a whole number from 0 to " + std::to_string(maximum) +
+                   ", not \"" + *text + "\"");
     }
     return value;
 }

@@ -54,7 +54,8 @@ JSON header(const Statement& row) {
 
 Reply summary(Context& ctx) {
     const Domain domain = requireInbox(ctx);
-    Statement counts = ctx.db.prepare(
+    Statement counts = ctx.db
+                           .prepare(
                                "SELECT count(*), coalesce(sum(read = 0), 0) FROM messages "
                                "WHERE tenant=?1 AND guest_id=?2 AND domain_id=?3")
                            .bind({ctx.tenant, ctx.arguments[0], ctx.arguments[1]});
@@ -78,9 +79,10 @@ Reply messages(Context& ctx) {
     // One row more than asked tells whether more records follow.
     Statement rows =
         ctx.db
-            .prepare("SELECT id, subject, content_type, sender, date_received, read FROM messages "
-                     "WHERE tenant=?1 AND guest_id=?2 AND domain_id=?3 "
-                     "ORDER BY date_received DESC, id LIMIT ?4 OFFSET ?5")
+            .prepare(
+                "SELECT id, subject, content_type, sender, date_received, read FROM messages "
+                "WHERE tenant=?1 AND guest_id=?2 AND domain_id=?3 "
+                "ORDER BY date_received DESC, id LIMIT ?4 OFFSET ?5")
             .bind({ctx.tenant, ctx.arguments[0], ctx.arguments[1],
                    limit < 0 ? std::int64_t{-1} : limit + 1, offset});
     JSON records = JSON::array();
@@ -102,9 +104,10 @@ Reply messages(Context& ctx) {
 Reply details(Context& ctx) {
     requireInbox(ctx);
     Statement row = ctx.db
-                        .prepare("SELECT id, subject, content_type, sender, date_received, read, "
-                                 "content FROM messages WHERE tenant=?1 AND guest_id=?2 AND "
-                                 "domain_id=?3 AND id=?4")
+                        .prepare(
+                            "SELECT id, subject, content_type, sender, date_received, read, "
+                            "content FROM messages WHERE tenant=?1 AND guest_id=?2 AND "
+                            "domain_id=?3 AND id=?4")
                         .bind({ctx.tenant, ctx.arguments[0], ctx.arguments[1], ctx.arguments[2]});
     if (!row.step()) {
         notFound("no message \"" + ctx.arguments[2] + "\" in this inbox");
@@ -126,9 +129,9 @@ Reply remove(Context& ctx) {
     const Domain domain = requireInbox(ctx);
     requireMessage(ctx);
     if (domain.deleteForbidden) {
-        throw APIError(403, "forbidden",
-                       "guests may not delete messages of inbox domain \"" + ctx.arguments[1] +
-                           "\"");
+        throw APIError(
+            403, "forbidden",
+            "guests may not delete messages of inbox domain \"" + ctx.arguments[1] + "\"");
     }
     ctx.db.run("DELETE FROM messages WHERE tenant=?1 AND id=?2", {ctx.tenant, ctx.arguments[2]});
     return {200, {{"deleted", ctx.arguments[2]}}, {}};
@@ -141,9 +144,10 @@ std::string insertMessage(Connection& db, const std::string& tenant, const std::
                           const std::string& contentType, const std::string& content,
                           const std::string& sender, std::int64_t dateReceived) {
     const std::string id = newIdentifier("m-");
-    db.run("INSERT INTO messages(tenant, guest_id, domain_id, id, subject, content_type, content, "
-           "sender, date_received, read) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, 0)",
-           {tenant, guest, domain, id, subject, contentType, content, sender, dateReceived});
+    db.run(
+        "INSERT INTO messages(tenant, guest_id, domain_id, id, subject, content_type, content, "
+        "sender, date_received, read) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, 0)",
+        {tenant, guest, domain, id, subject, contentType, content, sender, dateReceived});
     return id;
 }
 
@@ -168,9 +172,8 @@ void deliverWelcomeMessages(Connection& db, const std::string& tenant, const std
     for (const std::string& domain : domains) {
         for (int n = 1; n <= kWelcomeMessages; ++n) {
             const Topic& topic = kTopics[static_cast<std::size_t>(n - 1) % kTopics.size()];
-            const std::string subject =
-                "Welcome " + std::to_string(n) + " of " + std::to_string(kWelcomeMessages) +
-                ": " + topic.title;
+            const std::string subject = "Welcome " + std::to_string(n) + " of " +
+                                        std::to_string(kWelcomeMessages) + ": " + topic.title;
             std::string contentType;
             std::string content;
             switch (n % 3) {
@@ -189,8 +192,8 @@ void deliverWelcomeMessages(Connection& db, const std::string& tenant, const std
                     break;
             }
             // Message 1 is the newest, one minute apart.
-            insertMessage(db, tenant, guest, domain, subject, contentType, content,
-                          "KX Sandbox", now - std::int64_t{n} * 60000);
+            insertMessage(db, tenant, guest, domain, subject, contentType, content, "KX Sandbox",
+                          now - std::int64_t{n} * 60000);
         }
     }
 }

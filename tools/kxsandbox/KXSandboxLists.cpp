@@ -13,16 +13,17 @@ Reply page(Context& ctx) {
     const std::int64_t offset = ctx.integerParameter("offset", 0, INT32_MAX);
     const std::int64_t limit = ctx.integerParameter("limit", kMaxPageSize, kMaxPageSize);
     const std::optional<std::string> tag = ctx.parameter("tag");
-    Statement rows =
-        tag ? ctx.db
-                  .prepare("SELECT external_id FROM lists WHERE tenant=?1 AND EXISTS "
-                           "(SELECT 1 FROM json_each(lists.tags) WHERE value=?4) "
-                           "ORDER BY created_at, external_id LIMIT ?2 OFFSET ?3")
-                  .bind({ctx.tenant, limit + 1, offset, *tag})
-            : ctx.db
-                  .prepare("SELECT external_id FROM lists WHERE tenant=?1 "
-                           "ORDER BY created_at, external_id LIMIT ?2 OFFSET ?3")
-                  .bind({ctx.tenant, limit + 1, offset});
+    Statement rows = tag ? ctx.db
+                               .prepare(
+                                   "SELECT external_id FROM lists WHERE tenant=?1 AND EXISTS "
+                                   "(SELECT 1 FROM json_each(lists.tags) WHERE value=?4) "
+                                   "ORDER BY rowid LIMIT ?2 OFFSET ?3")
+                               .bind({ctx.tenant, limit + 1, offset, *tag})
+                         : ctx.db
+                               .prepare(
+                                   "SELECT external_id FROM lists WHERE tenant=?1 "
+                                   "ORDER BY rowid LIMIT ?2 OFFSET ?3")
+                               .bind({ctx.tenant, limit + 1, offset});
     std::vector<std::string> ids;
     while (rows.step()) {
         ids.push_back(rows.string(0));
@@ -121,12 +122,13 @@ std::string createList(Connection& db, const std::string& tenant, const JSON& bo
     if (listRecord(db, tenant, *id)) {
         throw APIError(409, "conflict", "a list \"" + *id + "\" already exists");
     }
-    db.run("INSERT INTO lists(tenant, external_id, name, description, type, tags, bu_properties, "
-           "base_counts, created_at) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)",
-           {tenant, *id, name, description ? Value(*description) : Value(nullptr),
-            type.value_or("SUBSCRIPTION"), tags.value_or(JSON::array()).dump(),
-            properties.value_or(JSON::object()).dump(), counts.value_or(JSON::object()).dump(),
-            nowMilliseconds()});
+    db.run(
+        "INSERT INTO lists(tenant, external_id, name, description, type, tags, bu_properties, "
+        "base_counts, created_at) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)",
+        {tenant, *id, name, description ? Value(*description) : Value(nullptr),
+         type.value_or("SUBSCRIPTION"), tags.value_or(JSON::array()).dump(),
+         properties.value_or(JSON::object()).dump(), counts.value_or(JSON::object()).dump(),
+         nowMilliseconds()});
     return *id;
 }
 

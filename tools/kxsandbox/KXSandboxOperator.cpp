@@ -58,10 +58,10 @@ std::string domainOfGuest(Connection& db, const std::string& tenant, const std::
         }
         return *domain;
     }
-    Statement profile =
-        db.prepare("SELECT json_extract(attributes, '$.inboxDomainId') FROM profiles "
-                   "WHERE tenant=?1 AND guest_id=?2 AND channel='INBOX' ORDER BY rowid")
-            .bind({tenant, guest});
+    Statement profile = db.prepare(
+                              "SELECT json_extract(attributes, '$.inboxDomainId') FROM profiles "
+                              "WHERE tenant=?1 AND guest_id=?2 AND channel='INBOX' ORDER BY rowid")
+                            .bind({tenant, guest});
     if (profile.step() && profile.text(0) &&
         db.integer("SELECT 1 FROM domains WHERE id=?1", {*profile.text(0)})) {
         return *profile.text(0);
@@ -116,9 +116,10 @@ nlohmann::json listGuests(Database& database, const std::optional<std::string>& 
     auto lease = database.borrow();
     std::vector<std::pair<std::string, std::string>> keys;
     {
-        Statement rows = lease->prepare(
-                                  "SELECT tenant, external_id FROM guests WHERE ?1 IS NULL OR "
-                                  "tenant=?1 ORDER BY tenant, created_at, external_id")
+        Statement rows = lease
+                             ->prepare(
+                                 "SELECT tenant, external_id FROM guests WHERE ?1 IS NULL OR "
+                                 "tenant=?1 ORDER BY tenant, created_at, external_id")
                              .bind({tenant ? Value(tenantFromArgument(*tenant)) : Value(nullptr)});
         while (rows.step()) {
             keys.emplace_back(rows.string(0), rows.string(1));
@@ -129,12 +130,13 @@ nlohmann::json listGuests(Database& database, const std::optional<std::string>& 
         nlohmann::json record = *guestRecord(*lease, guestTenant, id);
         std::string channels;
         for (const auto& profile : record["deliveryProfiles"]) {
-            channels += (channels.empty() ? "" : " ") +
-                        profile["address"]["channel"].get<std::string>();
+            channels +=
+                (channels.empty() ? "" : " ") + profile["address"]["channel"].get<std::string>();
         }
-        Statement counts = lease->prepare(
-                                    "SELECT count(*), coalesce(sum(read=0), 0) FROM messages "
-                                    "WHERE tenant=?1 AND guest_id=?2")
+        Statement counts = lease
+                               ->prepare(
+                                   "SELECT count(*), coalesce(sum(read=0), 0) FROM messages "
+                                   "WHERE tenant=?1 AND guest_id=?2")
                                .bind({guestTenant, id});
         counts.step();
         guests.push_back({{"tenant", guestTenant},
@@ -153,10 +155,11 @@ nlohmann::json listInbox(Database& database, const std::string& guest,
     auto lease = database.borrow();
     const std::string guestTenant = tenantOfGuest(*lease, guest, tenant);
     const std::string inbox = domainOfGuest(*lease, guestTenant, guest, domain);
-    Statement rows = lease->prepare(
-                              "SELECT id, read, date_received, content_type, subject, sender "
-                              "FROM messages WHERE tenant=?1 AND guest_id=?2 AND domain_id=?3 "
-                              "ORDER BY date_received DESC, id")
+    Statement rows = lease
+                         ->prepare(
+                             "SELECT id, read, date_received, content_type, subject, sender "
+                             "FROM messages WHERE tenant=?1 AND guest_id=?2 AND domain_id=?3 "
+                             "ORDER BY date_received DESC, id")
                          .bind({guestTenant, guest, inbox});
     nlohmann::json messages = nlohmann::json::array();
     while (rows.step()) {
@@ -177,10 +180,11 @@ nlohmann::json listSessions(Database& database, const std::optional<std::string>
     auto lease = database.borrow();
     std::vector<nlohmann::json> sessions;
     {
-        Statement rows = lease->prepare(
-                                  "SELECT tenant, id, guest_id, started_at, updated_at, closed, "
-                                  "updates FROM sessions WHERE ?1 IS NULL OR guest_id=?1 "
-                                  "ORDER BY started_at, id")
+        Statement rows = lease
+                             ->prepare(
+                                 "SELECT tenant, id, guest_id, started_at, updated_at, closed, "
+                                 "updates FROM sessions WHERE ?1 IS NULL OR guest_id=?1 "
+                                 "ORDER BY started_at, id")
                              .bind({guest ? Value(*guest) : Value(nullptr)});
         while (rows.step()) {
             sessions.push_back({{"tenant", rows.string(0)},
@@ -194,11 +198,12 @@ nlohmann::json listSessions(Database& database, const std::optional<std::string>
     }
     for (nlohmann::json& session : sessions) {
         nlohmann::json documents = nlohmann::json::array();
-        Statement rows = lease->prepare(
-                                  "SELECT kind, received_at, document FROM session_documents "
-                                  "WHERE tenant=?1 AND session_id=?2 ORDER BY rowid")
-                             .bind({session["tenant"].get<std::string>(),
-                                    session["id"].get<std::string>()});
+        Statement rows =
+            lease
+                ->prepare(
+                    "SELECT kind, received_at, document FROM session_documents "
+                    "WHERE tenant=?1 AND session_id=?2 ORDER BY rowid")
+                .bind({session["tenant"].get<std::string>(), session["id"].get<std::string>()});
         while (rows.step()) {
             documents.push_back({{"kind", rows.string(0)},
                                  {"received", timeText(rows.integer(1))},
@@ -213,9 +218,10 @@ nlohmann::json listLists(Database& database, const std::optional<std::string>& t
     auto lease = database.borrow();
     std::vector<std::pair<std::string, std::string>> keys;
     {
-        Statement rows = lease->prepare(
-                                  "SELECT tenant, external_id FROM lists WHERE ?1 IS NULL OR "
-                                  "tenant=?1 ORDER BY tenant, created_at, external_id")
+        Statement rows = lease
+                             ->prepare(
+                                 "SELECT tenant, external_id FROM lists WHERE ?1 IS NULL OR "
+                                 "tenant=?1 ORDER BY tenant, created_at, external_id")
                              .bind({tenant ? Value(tenantFromArgument(*tenant)) : Value(nullptr)});
         while (rows.step()) {
             keys.emplace_back(rows.string(0), rows.string(1));

@@ -112,8 +112,7 @@ Server::Server(Database& database, ServeOptions options)
         return httplib::Server::HandlerResponse::Unhandled;
     });
     const auto handler = [this](const httplib::Request& request, httplib::Response& response) {
-        std::multimap<std::string, std::string> query(request.params.begin(),
-                                                      request.params.end());
+        std::multimap<std::string, std::string> query(request.params.begin(), request.params.end());
         const Reply reply = answer(request.method, request.path, query, request.body,
                                    request.get_header_value("Authorization"));
         writeReply(response, reply);
@@ -176,8 +175,8 @@ void Server::stop() {
 }
 
 Reply Server::answer(const std::string& method, const std::string& path,
-                     const std::multimap<std::string, std::string>& query,
-                     const std::string& body, const std::string& authorization) {
+                     const std::multimap<std::string, std::string>& query, const std::string& body,
+                     const std::string& authorization) {
     if (options_.latencyMilliseconds > 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(options_.latencyMilliseconds));
     }
@@ -190,7 +189,8 @@ Reply Server::answer(const std::string& method, const std::string& path,
     try {
         if (path == "/token") {
             if (method != "POST") {
-                Reply reply = errorReply(405, "method_not_allowed", "the token endpoint takes POST");
+                Reply reply =
+                    errorReply(405, "method_not_allowed", "the token endpoint takes POST");
                 reply.headers.emplace_back("Allow", "POST");
                 return reply;
             }

@@ -12,8 +12,8 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 

@@ -50,9 +50,10 @@ std::optional<std::string> guestOf(const JSON& document) {
 
 void storeDocument(Context& ctx, const std::string& session, const char* kind,
                    const JSON& document) {
-    ctx.db.run("INSERT INTO session_documents(tenant, session_id, kind, received_at, document) "
-               "VALUES(?1, ?2, ?3, ?4, ?5)",
-               {ctx.tenant, session, std::string(kind), nowMilliseconds(), document.dump()});
+    ctx.db.run(
+        "INSERT INTO session_documents(tenant, session_id, kind, received_at, document) "
+        "VALUES(?1, ?2, ?3, ?4, ?5)",
+        {ctx.tenant, session, std::string(kind), nowMilliseconds(), document.dump()});
 }
 
 Reply start(Context& ctx) {
@@ -61,9 +62,10 @@ Reply start(Context& ctx) {
     const std::string id = newIdentifier("s-");
     const std::optional<std::string> guest = guestOf(document);
     const std::int64_t now = nowMilliseconds();
-    ctx.db.run("INSERT INTO sessions(tenant, id, guest_id, started_at, updated_at, closed, "
-               "updates) VALUES(?1, ?2, ?3, ?4, ?4, 0, 0)",
-               {ctx.tenant, id, guest ? Value(*guest) : Value(nullptr), now});
+    ctx.db.run(
+        "INSERT INTO sessions(tenant, id, guest_id, started_at, updated_at, closed, "
+        "updates) VALUES(?1, ?2, ?3, ?4, ?4, 0, 0)",
+        {ctx.tenant, id, guest ? Value(*guest) : Value(nullptr), now});
     storeDocument(ctx, id, "start", document);
     return Reply::created(id, {{"id", id}});
 }
@@ -76,10 +78,11 @@ Reply update(Context& ctx) {
         notFound("no session \"" + id + "\"");
     }
     const bool closed = optionalFlag(document, "isClosed").value_or(false);
-    ctx.db.run("UPDATE sessions SET updated_at=?3, closed=max(closed, ?4), updates=updates+1, "
-               "guest_id=coalesce(?5, guest_id) WHERE tenant=?1 AND id=?2",
-               {ctx.tenant, id, nowMilliseconds(), std::int64_t{closed ? 1 : 0},
-                guestOf(document) ? Value(*guestOf(document)) : Value(nullptr)});
+    ctx.db.run(
+        "UPDATE sessions SET updated_at=?3, closed=max(closed, ?4), updates=updates+1, "
+        "guest_id=coalesce(?5, guest_id) WHERE tenant=?1 AND id=?2",
+        {ctx.tenant, id, nowMilliseconds(), std::int64_t{closed ? 1 : 0},
+         guestOf(document) ? Value(*guestOf(document)) : Value(nullptr)});
     storeDocument(ctx, id, closed ? "end" : "update", document);
     return {200, {{"id", id}, {"closed", closed}}, {}};
 }

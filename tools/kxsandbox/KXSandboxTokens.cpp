@@ -69,9 +69,10 @@ Reply oauthError(int status, const std::string& code, const std::string& descrip
 
 void registerInboxDomain(Connection& db, const std::string& id, const std::string& name,
                          const std::string& description, bool deleteForbidden) {
-    db.run("INSERT OR IGNORE INTO domains(id, name, description, delete_forbidden) "
-           "VALUES(?1, ?2, ?3, ?4)",
-           {id, name, description, std::int64_t{deleteForbidden ? 1 : 0}});
+    db.run(
+        "INSERT OR IGNORE INTO domains(id, name, description, delete_forbidden) "
+        "VALUES(?1, ?2, ?3, ?4)",
+        {id, name, description, std::int64_t{deleteForbidden ? 1 : 0}});
 }
 
 Registration registerConfiguration(Database& database, const std::filesystem::path& file,
@@ -97,10 +98,11 @@ Registration registerConfiguration(Database& database, const std::filesystem::pa
          {config.prodClientId(), config.prodClientSecret()}};
     for (const auto& [id, secret] : pairs) {
         if (id && !id->empty() && secret) {
-            lease->run("INSERT INTO clients(client_id, secret, source) VALUES(?1, ?2, ?3) "
-                       "ON CONFLICT(client_id) DO UPDATE SET secret=excluded.secret, "
-                       "source=excluded.source",
-                       {*id, *secret, file.string()});
+            lease->run(
+                "INSERT INTO clients(client_id, secret, source) VALUES(?1, ?2, ?3) "
+                "ON CONFLICT(client_id) DO UPDATE SET secret=excluded.secret, "
+                "source=excluded.source",
+                {*id, *secret, file.string()});
             registration.clientIds.push_back(*id);
         }
     }
@@ -130,8 +132,7 @@ Reply Tokens::issue(const std::string& formBody) {
         return found == fields.end() ? std::string() : found->second;
     };
     if (field("grant_type") != "client_credentials") {
-        return oauthError(400, "unsupported_grant_type",
-                          "grant_type must be client_credentials");
+        return oauthError(400, "unsupported_grant_type", "grant_type must be client_credentials");
     }
     const std::string clientId = field("client_id");
     auto lease = database_.borrow();

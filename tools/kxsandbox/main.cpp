@@ -10,12 +10,12 @@
 
 #include <CLI/CLI.hpp>
 
+#include <pthread.h>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <pthread.h>
 #include <sstream>
 #include <thread>
 
@@ -31,7 +31,7 @@ struct ServeArguments {
 
 /// Serves until SIGINT or SIGTERM. The signals are taken by a thread of their own with
 /// sigwait(), so stopping the server never runs inside a signal handler.
-int serve(Database& database, const ServeArguments& arguments) {
+int serve(Database& database, const ServeArguments& arguments, const sigset_t& signals) {
     if (arguments.keys.size() != arguments.configs.size() &&
         !(arguments.keys.size() == 1 && !arguments.configs.empty())) {
         std::cerr << "kxsandbox: give each --config its --key (or one --key for all)\n";
@@ -50,13 +50,6 @@ int serve(Database& database, const ServeArguments& arguments) {
                     registration.inboxDomainId.value_or("(none)").c_str());
     }
 
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);
-
     Server server(database, arguments.options);
     const int port = server.bind();
     if (port < 0) {
@@ -64,7 +57,7 @@ int serve(Database& database, const ServeArguments& arguments) {
                   << arguments.options.port << '\n';
         return 1;
     }
-    std::thread stopper([&server, signals] {
+    std::thread stopper([&server, &signals] {
         int received = 0;
         sigwait(&signals, &received);
         server.stop();
@@ -90,6 +83,15 @@ std::string readFile(const std::string& path) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Blocked before any thread starts (the library starts some while it opens a configuration),
+    // so that every thread inherits the mask and only the stopper thread takes these signals.
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+
     CLI::App app{"kxsandbox: a local guest-messaging service for development and tests"};
     app.require_subcommand(1);
     app.fallthrough();
@@ -104,8 +106,7 @@ int main(int argc, char** argv) {
     serveCommand->add_option("--port", options.port, "port (0 picks a free one)")
         ->capture_default_str()
         ->check(CLI::Range(0, 65535));
-    serveCommand->add_option("--host", options.host, "address to listen on")
-        ->capture_default_str();
+    serveCommand->add_option("--host", options.host, "address to listen on")->capture_default_str();
     serveCommand->add_flag("--seed", options.seed,
                            "demo data: six lists per base path, 25 welcome messages for each "
                            "guest that registers");
@@ -113,14 +114,17 @@ int main(int argc, char** argv) {
                              "sealed KXConfig.enc whose client credentials and inbox domain to "
                              "register (repeatable)");
     serveCommand->add_option("--key", serveArguments.keys, "the key of each --config");
-    serveCommand->add_option("--latency", options.latencyMilliseconds,
-                             "delay every answer by this many milliseconds")
+    serveCommand
+        ->add_option("--latency", options.latencyMilliseconds,
+                     "delay every answer by this many milliseconds")
         ->check(CLI::Range(0, 600000));
-    serveCommand->add_option("--fail-rate", options.failRate,
-                             "share of answers (0 to 1) that are a 503 with a JSON body")
+    serveCommand
+        ->add_option("--fail-rate", options.failRate,
+                     "share of answers (0 to 1) that are a 503 with a JSON body")
         ->check(CLI::Range(0.0, 1.0));
-    serveCommand->add_option("--token-lifetime", options.tokenLifetimeSeconds,
-                             "seconds a bearer token is valid")
+    serveCommand
+        ->add_option("--token-lifetime", options.tokenLifetimeSeconds,
+                     "seconds a bearer token is valid")
         ->capture_default_str()
         ->check(CLI::Range(1, 100000000));
     serveCommand->add_option("--threads", options.threads, "requests served at once")
@@ -185,10 +189,13 @@ int main(int argc, char** argv) {
         return 2;
     }
 
+    if (!serveCommand->parsed()) {
+        pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+    }
     try {
         Database database(databaseFile);
         if (serveCommand->parsed()) {
-            return serve(database, serveArguments);
+            return serve(database, serveArguments, signals);
         }
         if (sendCommand->parsed()) {
             if (htmlFile) {
@@ -205,8 +212,8 @@ int main(int argc, char** argv) {
             if (json) {
                 std::cout << sent.dump() << '\n';
             } else {
-                std::cout << "sent " << sent["id"].get<std::string>() << " to "
-                          << message.guest << " (" << sent["domain"].get<std::string>() << ", "
+                std::cout << "sent " << sent["id"].get<std::string>() << " to " << message.guest
+                          << " (" << sent["domain"].get<std::string>() << ", "
                           << sent["tenant"].get<std::string>() << ")\n";
             }
         } else if (guestsCommand->parsed()) {
