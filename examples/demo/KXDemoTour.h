@@ -35,6 +35,7 @@ public:
     /// The text of a library error for a failed step.
     static std::string describe(const KXError& error);
 
+    KXAsioMainQueue& mainQueue() { return mainQueue_; }
     bool failed() const { return failed_; }
     int completed() const { return completed_; }
 

@@ -1,12 +1,17 @@
 // The library end to end against the local sandbox service, as a short console tour: the
-// application launches and engages, a push token arrives, and each step prints what the
-// library got back. scripts/demo.sh builds everything, starts the sandbox and runs this.
+// application launches and engages with its automatic guest, a push token arrives, and each
+// step prints what the library got back: the guest, the inbox, the lists, an analytics session.
+// scripts/demo.sh builds everything, starts the sandbox and runs this.
 //
 //     example_demo --config DIR/KXConfig.enc --key KEY --service http://127.0.0.1:PORT
 //                  [--business-unit DEMO] [--verbose]
 //
+// The tour covers the parts of the library this build has: the guest, inbox and analytics
+// steps are compiled in when their headers are part of the library.
+//
 // Exit status: 0 when every step worked, 1 when one failed, 2 for a usage error.
 
+#include "KXDemoSteps.h"
 #include "KXDemoTour.h"
 
 #include <KXClientFramework/KXApplication.h>
@@ -15,7 +20,6 @@
 #include <KXClientFramework/KXHTTPSessionManager.h>
 #include <KXClientFramework/KXLinuxPlatform.h>
 #include <KXClientFramework/KXLog.h>
-#include <KXClientFramework/KXSessionManager.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -64,25 +68,6 @@ bool parse(int argc, char** argv, Options& options) {
     return true;
 }
 
-/// The application's delegate: engages the library while the application finishes launching.
-class DemoDelegate final : public KXApplicationDelegate {
-public:
-    explicit DemoDelegate(std::string key) : key_(std::move(key)) {}
-
-    bool respondsTo(KXApplicationDelegateCallback callback) const override {
-        return callback == KXApplicationDelegateCallback::DidFinishLaunching ||
-               KXApplicationDelegate::respondsTo(callback);
-    }
-
-    bool didFinishLaunching(KXApplication& /*application*/, const KXJSON& /*options*/) override {
-        KXClientFramework::sharedManager().engageUsingKey(key_);
-        return true;
-    }
-
-private:
-    std::string key_;
-};
-
 std::vector<std::uint8_t> randomPushToken() {
     std::random_device random;
     std::vector<std::uint8_t> token(32);
@@ -118,19 +103,17 @@ int main(int argc, char** argv) {
     KXClientFramework::setEnvironment(3);
     KXClientFramework::sharedManager().setBusinessUnit(options.businessUnit);
 
-    std::printf("KXClientFramework demo against %s%s\n\n", options.service.c_str(),
-                ("/ZandrelService/rest/bu/" + options.businessUnit).c_str());
-    constexpr int kSteps = 2;
-    KXDemoTour tour(mainQueue, kSteps, std::chrono::seconds(20));
+    std::printf("KXClientFramework demo against %s/ZandrelService/rest/bu/%s\n\n",
+                options.service.c_str(), options.businessUnit.c_str());
+    KXDemoTour tour(mainQueue, kxDemoStepCount, std::chrono::seconds(20));
 
-    auto delegate = std::make_shared<DemoDelegate>(options.key);
+    // The application launches; its delegate engages the library (with the automatic guest
+    // where this build has guests) and the application becomes active.
+    auto delegate = std::make_shared<KXDemoDelegate>(options.key);
     application.setDelegate(delegate);
     application.postEvent(KXApplicationEvent::DidFinishLaunching);
     application.postEvent(KXApplicationEvent::DidBecomeActive);
-    tour.until(
-        "Engaging: opening KXConfig.enc and fetching a bearer token",
-        [] { return KXHTTPSessionManager::sharedManager().bearerToken() != nullptr; },
-        [] { return std::string("no bearer token (is the sandbox running?)"); });
+    kxDemoEngage(tour, *delegate);
 
     // What the platform does once the push service issued the application a token.
     if (!tour.failed()) {
@@ -138,15 +121,15 @@ int main(int argc, char** argv) {
     }
     tour.until(
         "Registering this device's push token",
-        [&] { return KXDevice::currentDevice().deviceToken().has_value(); },
+        [] { return KXDevice::currentDevice().deviceToken().has_value(); },
         [] { return std::string("the library kept no device token"); });
     if (!tour.failed()) {
         KXDemoTour::detail("push token " + KXDevice::currentDevice().deviceToken().value_or(""));
     }
 
-    application.postEvent(KXApplicationEvent::WillResignActive);
-    application.postEvent(KXApplicationEvent::DidEnterBackground);
+    kxDemoServiceSteps(tour, application);
+
     application.postEvent(KXApplicationEvent::WillTerminate);
-    std::printf("\n%d of %d steps worked.\n", tour.completed(), kSteps);
+    std::printf("\n%d of %d steps worked.\n", tour.completed(), kxDemoStepCount);
     return tour.failed() ? 1 : 0;
 }
