@@ -1,5 +1,7 @@
 #include "KXSandboxHTTP.h"
 
+#include <array>
+#include <cctype>
 #include <charconv>
 #include <random>
 
@@ -42,7 +44,63 @@ const char* typeName(const JSON& value) {
     return value.type_name();
 }
 
+/// Decodes %XX escapes; '+' stays as it is, because the library sends its form values
+/// unencoded and a secret may contain one.
+std::string percentDecoded(const std::string& text) {
+    std::string decoded;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '%' && i + 2 < text.size() &&
+            std::isxdigit(static_cast<unsigned char>(text[i + 1])) != 0 &&
+            std::isxdigit(static_cast<unsigned char>(text[i + 2])) != 0) {
+            decoded.push_back(static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16)));
+            i += 2;
+        } else {
+            decoded.push_back(text[i]);
+        }
+    }
+    return decoded;
+}
+
 }  // namespace
+
+std::map<std::string, std::string> parseFormBody(const std::string& body) {
+    std::map<std::string, std::string> fields;
+    std::size_t start = 0;
+    while (start <= body.size()) {
+        std::size_t end = body.find('&', start);
+        if (end == std::string::npos) {
+            end = body.size();
+        }
+        const std::string pair = body.substr(start, end - start);
+        const std::size_t equals = pair.find('=');
+        if (!pair.empty()) {
+            fields.emplace(percentDecoded(pair.substr(0, equals)),
+                           equals == std::string::npos ? std::string()
+                                                       : percentDecoded(pair.substr(equals + 1)));
+        }
+        start = end + 1;
+    }
+    return fields;
+}
+
+std::optional<std::pair<std::string, std::string>> splitTenant(const std::string& path) {
+    static const std::array<std::string, 3> kFixed = {"/KXFrontier", "/KXFrontier-stg",
+                                                      "/KXFrontier-devinteg"};
+    for (const std::string& base : kFixed) {
+        if (path.size() > base.size() && path.compare(0, base.size(), base) == 0 &&
+            path[base.size()] == '/') {
+            return std::make_pair(base, path.substr(base.size() + 1));
+        }
+    }
+    static const std::string kBusinessUnits = "/ZandrelService/rest/bu/";
+    if (path.compare(0, kBusinessUnits.size(), kBusinessUnits) == 0) {
+        const std::size_t slash = path.find('/', kBusinessUnits.size());
+        if (slash != std::string::npos && slash > kBusinessUnits.size()) {
+            return std::make_pair(path.substr(0, slash), path.substr(slash + 1));
+        }
+    }
+    return std::nullopt;
+}
 
 JSON parseJSONBody(const std::string& text) {
     if (nestingDepth(text) > kMaxJSONDepth) {

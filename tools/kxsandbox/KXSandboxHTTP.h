@@ -50,6 +50,14 @@ constexpr int kMaxJSONDepth = 64;
 /// `text` parsed as JSON; 400 when it is malformed or nested too deeply.
 JSON parseJSONBody(const std::string& text);
 
+/// The fields of a form body "a=b&c=d" (the token endpoint's), %XX escapes decoded; '+' stays
+/// as it is, because the library sends its form values unencoded and a secret may hold one.
+std::map<std::string, std::string> parseFormBody(const std::string& body);
+
+/// Splits a request path into its tenant (the base path) and the rest below it. Base paths:
+/// "/KXFrontier", "/KXFrontier-stg", "/KXFrontier-devinteg", "/ZandrelService/rest/bu/<BU>".
+std::optional<std::pair<std::string, std::string>> splitTenant(const std::string& path);
+
 /// Typed reads of a request object's members; each answers 400 naming the member when the type
 /// is wrong. Absent and null members read as absent.
 std::optional<std::string> optionalString(const JSON& object, const char* key);

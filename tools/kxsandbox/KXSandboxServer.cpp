@@ -63,25 +63,6 @@ std::string joined(const std::vector<std::string>& words) {
 
 }  // namespace
 
-std::optional<std::pair<std::string, std::string>> splitTenant(const std::string& path) {
-    static const std::array<std::string, 3> kFixed = {"/KXFrontier", "/KXFrontier-stg",
-                                                      "/KXFrontier-devinteg"};
-    for (const std::string& base : kFixed) {
-        if (path.size() > base.size() && path.compare(0, base.size(), base) == 0 &&
-            path[base.size()] == '/') {
-            return std::make_pair(base, path.substr(base.size() + 1));
-        }
-    }
-    static const std::string kBusinessUnits = "/ZandrelService/rest/bu/";
-    if (path.compare(0, kBusinessUnits.size(), kBusinessUnits) == 0) {
-        const std::size_t slash = path.find('/', kBusinessUnits.size());
-        if (slash != std::string::npos && slash > kBusinessUnits.size()) {
-            return std::make_pair(path.substr(0, slash), path.substr(slash + 1));
-        }
-    }
-    return std::nullopt;
-}
-
 Server::Server(Database& database, ServeOptions options)
     : database_(database),
       options_(std::move(options)),

@@ -35,10 +35,6 @@ struct ServeOptions {
     int threads = 64;
 };
 
-/// Splits a request path into its tenant (the base path) and the rest below it. Base paths:
-/// "/KXFrontier", "/KXFrontier-stg", "/KXFrontier-devinteg", "/ZandrelService/rest/bu/<BU>".
-std::optional<std::pair<std::string, std::string>> splitTenant(const std::string& path);
-
 class Server {
 public:
     Server(Database& database, ServeOptions options);

@@ -11,42 +11,6 @@ namespace kxsandbox {
 
 namespace {
 
-/// Decodes %XX escapes; '+' stays as it is, because the library sends its form values
-/// unencoded and a secret may contain one.
-std::string percentDecoded(const std::string& text) {
-    std::string decoded;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '%' && i + 2 < text.size() && std::isxdigit(text[i + 1]) != 0 &&
-            std::isxdigit(text[i + 2]) != 0) {
-            decoded.push_back(static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16)));
-            i += 2;
-        } else {
-            decoded.push_back(text[i]);
-        }
-    }
-    return decoded;
-}
-
-std::map<std::string, std::string> formFields(const std::string& body) {
-    std::map<std::string, std::string> fields;
-    std::size_t start = 0;
-    while (start <= body.size()) {
-        std::size_t end = body.find('&', start);
-        if (end == std::string::npos) {
-            end = body.size();
-        }
-        const std::string pair = body.substr(start, end - start);
-        const std::size_t equals = pair.find('=');
-        if (!pair.empty()) {
-            fields.emplace(percentDecoded(pair.substr(0, equals)),
-                           equals == std::string::npos ? std::string()
-                                                       : percentDecoded(pair.substr(equals + 1)));
-        }
-        start = end + 1;
-    }
-    return fields;
-}
-
 std::string newToken() {
     thread_local std::mt19937_64 generator{std::random_device{}()};
     static constexpr char kDigits[] = "0123456789abcdef";
@@ -126,7 +90,7 @@ Tokens::Tokens(Database& database, std::int64_t lifetimeSeconds)
 }
 
 Reply Tokens::issue(const std::string& formBody) {
-    const std::map<std::string, std::string> fields = formFields(formBody);
+    const std::map<std::string, std::string> fields = parseFormBody(formBody);
     const auto field = [&](const char* name) {
         const auto found = fields.find(name);
         return found == fields.end() ? std::string() : found->second;
