@@ -46,7 +46,9 @@ KXNavigationStack::KXNavigationStack(KXViewController* root, QWidget* parent)
     layout->addWidget(pages_, 1);
     layout->addLayout(toolbarBox_);
 
-    for (const QKeySequence& keys : {QKeySequence(QKeySequence::Back), QKeySequence("Alt+Left")}) {
+    // One shortcut a key: the platform's Back is Alt+Left on most desktops, and two shortcuts
+    // with the same key would cancel each other out.
+    for (const QKeySequence& keys : {QKeySequence("Alt+Left"), QKeySequence(Qt::Key_Back)}) {
         auto* shortcut = new QShortcut(keys, this);
         shortcut->setContext(Qt::WidgetWithChildrenShortcut);
         connect(shortcut, &QShortcut::activated, this, &KXNavigationStack::pop);

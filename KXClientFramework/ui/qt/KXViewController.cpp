@@ -1,6 +1,11 @@
 #include "KXViewController.h"
 
-KXViewController::KXViewController(QWidget* parent) : QWidget(parent) {}
+#include "KXNavigationStack.h"
+
+KXViewController::KXViewController(QWidget* parent) : QWidget(parent) {
+    // A screen takes the focus itself when nothing inside it can, so the stack's keys work.
+    setFocusPolicy(Qt::StrongFocus);
+}
 
 void KXViewController::setTitle(const QString& title) {
     title_ = title;
@@ -21,3 +26,5 @@ void KXViewController::setToolbar(QWidget* toolbar) {
     toolbar_ = toolbar;
     emit navigationItemChanged();
 }
+
+KXNavigationStack* KXViewController::navigationStack() const { return stack_.data(); }

@@ -29,7 +29,7 @@ public:
     void setToolbar(QWidget* toolbar);
 
     /// The stack holding this screen, null when it stands alone.
-    KXNavigationStack* navigationStack() const { return stack_; }
+    KXNavigationStack* navigationStack() const;
 
     /// Called by the stack around changes of the top screen.
     virtual void viewWillAppear() {}

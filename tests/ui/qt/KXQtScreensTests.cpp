@@ -178,7 +178,8 @@ TEST(KXNavigationStack, KeyboardPopsAndTheRootStays) {
     second->setTitle("Message");
     stack.push(second);
     EXPECT_EQ(stack.titleLabel()->text(), "Message");
-    stack.activateWindow();
+    QApplication::setActiveWindow(&stack);
+    ASSERT_TRUE(QTest::qWaitForWindowActive(&stack));
     second->setFocus();
     QTest::keyClick(second, Qt::Key_Left, Qt::AltModifier);
     EXPECT_EQ(stack.topScreen(), root);
