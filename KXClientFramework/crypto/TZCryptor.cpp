@@ -1,5 +1,6 @@
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/TZCryptor.h>
+#include <KXClientFramework/TZCryptorEngine.h>
 
 #include "crypto/internal/TZCryptorErrors.h"
 #include "crypto/internal/TZCryptorQueues.h"

@@ -3,7 +3,6 @@
 #include <KXClientFramework/KXBackgroundQueue.h>
 #include <KXClientFramework/KXError.h>
 #include <KXClientFramework/KXExport.h>
-#include <KXClientFramework/TZCryptorEngine.h>
 #include <KXClientFramework/TZCryptorSettings.h>
 
 #include <cstddef>
@@ -17,6 +16,7 @@
 #include <vector>
 
 class TZCryptor;
+class TZCryptorEngine;
 
 /// Receives a cryptor's output. Called on the cryptor's response queue once per produced chunk
 /// (possibly empty) and once more when the cryptor finishes; on that last call isFinished() is

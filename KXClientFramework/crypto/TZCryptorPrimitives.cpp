@@ -1,6 +1,7 @@
 // Password-based keys, random bytes and the small byte helpers of the cryptors.
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/TZCryptor.h>
+#include <KXClientFramework/TZCryptorEngine.h>
 
 #include "crypto/internal/TZHMAC.h"
 #include "crypto/internal/TZKeyDerivation.h"

@@ -1,3 +1,4 @@
+#include <KXClientFramework/TZCryptorEngine.h>
 #include <KXClientFramework/TZOpenSSLEncryptor.h>
 
 #include "crypto/internal/TZCryptorErrors.h"

@@ -1,8 +1,8 @@
-#include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXDevice.h>
 #include <KXClientFramework/KXGlobals.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXPlatform.h>
+#include <KXClientFramework/KXSettings.h>
 
 #include <algorithm>
 #include <cstring>
@@ -146,6 +146,6 @@ KXJSON KXDevice::deviceData() const {
     if (std::strlen(KX_IOS_SDK_VERSION_STRING) != 0) {
         data["frameworkVersion"] = KX_IOS_SDK_VERSION_STRING;
     }
-    data["pushEnabled"] = KXClientFramework::sharedManager().pushEnabledOnDevice();
+    data["pushEnabled"] = KXSettings::shared().pushEnabledOnDevice();
     return data;
 }

@@ -1,4 +1,5 @@
-#include <KXClientFramework/KXLinuxPlatform.h>
+#include <KXClientFramework/KXDiskLogger.h>
+#include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXPlatform.h>
 
 #include <mutex>
@@ -35,9 +36,19 @@ KXPlatform& KXPlatform::current() {
 std::shared_ptr<KXPlatform> KXPlatform::currentShared() {
     std::lock_guard lock(installed().mutex);
     if (!installed().platform) {
-        KXLinuxPlatformOptions options;
-        options.applicationId = KXLinuxPlatform::defaultApplicationId();
-        installed().platform = std::make_shared<KXLinuxPlatform>(std::move(options));
+        installed().platform = makeDefault();
     }
     return installed().platform;
 }
+
+namespace {
+
+// The log's disk copy goes to the caches directory of whichever platform is installed when a
+// line is written; installed as soon as the library is loaded.
+[[maybe_unused]] const bool kDiskSinkInstalled = [] {
+    KXLog::setDiskSink(
+        std::make_shared<KXDiskLogSink>([] { return KXPlatform::current().cachesDirectory(); }));
+    return true;
+}();
+
+}  // namespace

@@ -46,4 +46,9 @@ public:
     /// The installed platform (installing the Linux default on first use).
     static KXPlatform& current();
     static std::shared_ptr<KXPlatform> currentShared();
+
+    /// A new default platform for this system, used when none was installed. The Linux
+    /// platform layer (platform/linux/) defines it: KXLinuxPlatform with the application id
+    /// taken from $KX_APPLICATION_ID or the program's name.
+    static std::shared_ptr<KXPlatform> makeDefault();
 };

@@ -1,10 +1,17 @@
 #include <KXClientFramework/KXApplication.h>
-#include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXClientFrameworkAppDelegate.h>
 #include <KXClientFramework/KXDevice.h>
 #include <KXClientFramework/KXLog.h>
+#include <KXClientFramework/KXSettings.h>
+
+#include <utility>
 
 using Callback = KXApplicationDelegateCallback;
+
+void KXClientFrameworkAppDelegate::setRemoteNotificationHandler(RemoteNotificationHandler handler) {
+    std::lock_guard lock(mutex_);
+    remoteNotificationHandler_ = std::move(handler);
+}
 
 bool KXClientFrameworkAppDelegate::respondsTo(Callback callback) const {
     switch (callback) {
@@ -34,7 +41,7 @@ std::string KXClientFrameworkAppDelegate::deviceTokenString(
 void KXClientFrameworkAppDelegate::didRegisterForRemoteNotificationsWithDeviceToken(
     KXApplication& /*application*/, const std::vector<std::uint8_t>& deviceToken) {
     const std::string token = deviceTokenString(deviceToken);
-    KXClientFramework::sharedManager().setPushEnabledOnDevice(true);
+    KXSettings::shared().setPushEnabledOnDevice(true);
     KXDevice& device = KXDevice::currentDevice();
     device.saveDeviceToken(token);
     KX_LOG_INFO("APNS device applicationToken: {}", device.deviceToken().value_or("(null)"));
@@ -50,8 +57,13 @@ void KXClientFrameworkAppDelegate::didReceiveRemoteNotification(
     std::function<void(KXBackgroundFetchResult)> /*completionHandler*/) {
     // The handler is deliberately left uncalled: the proxy's merge then never reports for a
     // notification the library received (see KXClientFrameworkAppDelegateProxy).
-    if (auto engaged = KXClientFramework::sharedManager().sharedZandrel()) {
-        engaged->handleNotificationForAnalytics(userInfo, application.applicationState());
+    RemoteNotificationHandler handler;
+    {
+        std::lock_guard lock(mutex_);
+        handler = remoteNotificationHandler_;
+    }
+    if (handler) {
+        handler(userInfo, application.applicationState());
     }
 }
 

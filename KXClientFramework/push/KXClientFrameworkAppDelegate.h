@@ -4,6 +4,8 @@
 #include <KXClientFramework/KXExport.h>
 
 #include <cstdint>
+#include <functional>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -14,14 +16,21 @@
 /// - a new device token: marks the device as registered for pushes on the shared manager and
 ///   saves the token (as lowercase hexadecimal text) through KXDevice;
 /// - a failed registration: logged at ERROR;
-/// - a remote notification: handed to the analytics engine of the engaged library, if any. The
-///   completion handler it is given is never called (see KXClientFrameworkAppDelegateProxy);
+/// - a remote notification: handed, with the application's state, to the remote-notification
+///   handler (set by the engagement, for the analytics engine of the engaged library), if any.
+///   The completion handler it is given is never called (see KXClientFrameworkAppDelegateProxy);
 /// - a tapped notification action: logged, and the completion handler is called at once;
 /// - registered notification settings: registers for remote notifications.
 ///
-/// It keeps no state.
+/// Its only state is that handler.
 class KX_EXPORT KXClientFrameworkAppDelegate : public KXApplicationDelegate {
 public:
+    using RemoteNotificationHandler =
+        std::function<void(const KXJSON& userInfo, KXApplicationState state)>;
+
+    /// Where remote notifications go; an empty handler drops them. Any thread.
+    void setRemoteNotificationHandler(RemoteNotificationHandler handler);
+
     bool respondsTo(KXApplicationDelegateCallback callback) const override;
 
     void didRegisterForRemoteNotificationsWithDeviceToken(
@@ -43,4 +52,8 @@ public:
     /// The text form of a device token: two lowercase hexadecimal digits per byte, no
     /// separators (64 characters for a 32-byte token).
     static std::string deviceTokenString(const std::vector<std::uint8_t>& deviceToken);
+
+private:
+    mutable std::mutex mutex_;
+    RemoteNotificationHandler remoteNotificationHandler_;
 };

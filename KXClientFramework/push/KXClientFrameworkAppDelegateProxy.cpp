@@ -1,7 +1,7 @@
-#include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXClientFrameworkAppDelegateProxy.h>
 #include <KXClientFramework/KXException.h>
 #include <KXClientFramework/KXLog.h>
+#include <KXClientFramework/KXSettings.h>
 
 #include <utility>
 #include <vector>
@@ -63,7 +63,7 @@ bool KXClientFrameworkAppDelegateProxy::zandrelDelegateRespondsToSelector(Callba
 bool KXClientFrameworkAppDelegateProxy::respondsTo(Callback callback) const {
     const auto original = originalAppDelegate();
     if (callback == Callback::DidReceiveRemoteNotificationWithCompletionHandler) {
-        if (KXClientFramework::sharedManager().backgroundNotificationEnabled()) {
+        if (KXSettings::shared().backgroundNotificationEnabled()) {
             return true;
         }
         return original && original->respondsTo(callback);

@@ -1,8 +1,8 @@
-#include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXHTTPSessionManager.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXPlatform.h>
+#include <KXClientFramework/KXSettings.h>
 
 #include "transport/internal/KXURLUtilities.h"
 
@@ -12,7 +12,7 @@ namespace {
 
 bool isHTTPSuccess(const KXHTTPResponse* response) {
     const long status = response != nullptr ? response->statusCode : 0;
-    if (KXClientFramework::sharedManager().RESTfulServiceLoggingEnabled()) {
+    if (KXSettings::shared().RESTfulServiceLoggingEnabled()) {
         KXJSON headers = KXJSON::object();
         if (response != nullptr) {
             for (const auto& [name, value] : response->headers) {

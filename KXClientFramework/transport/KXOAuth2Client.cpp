@@ -1,5 +1,4 @@
 #include <KXClientFramework/KXBackgroundTimer.h>
-#include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXGlobals.h>
 #include <KXClientFramework/KXHTTPSessionManager.h>
@@ -7,6 +6,7 @@
 #include <KXClientFramework/KXOAuth2Client.h>
 #include <KXClientFramework/KXOAuthCredential.h>
 #include <KXClientFramework/KXPlatform.h>
+#include <KXClientFramework/KXSettings.h>
 
 #include <chrono>
 #include <cmath>
@@ -104,7 +104,7 @@ KXJSON KXOAuth2Client::grantParameters(const std::optional<std::string>& clientI
 }
 
 std::string KXOAuth2Client::tokenURL() {
-    const KXServiceEndpoints endpoints = KXClientFramework::serviceEndpoints();
+    const KXServiceEndpoints endpoints = KXSettings::shared().serviceEndpoints();
     return (KXConfig::defaultConfig().inProduction() ? endpoints.productionToken
                                                      : endpoints.stagingToken) +
            "/token";

@@ -1,8 +1,9 @@
-#include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXOAuth2Client.h>
 #include <KXClientFramework/KXSessionManager.h>
+#include <KXClientFramework/KXSettings.h>
+#include <KXClientFramework/KXTransportActivity.h>
 
 #include "transport/internal/KXURLUtilities.h"
 
@@ -45,7 +46,7 @@ std::string KXSessionManager::kxBaseURI() {
     if (KXConfig::defaultConfig().inProduction()) {
         return "/KXFrontier";
     }
-    const KXClientFramework& settings = KXClientFramework::sharedManager();
+    const KXSettings& settings = KXSettings::shared();
     switch (settings.environment()) {
         case 1:
         case 2:
@@ -70,9 +71,9 @@ KXSessionManager::KXSessionManager() {
 KXSessionManager::~KXSessionManager() = default;
 
 void KXSessionManager::configureBaseUrl() {
-    const std::int64_t environment = KXClientFramework::sharedManager().environment();
+    const std::int64_t environment = KXSettings::shared().environment();
     KX_LOG_DEBUG("KX iOS SDK Environment: {}", environment);
-    const KXServiceEndpoints endpoints = KXClientFramework::serviceEndpoints();
+    const KXServiceEndpoints endpoints = KXSettings::shared().serviceEndpoints();
     std::string url;
     if (KXConfig::defaultConfig().inProduction()) {
         url = endpoints.production;
@@ -97,7 +98,7 @@ void KXSessionManager::configureBaseUrl() {
 }
 
 void KXSessionManager::resetBaseURLToEnvironment(std::int64_t environment) {
-    KXClientFramework::setEnvironment(environment);
+    KXSettings::shared().setEnvironment(environment);
     configureBaseUrl();
 }
 
@@ -143,7 +144,7 @@ KXURLRequest KXSessionManager::requestWithMethod(const std::string& method, cons
         }
     }
 
-    if (KXClientFramework::sharedManager().RESTfulServiceLoggingEnabled()) {
+    if (KXSettings::shared().RESTfulServiceLoggingEnabled()) {
         KX_LOG_DEBUG("\nRequest Headers: {}\nRequest URL: {}\nRequest Parameters: {}",
                      dumpForLog(headersForLog(request.allHTTPHeaderFields)), request.URL,
                      parameters.is_null() ? std::string("(null)") : dumpForLog(parameters));
@@ -159,7 +160,7 @@ KXURLRequest KXSessionManager::authorizationRequestWithURL(const std::string& UR
     if (!parameters.is_null()) {
         request.HTTPBody = serialize(parameters);
     }
-    if (KXClientFramework::sharedManager().RESTfulServiceLoggingEnabled()) {
+    if (KXSettings::shared().RESTfulServiceLoggingEnabled()) {
         KX_LOG_DEBUG("\nRequest Headers: {}\nRequest URL: {}",
                      dumpForLog(headersForLog(request.allHTTPHeaderFields)), request.URL);
     }
@@ -192,14 +193,18 @@ void KXSessionManager::requestWithMethod(const std::string& method, const std::s
         }
         return;
     }
+    // While the request waits for its token it is under way too.
+    auto wait = KXTransportActivity::beginTokenWait();
     KXOAuth2Client::client().refreshBearerTokenWithSuccess(
-        [this, method, URL, parameters, request](const std::shared_ptr<KXBearerToken>&) {
+        [this, method, URL, parameters, request, wait](const std::shared_ptr<KXBearerToken>&) {
             KXURLRequest built = requestWithMethod(method, URL, parameters);
             if (request) {
                 request(built);
             }
+            wait->end();
         },
-        [failure](const KXError& error) {
+        [failure, wait](const KXError& error) {
+            wait->end();
             KX_LOG_ERROR("ERROR: {}", error.description());
             if (failure) {
                 failure(error);

@@ -1,4 +1,5 @@
 #include <KXClientFramework/KXPlatform.h>
+#include <KXClientFramework/KXTransportActivity.h>
 #include <KXClientFramework/KXURLSession.h>
 
 #include "transport/internal/KXNetworkEngine.h"
@@ -37,16 +38,20 @@ void KXURLSession::dataTask(const KXURLRequest& request, Completion completion) 
     }
 
     // Completions go to the main queue of the platform that was current when the task began.
+    // The activity mark travels with the completion, so the request stops counting only once
+    // its completion has run on the main queue.
     std::shared_ptr<KXPlatform> platform = KXPlatform::currentShared();
     KXNetworkEngine::shared().submit(
-        std::move(outgoing), [platform = std::move(platform),
-                              completion = std::move(completion)](KXNetworkResult result) mutable {
+        std::move(outgoing),
+        [platform = std::move(platform), completion = std::move(completion),
+         mark = KXTransportActivity::begin()](KXNetworkResult result) mutable {
             if (!completion) {
                 return;
             }
-            platform->mainQueue().post(
-                [completion = std::move(completion), result = std::move(result)]() mutable {
-                    completion(std::move(result.response), std::move(result.error));
-                });
+            platform->mainQueue().post([completion = std::move(completion),
+                                        result = std::move(result),
+                                        mark = std::move(mark)]() mutable {
+                completion(std::move(result.response), std::move(result.error));
+            });
         });
 }

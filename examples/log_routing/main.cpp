@@ -40,6 +40,7 @@ int main() {
     kxLogLevel = 1;
     KX_LOG_DEBUG("this line is neither formatted nor written");
 
-    std::printf("log file: %s\n", KXDiskLogger::logFilePath().c_str());
+    std::printf("log file: %s\n",
+                KXDiskLogger::logFilePath(KXPlatform::current().cachesDirectory()).c_str());
     return 0;
 }

@@ -3,6 +3,7 @@
 #include <KXClientFramework/KXDiskLogger.h>
 #include <KXClientFramework/KXGlobals.h>
 #include <KXClientFramework/KXLog.h>
+#include <KXClientFramework/KXPlatform.h>
 
 #include <gtest/gtest.h>
 
@@ -28,6 +29,10 @@ struct LogEmitter {
     }
 };
 
+std::filesystem::path cachesDirectory() {
+    return KXPlatform::current().cachesDirectory();
+}
+
 std::string readFile(const std::filesystem::path& path) {
     std::ifstream in(path);
     std::stringstream text;
@@ -41,7 +46,7 @@ protected:
         kxLoggingEnabled = true;
         kxLoggingToDiskEnabled = false;
         kxLogLevel = 4;
-        std::filesystem::remove_all(KXDiskLogger::logFilePath());
+        std::filesystem::remove_all(KXDiskLogger::logFilePath(cachesDirectory()));
     }
     void TearDown() override {
         kxLoggingEnabled = true;
@@ -124,7 +129,7 @@ TEST_F(KXLogTest, LoggingOffLeavesTheDiskFileAlone) {
     kxLoggingEnabled = false;
     LogEmitter::emitAllLevels();
     EXPECT_TRUE(sink->lines().empty());
-    EXPECT_FALSE(std::filesystem::exists(KXDiskLogger::logFilePath()));
+    EXPECT_FALSE(std::filesystem::exists(KXDiskLogger::logFilePath(cachesDirectory())));
 }
 
 TEST_F(KXLogTest, DiskLoggingAppendsEveryWrittenLine) {
@@ -139,23 +144,23 @@ TEST_F(KXLogTest, DiskLoggingAppendsEveryWrittenLine) {
     for (std::size_t i = 1; i < lines.size(); i += 2) {
         EXPECT_EQ(lines[i], "DISKLogger Created");
     }
-    const std::string file = readFile(KXDiskLogger::logFilePath());
+    const std::string file = readFile(KXDiskLogger::logFilePath(cachesDirectory()));
     EXPECT_EQ(file, lines[0] + "\n" + lines[2] + "\n" + lines[4] + "\n" + lines[6] + "\n");
-    EXPECT_EQ(KXDiskLogger::logFilePath().filename(), "ZandrelSDK.log");
+    EXPECT_EQ(KXDiskLogger::logFilePath(cachesDirectory()).filename(), "ZandrelSDK.log");
 }
 
 TEST_F(KXLogTest, ClearLogFromDiskKeepsTheFile) {
-    KXDiskLogger logger;
+    KXDiskLogger logger(cachesDirectory());
     logger.writeLogToDisk("first");
     logger.clearLogFromDisk();
-    KXDiskLogger().writeLogToDisk("second");
-    EXPECT_EQ(readFile(KXDiskLogger::logFilePath()), "first\nsecond\n");
+    KXDiskLogger(cachesDirectory()).writeLogToDisk("second");
+    EXPECT_EQ(readFile(KXDiskLogger::logFilePath(cachesDirectory())), "first\nsecond\n");
     EXPECT_EQ(sink->linesContaining("error: (null)").size(), 1u);
 }
 
 TEST_F(KXLogTest, UnwritableLogFileLosesTheLineQuietly) {
-    const auto path = KXDiskLogger::logFilePath();
+    const auto path = KXDiskLogger::logFilePath(cachesDirectory());
     std::filesystem::create_directories(path);  // a directory where the file should be
-    KXDiskLogger().writeLogToDisk("lost");
+    KXDiskLogger(cachesDirectory()).writeLogToDisk("lost");
     EXPECT_TRUE(std::filesystem::is_directory(path));
 }

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <future>
 #include <mutex>
 #include <thread>
@@ -47,6 +48,39 @@ TEST(KXAsioMainQueue, PollRunsOnlyReadyWorkAndPostAfterRunsInDelayOrder) {
 
     ASSERT_TRUE(queue.runUntil([&] { return order.size() == 3; }, 10s));
     EXPECT_EQ(order, (std::vector<int>{0, 1, 2})) << "the hour-long timer never ran";
+}
+
+TEST(KXAsioMainQueue, WorkIsDueWhilePostedWorkOrExpiredDelayedWorkHasNotRun) {
+    struct Case {
+        const char* name;
+        std::function<void(KXAsioMainQueue&)> post;
+        bool dueBeforeRunning;
+    };
+    const std::vector<Case> cases = {
+        {"nothing posted", [](KXAsioMainQueue&) {}, false},
+        {"posted work", [](KXAsioMainQueue& q) { q.post([] {}); }, true},
+        {"an empty function is skipped", [](KXAsioMainQueue& q) { q.post({}); }, false},
+        {"delayed work not yet due", [](KXAsioMainQueue& q) { q.postAfter(1h, [] {}); }, false},
+        {"delayed work come due", [](KXAsioMainQueue& q) { q.postAfter(0ms, [] {}); }, true},
+    };
+    for (const Case& c : cases) {
+        KXAsioMainQueue queue;
+        c.post(queue);
+        std::this_thread::sleep_for(2ms);
+        EXPECT_EQ(queue.hasWorkDue(), c.dueBeforeRunning) << c.name;
+        queue.poll();
+        EXPECT_FALSE(queue.hasWorkDue()) << c.name << ", after running what was ready";
+    }
+
+    // Work posted from a handler keeps the queue busy until it too has run.
+    KXAsioMainQueue queue;
+    bool innerRan = false;
+    queue.post([&] { queue.post([&] { innerRan = true; }); });
+    queue.context().run_one();
+    EXPECT_TRUE(queue.hasWorkDue());
+    EXPECT_FALSE(innerRan);
+    queue.poll();
+    EXPECT_FALSE(queue.hasWorkDue());
 }
 
 TEST(KXAsioMainQueue, StopEndsRunAndALaterRunWorksAgain) {

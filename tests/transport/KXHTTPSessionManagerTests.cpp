@@ -6,6 +6,7 @@
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXOAuth2Client.h>
 #include <KXClientFramework/KXSessionManager.h>
+#include <KXClientFramework/KXTransportActivity.h>
 
 #include <curl/curl.h>
 
@@ -289,6 +290,7 @@ TEST_F(HTTPSessionManager, ManyConcurrentCallsEachCompleteOnceOnTheMainThread) {
             start(&KXHTTPSessionManager::POST, "/sessions", KXJSON{{"i", i}}, outcomes[i]);
         }
     }
+    EXPECT_EQ(KXTransportActivity::requestsUnderWay(), static_cast<std::size_t>(kCalls));
     ASSERT_TRUE(runUntil([&] {
         for (const auto& outcome : outcomes) {
             if (outcome.callbacks() == 0) {
@@ -298,6 +300,7 @@ TEST_F(HTTPSessionManager, ManyConcurrentCallsEachCompleteOnceOnTheMainThread) {
         return true;
     }));
     drain();
+    EXPECT_EQ(KXTransportActivity::requestsUnderWay(), 0u) << "every completion has run";
     for (int i = 0; i < kCalls; ++i) {
         EXPECT_EQ(outcomes[i].callbacks(), 1) << i;
         EXPECT_EQ(outcomes[i].successes, i % 2 == 0 ? 1 : 0) << i;
@@ -434,4 +437,6 @@ TEST_F(TokenGate, ATokenAnswerWithoutJSONLeavesTheRequestWaitingForever) {
     EXPECT_EQ(outcome.callbacks(), 0);
     EXPECT_FALSE(transport().bearerToken());
     EXPECT_TRUE(service.requestsTo("/inbox").empty());
+    EXPECT_EQ(KXTransportActivity::requestsUnderWay(), 1u) << "the waiting request never ends";
+    EXPECT_EQ(KXTransportActivity::requestsWaitingForToken(), 1u);
 }

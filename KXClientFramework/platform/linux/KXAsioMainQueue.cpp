@@ -29,7 +29,11 @@ void KXAsioMainQueue::post(std::function<void()> work) {
     if (!work) {
         return;
     }
-    asio::post(context_, std::move(work));
+    postedNotRun_.fetch_add(1, std::memory_order_relaxed);
+    // The count drops when the handler is destroyed, after it ran or when the context discards it.
+    std::shared_ptr<void> counted(
+        nullptr, [this](void*) { postedNotRun_.fetch_sub(1, std::memory_order_release); });
+    asio::post(context_, [work = std::move(work), counted = std::move(counted)]() { work(); });
 }
 
 void KXAsioMainQueue::postAfter(std::chrono::milliseconds delay, std::function<void()> work) {
@@ -37,7 +41,16 @@ void KXAsioMainQueue::postAfter(std::chrono::milliseconds delay, std::function<v
         return;
     }
     auto timer = std::make_shared<asio::steady_timer>(context_, delay);
-    timer->async_wait([timer, work = std::move(work)](const std::error_code& error) {
+    std::multiset<std::chrono::steady_clock::time_point>::iterator due;
+    {
+        std::lock_guard lock(delayedMutex_);
+        due = delayedNotRun_.insert(timer->expiry());
+    }
+    timer->async_wait([this, timer, due, work = std::move(work)](const std::error_code& error) {
+        {
+            std::lock_guard lock(delayedMutex_);
+            delayedNotRun_.erase(due);
+        }
         if (!error) {
             work();
         }
@@ -87,4 +100,12 @@ std::size_t KXAsioMainQueue::poll() {
 
 void KXAsioMainQueue::stop() {
     context_.stop();
+}
+
+bool KXAsioMainQueue::hasWorkDue() const {
+    if (postedNotRun_.load(std::memory_order_acquire) != 0) {
+        return true;
+    }
+    std::lock_guard lock(delayedMutex_);
+    return !delayedNotRun_.empty() && *delayedNotRun_.begin() <= std::chrono::steady_clock::now();
 }

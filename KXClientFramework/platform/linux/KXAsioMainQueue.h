@@ -6,10 +6,13 @@
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <mutex>
 #include <optional>
+#include <set>
 
 /// The default main queue: an asio::io_context that the application runs on its initial thread.
 ///
@@ -38,9 +41,18 @@ public:
     /// Makes run() return; later run() calls work again.
     void stop();
 
+    /// True while work posted with post() has not run yet, or work posted with postAfter() has
+    /// come due and not run yet. Work whose delay has not passed does not count, so a queue with
+    /// only a far-off timer is idle. Safe from any thread.
+    bool hasWorkDue() const;
+
     asio::io_context& context() { return context_; }
 
 private:
+    // Declared before the context: handlers it discards on destruction still update them.
+    std::atomic<std::size_t> postedNotRun_{0};
+    mutable std::mutex delayedMutex_;
+    std::multiset<std::chrono::steady_clock::time_point> delayedNotRun_;
     asio::io_context context_;
     std::optional<asio::executor_work_guard<asio::io_context::executor_type>> guard_;
 };

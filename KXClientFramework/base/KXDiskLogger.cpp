@@ -1,27 +1,28 @@
 #include <KXClientFramework/KXDiskLogger.h>
 #include <KXClientFramework/KXLog.h>
-#include <KXClientFramework/KXPlatform.h>
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <string>
 #include <system_error>
+#include <utility>
 
 namespace {
 constexpr const char* kLogFileName = "ZandrelSDK.log";
 }
 
-KXDiskLogger::KXDiskLogger() {
+KXDiskLogger::KXDiskLogger(std::filesystem::path directory)
+    : path_(logFilePath(std::move(directory))) {
     KXLog::systemLog("DISKLogger Created");
 }
 
-std::filesystem::path KXDiskLogger::logFilePath() {
-    return KXPlatform::current().cachesDirectory() / kLogFileName;
+std::filesystem::path KXDiskLogger::logFilePath(const std::filesystem::path& directory) {
+    return directory / kLogFileName;
 }
 
 void KXDiskLogger::writeLogToDisk(std::string_view line) {
-    const std::filesystem::path path = logFilePath();
+    const std::filesystem::path& path = path_;
     std::error_code ignored;
     std::filesystem::create_directories(path.parent_path(), ignored);
 
@@ -51,6 +52,14 @@ void KXDiskLogger::writeLogToDisk(std::string_view line) {
 
 void KXDiskLogger::clearLogFromDisk() {
     // The log is kept for support: asking to clear it only reports that nothing was removed.
-    (void)logFilePath();
     KXLog::systemLog("error: (null)");
+}
+
+KXDiskLogSink::KXDiskLogSink(std::filesystem::path directory)
+    : directory_([directory = std::move(directory)] { return directory; }) {}
+
+KXDiskLogSink::KXDiskLogSink(DirectoryProvider directory) : directory_(std::move(directory)) {}
+
+void KXDiskLogSink::write(std::string_view line) {
+    KXDiskLogger(directory_ ? directory_() : std::filesystem::path()).writeLogToDisk(line);
 }

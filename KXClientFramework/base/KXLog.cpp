@@ -1,4 +1,3 @@
-#include <KXClientFramework/KXDiskLogger.h>
 #include <KXClientFramework/KXLog.h>
 
 #include <cstdio>
@@ -14,6 +13,11 @@ std::mutex& sinkMutex() {
 
 std::shared_ptr<KXLogSink>& installedSink() {
     static std::shared_ptr<KXLogSink> sink = std::make_shared<KXStandardErrorSink>();
+    return sink;
+}
+
+std::shared_ptr<KXLogSink>& installedDiskSink() {
+    static std::shared_ptr<KXLogSink> sink;
     return sink;
 }
 
@@ -34,6 +38,16 @@ void KXLog::setSink(std::shared_ptr<KXLogSink> sink) {
 std::shared_ptr<KXLogSink> KXLog::sink() {
     std::lock_guard lock(sinkMutex());
     return installedSink();
+}
+
+void KXLog::setDiskSink(std::shared_ptr<KXLogSink> sink) {
+    std::lock_guard lock(sinkMutex());
+    installedDiskSink() = std::move(sink);
+}
+
+std::shared_ptr<KXLogSink> KXLog::diskSink() {
+    std::lock_guard lock(sinkMutex());
+    return installedDiskSink();
 }
 
 void KXLog::systemLog(std::string_view line) {
@@ -82,6 +96,8 @@ void KXLog::write(KXLogLevel level, const KXSourceLocation& where, std::string_v
                     where.line(), message);
     systemLog(line);
     if (kxLoggingToDiskEnabled.load(std::memory_order_relaxed)) {
-        KXDiskLogger().writeLogToDisk(line);
+        if (const auto disk = diskSink()) {
+            disk->write(line);
+        }
     }
 }

@@ -5,6 +5,7 @@
 #include <KXClientFramework/KXExport.h>
 #include <KXClientFramework/KXJSON.h>
 #include <KXClientFramework/KXServiceEndpoints.h>
+#include <KXClientFramework/KXSettings.h>
 
 #include <cstdint>
 #include <functional>
@@ -16,12 +17,14 @@
 class KXClientFrameworkAppDelegateProxy;
 struct KXNotification;
 
-/// The library's façade and the holder of its process-wide settings.
+/// The library's façade.
 ///
-/// The shared manager, sharedManager(), carries the settings that the other components read:
-/// the service environment, the business unit, the REST logging switch and, once the
-/// application authenticated through it, the client credentials and the application id. Every
-/// accessor may be called from any thread.
+/// The shared manager, sharedManager(), gives the application the settings that the other
+/// components read: the service environment, the business unit, the REST logging switch and,
+/// once the application authenticated through it, the client credentials and the application
+/// id. They live in the process's KXSettings (KXSettings::shared()), to which the shared
+/// manager's getters and setters forward; any other object of this class keeps settings of its
+/// own. Every accessor may be called from any thread.
 ///
 /// The application joins the service with one call on the main thread while it launches:
 ///
@@ -161,17 +164,11 @@ public:
     static KXServiceEndpoints serviceEndpoints();
 
 private:
+    explicit KXClientFramework(KXSettings& settings);
+
+    std::unique_ptr<KXSettings> ownSettings_;
+    KXSettings& settings_;
     mutable std::mutex mutex_;
-    std::int64_t environment_ = 0;
-    std::optional<std::string> businessUnit_;
-    bool RESTfulServiceLoggingEnabled_ = false;
-    bool useInternalKXAPIService_ = false;
-    std::optional<std::string> clientId_;
-    std::optional<std::string> clientSecret_;
-    std::optional<std::string> applicationId_;
-    bool pushEnabledOnDevice_ = false;
-    bool backgroundNotificationEnabled_ = false;
-    std::optional<std::string> applicationName_;
     bool analyticsEnabled_ = false;
     std::shared_ptr<KXClientFrameworkAppDelegateProxy> appDelegate_;
     AnalyticsNotificationHandler analyticsNotificationHandler_;

@@ -1,103 +1,79 @@
-#include <KXClientFramework/KXClientFramework.h>
+#include <KXClientFramework/KXClientFrameworkFacade.h>
 #include <KXClientFramework/KXGlobals.h>
 
 #include <utility>
 
-namespace {
-
-std::mutex& endpointsMutex() {
-    static std::mutex mutex;
-    return mutex;
-}
-
-KXServiceEndpoints& installedEndpoints() {
-    static KXServiceEndpoints endpoints;
-    return endpoints;
-}
-
-template <typename T>
-T read(std::mutex& mutex, const T& value) {
-    std::lock_guard lock(mutex);
-    return value;
-}
-
-template <typename T>
-void write(std::mutex& mutex, T& slot, T value) {
-    std::lock_guard lock(mutex);
-    slot = std::move(value);
-}
-
-}  // namespace
-
 KXClientFramework& KXClientFramework::sharedManager() {
     // Never destroyed: components may read settings from any thread until the process ends.
-    static KXClientFramework* const manager = new KXClientFramework();
+    static KXClientFramework* const manager = new KXClientFramework(KXSettings::shared());
     return *manager;
 }
 
-KXClientFramework::KXClientFramework() = default;
+KXClientFramework::KXClientFramework()
+    : ownSettings_(std::make_unique<KXSettings>()), settings_(*ownSettings_) {}
+
+KXClientFramework::KXClientFramework(KXSettings& settings) : settings_(settings) {}
 
 std::int64_t KXClientFramework::environment() const {
-    return read(mutex_, environment_);
+    return settings_.environment();
 }
 std::optional<std::string> KXClientFramework::businessUnit() const {
-    return read(mutex_, businessUnit_);
+    return settings_.businessUnit();
 }
 void KXClientFramework::setBusinessUnit(std::optional<std::string> businessUnit) {
-    write(mutex_, businessUnit_, std::move(businessUnit));
+    settings_.setBusinessUnit(std::move(businessUnit));
 }
 bool KXClientFramework::RESTfulServiceLoggingEnabled() const {
-    return read(mutex_, RESTfulServiceLoggingEnabled_);
+    return settings_.RESTfulServiceLoggingEnabled();
 }
 void KXClientFramework::setRESTfulServiceLoggingEnabled(bool enabled) {
-    write(mutex_, RESTfulServiceLoggingEnabled_, enabled);
+    settings_.setRESTfulServiceLoggingEnabled(enabled);
 }
 bool KXClientFramework::useInternalKXAPIService() const {
-    return read(mutex_, useInternalKXAPIService_);
+    return settings_.useInternalKXAPIService();
 }
 void KXClientFramework::setUseInternalKXAPIService(bool use) {
-    write(mutex_, useInternalKXAPIService_, use);
+    settings_.setUseInternalKXAPIService(use);
 }
 std::optional<std::string> KXClientFramework::clientId() const {
-    return read(mutex_, clientId_);
+    return settings_.clientId();
 }
 void KXClientFramework::setClientId(std::optional<std::string> clientId) {
-    write(mutex_, clientId_, std::move(clientId));
+    settings_.setClientId(std::move(clientId));
 }
 std::optional<std::string> KXClientFramework::clientSecret() const {
-    return read(mutex_, clientSecret_);
+    return settings_.clientSecret();
 }
 void KXClientFramework::setClientSecret(std::optional<std::string> clientSecret) {
-    write(mutex_, clientSecret_, std::move(clientSecret));
+    settings_.setClientSecret(std::move(clientSecret));
 }
 std::optional<std::string> KXClientFramework::applicationId() const {
-    return read(mutex_, applicationId_);
+    return settings_.applicationId();
 }
 void KXClientFramework::setApplicationId(std::optional<std::string> applicationId) {
-    write(mutex_, applicationId_, std::move(applicationId));
+    settings_.setApplicationId(std::move(applicationId));
 }
 bool KXClientFramework::pushEnabledOnDevice() const {
-    return read(mutex_, pushEnabledOnDevice_);
+    return settings_.pushEnabledOnDevice();
 }
 void KXClientFramework::setPushEnabledOnDevice(bool enabled) {
-    write(mutex_, pushEnabledOnDevice_, enabled);
+    settings_.setPushEnabledOnDevice(enabled);
 }
 bool KXClientFramework::backgroundNotificationEnabled() const {
-    return read(mutex_, backgroundNotificationEnabled_);
+    return settings_.backgroundNotificationEnabled();
 }
 void KXClientFramework::setBackgroundNotificationEnabled(bool enabled) {
-    write(mutex_, backgroundNotificationEnabled_, enabled);
+    settings_.setBackgroundNotificationEnabled(enabled);
 }
 std::optional<std::string> KXClientFramework::applicationName() const {
-    return read(mutex_, applicationName_);
+    return settings_.applicationName();
 }
 void KXClientFramework::setApplicationName(std::optional<std::string> applicationName) {
-    write(mutex_, applicationName_, std::move(applicationName));
+    settings_.setApplicationName(std::move(applicationName));
 }
 
 void KXClientFramework::setEnvironment(std::int64_t environment) {
-    KXClientFramework& manager = sharedManager();
-    write(manager.mutex_, manager.environment_, environment);
+    KXSettings::shared().setEnvironment(environment);
 }
 void KXClientFramework::setRESTfulServiceLogging(bool enabled) {
     sharedManager().setRESTfulServiceLoggingEnabled(enabled);
@@ -116,8 +92,8 @@ void KXClientFramework::setLogLevel(std::int64_t level) {
 }
 
 void KXClientFramework::setServiceEndpoints(KXServiceEndpoints endpoints) {
-    write(endpointsMutex(), installedEndpoints(), std::move(endpoints));
+    KXSettings::shared().setServiceEndpoints(std::move(endpoints));
 }
 KXServiceEndpoints KXClientFramework::serviceEndpoints() {
-    return read(endpointsMutex(), installedEndpoints());
+    return KXSettings::shared().serviceEndpoints();
 }

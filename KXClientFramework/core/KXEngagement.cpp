@@ -2,9 +2,9 @@
 // location, authenticating and registering for notifications; the launch and termination
 // handlers; analytics switching.
 #include <KXClientFramework/KXApplication.h>
-#include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXClientFrameworkAppDelegate.h>
 #include <KXClientFramework/KXClientFrameworkAppDelegateProxy.h>
+#include <KXClientFramework/KXClientFrameworkFacade.h>
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXException.h>
 #include <KXClientFramework/KXGlobals.h>
@@ -156,7 +156,16 @@ void KXClientFramework::engageUsingKey(const std::string& key) {
     KXApplication& application = platform.application();
     application.withLock([&] {
         proxy->setOriginalAppDelegate(application.delegate());
-        proxy->setZandrelAppDelegate(std::make_shared<KXClientFrameworkAppDelegate>());
+        auto delegate = std::make_shared<KXClientFrameworkAppDelegate>();
+        // Remote notifications go to the analytics handler of whichever object is engaged when
+        // they arrive.
+        delegate->setRemoteNotificationHandler(
+            [](const KXJSON& userInfo, KXApplicationState state) {
+                if (auto current = currentSharedZandrel()) {
+                    current->handleNotificationForAnalytics(userInfo, state);
+                }
+            });
+        proxy->setZandrelAppDelegate(std::move(delegate));
         application.setDelegate(proxy);
     });
 

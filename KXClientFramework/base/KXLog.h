@@ -41,7 +41,8 @@ enum class KXLogLevel : std::int64_t { Error = 1, Warn = 2, Info = 3, Debug = 4 
 ///
 /// A line reads "[LEVEL] Class::method [Line N] message". It is written only when logging is
 /// on and kxLogLevel is at least the level's number; otherwise nothing is formatted at all.
-/// Written lines go to the sink and, when disk logging is on, to the log file as well.
+/// Written lines go to the sink and, when disk logging (kxLoggingToDiskEnabled) is on, to the
+/// disk sink as well.
 class KX_EXPORT KXLog {
 public:
     static bool isEnabled(KXLogLevel level) noexcept {
@@ -58,6 +59,11 @@ public:
     /// Replaces the sink; null restores standard error.
     static void setSink(std::shared_ptr<KXLogSink> sink);
     static std::shared_ptr<KXLogSink> sink();
+
+    /// The sink that receives the written lines while disk logging is on; null drops them.
+    /// The platform installs a KXDiskLogSink for its caches directory when the library loads.
+    static void setDiskSink(std::shared_ptr<KXLogSink> sink);
+    static std::shared_ptr<KXLogSink> diskSink();
 
     /// "Class::method" from a compiler function signature.
     static std::string functionName(std::string_view signature);

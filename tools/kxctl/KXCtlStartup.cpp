@@ -1,0 +1,256 @@
+#include "KXCtlStartup.h"
+
+#include "KXCtlPlatform.h"
+
+#include <KXClientFramework/KXApplication.h>
+#include <KXClientFramework/KXClientFramework.h>
+#include <KXClientFramework/KXConfig.h>
+#include <KXClientFramework/KXHTTPSessionManager.h>
+#include <KXClientFramework/KXLog.h>
+#include <KXClientFramework/KXLogSink.h>
+#include <KXClientFramework/KXTransportActivity.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string_view>
+
+namespace kxctl {
+namespace {
+
+KXServiceEndpoints parseEndpoints(const std::vector<std::string>& assignments) {
+    KXServiceEndpoints endpoints;
+    const std::map<std::string, std::string KXServiceEndpoints::*> fields = {
+        {"production", &KXServiceEndpoints::production},
+        {"test", &KXServiceEndpoints::test},
+        {"staging", &KXServiceEndpoints::staging},
+        {"local", &KXServiceEndpoints::localServer},
+        {"development", &KXServiceEndpoints::development},
+        {"production-token", &KXServiceEndpoints::productionToken},
+        {"staging-token", &KXServiceEndpoints::stagingToken},
+    };
+    for (const std::string& assignment : assignments) {
+        const std::size_t equals = assignment.find('=');
+        const auto field = fields.find(assignment.substr(0, equals));
+        if (equals == std::string::npos || field == fields.end() ||
+            equals + 1 == assignment.size()) {
+            throw UsageError{
+                "--endpoint takes NAME=URL with NAME one of production, test, staging, "
+                "local, development, production-token, staging-token: " +
+                assignment};
+        }
+        endpoints.*(field->second) = assignment.substr(equals + 1);
+    }
+    return endpoints;
+}
+
+/// Opens the configuration with the key and makes it the library's configuration. The library's
+/// own loader stops the process on a wrong key; here it is a clean failure.
+void loadConfiguration(const Options& options) {
+    std::ifstream file(options.configPath, std::ios::binary);
+    if (!file) {
+        throw Failure{"cannot read the configuration file " + options.configPath};
+    }
+    const std::vector<std::uint8_t> sealed((std::istreambuf_iterator<char>(file)),
+                                           std::istreambuf_iterator<char>());
+    const std::optional<KXJSON> configuration =
+        KXConfig::openSealedConfiguration(sealed, options.key);
+    if (!configuration || !configuration->is_object()) {
+        throw Failure{"the configuration file " + options.configPath +
+                      " does not open with this key"};
+    }
+    KXConfig::defaultConfig().applyConfiguration(*configuration);
+}
+
+/// The error of a line "Error Domain=D Code=C "text" UserInfo=JSON" (KXError::description()).
+std::optional<KXError> errorFromDescription(std::string_view text) {
+    constexpr std::string_view kDomain = "Error Domain=";
+    constexpr std::string_view kCode = " Code=";
+    constexpr std::string_view kUserInfo = " UserInfo=";
+    const std::size_t domainAt = text.find(kDomain);
+    if (domainAt == std::string_view::npos) {
+        return std::nullopt;
+    }
+    const std::size_t codeAt = text.find(kCode, domainAt);
+    const std::size_t userInfoAt = text.rfind(kUserInfo);
+    if (codeAt == std::string_view::npos || userInfoAt == std::string_view::npos ||
+        userInfoAt < codeAt) {
+        return std::nullopt;
+    }
+    KXError error;
+    error.domain =
+        std::string(text.substr(domainAt + kDomain.size(), codeAt - domainAt - kDomain.size()));
+    const std::string code(text.substr(codeAt + kCode.size()));
+    error.code = std::strtoll(code.c_str(), nullptr, 10);
+    const KXJSON userInfo =
+        KXJSON::parse(text.substr(userInfoAt + kUserInfo.size()), nullptr, false);
+    // The description writes an absent user info as {}.
+    if (!userInfo.is_discarded() && !(userInfo.is_object() && userInfo.empty())) {
+        error.userInfo = userInfo;
+    }
+    return error;
+}
+
+/// Passes every library log line on to standard error and notices the line with which the
+/// library reports that engaging could not authenticate (the library reports it nowhere else).
+class StartupWatcher final : public KXLogSink {
+public:
+    void write(std::string_view line) override {
+        standardError_.write(line);
+        constexpr std::string_view kTrouble = "] Error Zandrel had trouble starting.\n";
+        const std::size_t at = line.find(kTrouble);
+        if (at == std::string_view::npos) {
+            return;
+        }
+        std::lock_guard lock(mutex_);
+        failure_ = errorFromDescription(line.substr(at + kTrouble.size()))
+                       .value_or(KXError::withMessage(std::string(line)));
+    }
+
+    std::optional<KXError> failure() const {
+        std::lock_guard lock(mutex_);
+        return failure_;
+    }
+
+private:
+    KXStandardErrorSink standardError_;
+    mutable std::mutex mutex_;
+    std::optional<KXError> failure_;
+};
+
+/// kxctl's application delegate: engages the library while the application finishes
+/// launching, as every application does.
+class KXCtlAppDelegate final : public KXApplicationDelegate {
+public:
+    KXCtlAppDelegate(std::string key, std::function<void(const std::string&)> engage)
+        : key_(std::move(key)), engage_(std::move(engage)) {}
+
+    bool respondsTo(KXApplicationDelegateCallback callback) const override {
+        return callback == KXApplicationDelegateCallback::DidFinishLaunching ||
+               KXApplicationDelegate::respondsTo(callback);
+    }
+
+    bool didFinishLaunching(KXApplication& /*application*/, const KXJSON& /*options*/) override {
+        if (engage_) {
+            engage_(key_);
+        } else {
+            KXClientFramework::sharedManager().engageUsingKey(key_);
+        }
+        return true;
+    }
+
+private:
+    std::string key_;
+    std::function<void(const std::string&)> engage_;
+};
+
+std::string keyFromEnvironment() {
+    const char* fromEnvironment = std::getenv("KX_APP_KEY");
+    if (fromEnvironment == nullptr || *fromEnvironment == '\0') {
+        throw UsageError{"no key: pass --key or set KX_APP_KEY"};
+    }
+    return fromEnvironment;
+}
+
+}  // namespace
+
+int startAndRun(Options options, const Command& command) {
+    if (options.key.empty()) {
+        options.key = keyFromEnvironment();
+    }
+    if (command.validate) {
+        command.validate();
+    }
+    const KXServiceEndpoints endpoints = parseEndpoints(options.endpoints);
+
+    // The library would stop the process on a wrong key; checked here first, it is a clean
+    // failure.
+    loadConfiguration(options);
+
+    auto watcher = std::make_shared<StartupWatcher>();
+    KXLog::setSink(watcher);
+    KXClientFramework::setLogging(true);
+    KXClientFramework::setLogLevel(options.verbose ? 4 : 1);
+    auto platform = std::make_shared<KXCtlPlatform>(options.configPath);
+    KXPlatform::install(platform);
+    KXAsioMainQueue& mainQueue = platform->asioMainQueue();
+    KXApplication& application = platform->application();
+
+    KXClientFramework::setServiceEndpoints(endpoints);
+    KXClientFramework::setEnvironment(options.environment);
+    if (options.businessUnit) {
+        KXClientFramework::sharedManager().setBusinessUnit(options.businessUnit);
+    }
+
+    const auto deadline =
+        std::chrono::steady_clock::now() +
+        std::chrono::milliseconds(static_cast<std::int64_t>(options.timeout * 1000));
+    // Runs the main queue in short slices: a request may also end off the main thread (a
+    // completion nobody waits for), which posts nothing that would wake the queue.
+    auto runUntil = [&](const std::function<bool()>& done) {
+        constexpr std::chrono::milliseconds kSlice{20};
+        for (;;) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            if (done()) {
+                return;
+            }
+            if (left.count() <= 0) {
+                break;
+            }
+            if (mainQueue.runUntil(done, std::min(left, kSlice))) {
+                return;
+            }
+        }
+        std::cerr << "kxctl: no answer within " << options.timeout << " s";
+        if (KXTransportActivity::requestsWaitingForToken() > 0) {
+            std::cerr << ": a request is still waiting for a bearer token (the token endpoint "
+                         "answered without one it could read)";
+        }
+        std::cerr << '\n';
+        std::cout << std::flush;
+        std::_Exit(kTimedOut);  // requests may still be under way; do not wait for them
+    };
+
+    // Start-up: the application launches, its delegate engages the library, the library
+    // authenticates.
+    application.setDelegate(std::make_shared<KXCtlAppDelegate>(options.key, command.engage));
+    application.postEvent(KXApplicationEvent::DidFinishLaunching, command.launchOptions);
+    application.postEvent(KXApplicationEvent::DidBecomeActive);
+    runUntil([&] {
+        return KXHTTPSessionManager::sharedManager().bearerToken() != nullptr ||
+               watcher->failure().has_value();
+    });
+
+    int status = kSuccess;
+    if (auto failure = watcher->failure();
+        failure && !KXHTTPSessionManager::sharedManager().bearerToken()) {
+        printLine(errorLine(*failure));
+        status = kFailure;
+    } else {
+        Run run(options, mainQueue, application);
+        mainQueue.post([&] { command.start(run); });
+        // The command is over when the library is idle and no step waits for that.
+        for (;;) {
+            runUntil([&] { return run.libraryIsIdle(); });
+            std::optional<std::function<void()>> step = run.takeIdleStep();
+            if (!step) {
+                break;
+            }
+            mainQueue.post(std::move(*step));
+        }
+        status = run.failed() ? kFailure : kSuccess;
+    }
+
+    // The application ends; the library gives the delegate slot back.
+    application.postEvent(KXApplicationEvent::WillTerminate);
+    return status;
+}
+
+}  // namespace kxctl
