@@ -31,8 +31,8 @@ std::time_t addCalendarUnits(const std::tm& start, long years, long months, long
     const long totalMonths = start.tm_mon + months;
     moved.tm_year = static_cast<int>(start.tm_year + years + totalMonths / 12);
     moved.tm_mon = static_cast<int>(totalMonths % 12);
-    moved.tm_mday = std::min(start.tm_mday, daysInMonth(moved.tm_year, moved.tm_mon)) +
-                    static_cast<int>(days);
+    moved.tm_mday =
+        std::min(start.tm_mday, daysInMonth(moved.tm_year, moved.tm_mon)) + static_cast<int>(days);
     moved.tm_isdst = -1;
     return std::mktime(&moved);
 }
@@ -94,14 +94,16 @@ std::string KXInboxTimeText::timeStringFromDateComponents(const KXDateComponents
                                      {components.second, "second", "seconds"}}};
     for (const Unit& unit : units) {
         if (unit.value != 0) {
-            return fmt::format("{} {} ago", unit.value, unit.value == 1 ? unit.singular : unit.plural);
+            return fmt::format("{} {} ago", unit.value,
+                               unit.value == 1 ? unit.singular : unit.plural);
         }
     }
     return "0 seconds ago";
 }
 
 std::string KXInboxTimeText::absoluteDate(Clock::time_point date) {
-    const std::tm fields = localTime(Clock::to_time_t(std::chrono::floor<std::chrono::seconds>(date)));
+    const std::tm fields =
+        localTime(Clock::to_time_t(std::chrono::floor<std::chrono::seconds>(date)));
     const int hour12 = fields.tm_hour % 12 == 0 ? 12 : fields.tm_hour % 12;
     return fmt::format("{:02}/{:02}/{:04} {}:{:02} {}", fields.tm_mon + 1, fields.tm_mday,
                        fields.tm_year + 1900, hour12, fields.tm_min,
@@ -113,8 +115,9 @@ std::string KXInboxTimeText::textForTimestamp(double timestamp, Clock::time_poin
     // read as the epoch rather than overflowing.
     const double seconds = timestamp / 1000.0;
     constexpr double limit = 1e12;  // some 31,000 years
-    const auto sinceEpoch = std::chrono::duration_cast<Clock::duration>(
-        std::chrono::duration<double>(std::isfinite(seconds) && std::fabs(seconds) < limit ? seconds : 0.0));
+    const auto sinceEpoch =
+        std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
+            std::isfinite(seconds) && std::fabs(seconds) < limit ? seconds : 0.0));
     const Clock::time_point date{sinceEpoch};
     const KXDateComponents components = componentsFrom(date, now);
     if (components.year == 0 && components.month == 0 && components.day == 0) {

@@ -91,8 +91,10 @@ KXListDialogOutcome KXListScreenController::dialogDismissed(int tag, int buttonI
             outcome.newTag = text;
             break;
         case 2:
-            outcome.tableBackground = buttonIndex == 0 ? KXListColour::Yellow : KXListColour::LightGrey;
-            outcome.alternateRowColour = buttonIndex == 0 ? KXListColour::Green : KXListColour::Blue;
+            outcome.tableBackground =
+                buttonIndex == 0 ? KXListColour::Yellow : KXListColour::LightGrey;
+            outcome.alternateRowColour =
+                buttonIndex == 0 ? KXListColour::Green : KXListColour::Blue;
             break;
         case 1:
             outcome.tableBackground = KXListColour::White;

@@ -80,9 +80,9 @@ TEST(KXInboxTimeText, TheFirstNonZeroComponentNamesTheUnit) {
         KXDateComponents components;
         const char* text;
     } cases[] = {
-        {{1, 5, 0, 0, 0, 0}, "1 year ago"},   {{3, 0, 0, 0, 0, 0}, "3 years ago"},
-        {{0, 1, 0, 0, 0, 0}, "1 month ago"},  {{0, 2, 9, 0, 0, 0}, "2 months ago"},
-        {{0, 0, 1, 23, 0, 0}, "1 day ago"},   {{0, 0, 6, 0, 0, 0}, "6 days ago"},
+        {{1, 5, 0, 0, 0, 0}, "1 year ago"},    {{3, 0, 0, 0, 0, 0}, "3 years ago"},
+        {{0, 1, 0, 0, 0, 0}, "1 month ago"},   {{0, 2, 9, 0, 0, 0}, "2 months ago"},
+        {{0, 0, 1, 23, 0, 0}, "1 day ago"},    {{0, 0, 6, 0, 0, 0}, "6 days ago"},
         {{0, 0, 0, 0, 1, 59}, "1 minute ago"}, {{0, 0, 0, 0, 0, 2}, "2 seconds ago"},
     };
     for (const auto& c : cases) {
@@ -97,7 +97,10 @@ TEST(KXInboxScreenController, RowsHeightsAndEditingStyleFollowTheMessageCount) {
         std::size_t rows;
         double height;
     } cases[] = {
-        {false, 0, 0, 600.0}, {true, 0, 1, 600.0}, {true, 1, 1, 44.0}, {false, 3, 3, 44.0},
+        {false, 0, 0, 600.0},
+        {true, 0, 1, 600.0},
+        {true, 1, 1, 44.0},
+        {false, 3, 3, 44.0},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(KXInboxScreenController::rowCount(c.loaded, c.messages), c.rows);

@@ -10,13 +10,11 @@ KXModalWebViewController::KXModalWebViewController(KXWebViewController* root, QW
             &KXModalWebViewController::viewWillAppear);
 }
 
-KXModalWebViewController* KXModalWebViewController::withHTML(const QString& html,
-                                                             QWidget* parent) {
+KXModalWebViewController* KXModalWebViewController::withHTML(const QString& html, QWidget* parent) {
     return new KXModalWebViewController(KXWebViewController::withHTML(nullptr, html), parent);
 }
 
-KXModalWebViewController* KXModalWebViewController::withText(const QString& text,
-                                                             QWidget* parent) {
+KXModalWebViewController* KXModalWebViewController::withText(const QString& text, QWidget* parent) {
     return new KXModalWebViewController(KXWebViewController::withText(nullptr, text), parent);
 }
 

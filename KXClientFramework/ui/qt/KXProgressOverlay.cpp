@@ -118,8 +118,8 @@ void KXProgressOverlay::paintEvent(QPaintEvent*) {
             painter.drawRoundedRect(bar, 5, 5);
             painter.setPen(Qt::NoPen);
             painter.setBrush(Qt::white);
-            painter.drawRoundedRect(bar.adjusted(2, 2, -(1 - progress_) * (bar.width() - 4) - 2, -2),
-                                    3, 3);
+            painter.drawRoundedRect(
+                bar.adjusted(2, 2, -(1 - progress_) * (bar.width() - 4) - 2, -2), 3, 3);
             break;
         }
         case Mode::Text:

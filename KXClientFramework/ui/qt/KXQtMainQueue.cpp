@@ -31,7 +31,8 @@ void KXQtMainQueue::post(std::function<void()> work) {
         return;
     }
     // A queued call never runs inline, even when posted from the main thread.
-    QMetaObject::invokeMethod(context, [work = std::move(work)] { work(); }, Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        context, [work = std::move(work)] { work(); }, Qt::QueuedConnection);
 }
 
 void KXQtMainQueue::postAfter(std::chrono::milliseconds delay, std::function<void()> work) {

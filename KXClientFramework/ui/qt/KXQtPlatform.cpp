@@ -94,13 +94,27 @@ KXQtPlatform::KXQtPlatform(KXLinuxPlatformOptions options) : impl_(std::make_uni
 
 KXQtPlatform::~KXQtPlatform() = default;
 
-KXMainQueue& KXQtPlatform::mainQueue() { return *impl_->mainQueue; }
-KXBackgroundQueue& KXQtPlatform::backgroundQueue() { return impl_->linux->backgroundQueue(); }
-KXApplication& KXQtPlatform::application() { return *impl_->application; }
-KXBundle& KXQtPlatform::mainBundle() { return impl_->linux->mainBundle(); }
-KXUserDefaults& KXQtPlatform::userDefaults() { return impl_->linux->userDefaults(); }
-KXKeychain& KXQtPlatform::keychain() { return impl_->linux->keychain(); }
-KXDeviceFacts KXQtPlatform::deviceFacts() const { return impl_->linux->deviceFacts(); }
+KXMainQueue& KXQtPlatform::mainQueue() {
+    return *impl_->mainQueue;
+}
+KXBackgroundQueue& KXQtPlatform::backgroundQueue() {
+    return impl_->linux->backgroundQueue();
+}
+KXApplication& KXQtPlatform::application() {
+    return *impl_->application;
+}
+KXBundle& KXQtPlatform::mainBundle() {
+    return impl_->linux->mainBundle();
+}
+KXUserDefaults& KXQtPlatform::userDefaults() {
+    return impl_->linux->userDefaults();
+}
+KXKeychain& KXQtPlatform::keychain() {
+    return impl_->linux->keychain();
+}
+KXDeviceFacts KXQtPlatform::deviceFacts() const {
+    return impl_->linux->deviceFacts();
+}
 std::filesystem::path KXQtPlatform::cachesDirectory() const {
     return impl_->linux->cachesDirectory();
 }
@@ -110,8 +124,12 @@ std::unique_ptr<KXLocationSource> KXQtPlatform::makeLocationSource() {
 KXNotificationAuthorizer& KXQtPlatform::notificationAuthorizer() {
     return impl_->linux->notificationAuthorizer();
 }
-KXAlertPresenter& KXQtPlatform::alertPresenter() { return impl_->alerts; }
-const KXClock& KXQtPlatform::clock() const { return impl_->linux->clock(); }
+KXAlertPresenter& KXQtPlatform::alertPresenter() {
+    return impl_->alerts;
+}
+const KXClock& KXQtPlatform::clock() const {
+    return impl_->linux->clock();
+}
 
 void KXQtPlatform::showBadgeIn(QWidget* window, const QString& title) {
     impl_->application->addWindow(window, title);

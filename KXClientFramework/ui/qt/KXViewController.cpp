@@ -27,4 +27,6 @@ void KXViewController::setToolbar(QWidget* toolbar) {
     emit navigationItemChanged();
 }
 
-KXNavigationStack* KXViewController::navigationStack() const { return stack_.data(); }
+KXNavigationStack* KXViewController::navigationStack() const {
+    return stack_.data();
+}

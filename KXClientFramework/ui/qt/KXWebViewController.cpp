@@ -178,8 +178,8 @@ void KXWebViewController::updateToolbarItems() {
     forwardBarButtonItem()->setEnabled(history->canGoForward());
 
     // Actions stay in the widget (for their shortcuts) whether or not the bar shows them.
-    for (QAction* action :
-         {backBarButtonItem(), forwardBarButtonItem(), refreshBarButtonItem(), stopBarButtonItem()}) {
+    for (QAction* action : {backBarButtonItem(), forwardBarButtonItem(), refreshBarButtonItem(),
+                            stopBarButtonItem()}) {
         addAction(action);
     }
     refreshBarButtonItem()->setEnabled(!loading_);
@@ -328,4 +328,6 @@ void KXWebViewController::viewWillDisappear() {
     }
 }
 
-void KXWebViewController::viewDidDisappear() { setNetworkActivityIndicator(false); }
+void KXWebViewController::viewDidDisappear() {
+    setNetworkActivityIndicator(false);
+}

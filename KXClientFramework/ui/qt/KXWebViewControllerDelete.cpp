@@ -13,14 +13,13 @@ void KXWebViewController::deleteAction() {
     QPointer<KXWebViewController> self(this);
     // No inbox domain id on purpose: the service call uses the configured one. A failed
     // deletion leaves the viewer where it is, without a word.
-    KXInbox::shared().deleteMessageDetails(
-        *message_, std::nullopt,
-        [self] {
-            if (self && self->navigationStack() != nullptr) {
-                self->navigationStack()->pop();
-            }
-        },
-        {});
+    KXInbox::shared().deleteMessageDetails(*message_, std::nullopt,
+                                           [self] {
+                                               if (self && self->navigationStack() != nullptr) {
+                                                   self->navigationStack()->pop();
+                                               }
+                                           },
+                                           {});
 }
 #else
 void KXWebViewController::deleteAction() {}

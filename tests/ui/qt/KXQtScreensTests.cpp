@@ -1,6 +1,6 @@
 #include <KXClientFramework/KXModalWebViewController.h>
-#include <KXClientFramework/KXNotificationCenter.h>
 #include <KXClientFramework/KXNavigationStack.h>
+#include <KXClientFramework/KXNotificationCenter.h>
 #include <KXClientFramework/KXProgressOverlay.h>
 #include <KXClientFramework/KXQtMainQueue.h>
 #include <KXClientFramework/KXQtPlatform.h>
@@ -75,14 +75,16 @@ TEST(KXQtPlatform, TheBadgeIsTheWindowTitlesCountAndAlertsAreMessageBoxes) {
 
     platform->alertPresenter().present({"Error", "Error retrieving message details", {"Okay"}});
     QMessageBox* box = nullptr;
-    ASSERT_TRUE(waitFor([&] {
-        for (QWidget* widget : QApplication::topLevelWidgets()) {
-            if ((box = qobject_cast<QMessageBox*>(widget)) != nullptr && box->isVisible()) {
-                return true;
+    ASSERT_TRUE(waitFor(
+        [&] {
+            for (QWidget* widget : QApplication::topLevelWidgets()) {
+                if ((box = qobject_cast<QMessageBox*>(widget)) != nullptr && box->isVisible()) {
+                    return true;
+                }
             }
-        }
-        return false;
-    }, 2000));
+            return false;
+        },
+        2000));
     EXPECT_EQ(box->windowTitle(), "Error");
     EXPECT_EQ(box->text(), "Error retrieving message details");
     ASSERT_EQ(box->buttons().size(), 1);
