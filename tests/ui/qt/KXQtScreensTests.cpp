@@ -7,6 +7,8 @@
 #include <KXClientFramework/KXTableViewController.h>
 #include <KXClientFramework/KXWebViewController.h>
 
+#include "KXLoopbackService.h"
+
 #include <QApplication>
 #include <QMessageBox>
 #include <QSignalSpy>
@@ -207,4 +209,45 @@ TEST(KXTableViewController, TheOverlayShowsOnlyWhenTheIndicatorIsWanted) {
     screen->setShowLoadingIndicator(false);
     screen->showHUD(true);
     EXPECT_FALSE(screen->hud()->isVisible());
+}
+
+TEST(KXWebViewController, TheToolbarFollowsLoadingAndHistoryInURLMode) {
+    installQtPlatform();
+    KXLoopbackService service;
+    auto page = [](const char* title) {
+        return KXScriptedAnswer::text(
+            200, std::string("<html><head><title>") + title + "</title></head><body></body></html>",
+            "text/html");
+    };
+    service.script("GET", "/one", page("One"));
+    KXScriptedAnswer slow = page("Two");
+    slow.delay = std::chrono::milliseconds(1500);
+    service.script("GET", "/two", slow);
+    service.script("GET", "/one", page("One"));
+
+    auto* viewer = KXWebViewController::withURL(
+        nullptr, QUrl(QString::fromStdString(service.baseURL() + "/one")));
+    QSignalSpy loaded(viewer, &KXWebViewController::titleLoaded);
+    KXNavigationStack stack(viewer);
+    stack.resize(400, 600);
+    stack.show();
+    ASSERT_TRUE(waitFor([&] { return loaded.count() == 1; }));
+    EXPECT_EQ(viewer->title(), "One");
+    EXPECT_FALSE(viewer->backBarButtonItem()->isEnabled());
+
+    viewer->webView()->load(QUrl(QString::fromStdString(service.baseURL() + "/two")));
+    ASSERT_TRUE(waitFor([&] { return viewer->isLoading(); }));
+    EXPECT_TRUE(viewer->stopBarButtonItem()->isEnabled());
+    EXPECT_FALSE(viewer->refreshBarButtonItem()->isEnabled());
+    EXPECT_TRUE(viewer->spinner()->isVisible());
+    EXPECT_TRUE(viewer->toolbar()->actions().contains(viewer->stopBarButtonItem()));
+    ASSERT_TRUE(waitFor([&] { return loaded.count() == 2; }));
+    EXPECT_EQ(viewer->title(), "Two");
+    EXPECT_TRUE(viewer->backBarButtonItem()->isEnabled());
+    EXPECT_TRUE(viewer->toolbar()->actions().contains(viewer->refreshBarButtonItem()));
+
+    viewer->goBackClicked();
+    ASSERT_TRUE(waitFor([&] { return loaded.count() == 3; }));
+    EXPECT_EQ(viewer->title(), "One");
+    EXPECT_TRUE(viewer->forwardBarButtonItem()->isEnabled());
 }
