@@ -7,6 +7,8 @@
 #include <KXClientFramework/KXPlatform.h>
 #include <KXClientFramework/KXSession.h>
 
+#include "guest/internal/KXGuestAnalytics.h"
+
 #include <mutex>
 #include <utility>
 
@@ -54,6 +56,17 @@ void KXAnalytics::setEngaged(std::shared_ptr<KXAnalytics> analytics) {
     {
         std::lock_guard lock(holder.mutex);
         previous = std::exchange(holder.engine, std::move(analytics));
+    }
+    // The guest operations post the session through this hook while an engine is engaged.
+    if (engaged()) {
+        kxSetAnalyticsSessionPoster(
+            [](std::function<void()> success, std::function<void(const KXError&)> failure) {
+                if (const auto engine = KXAnalytics::engaged()) {
+                    engine->postCurrentSessionWithSuccess(std::move(success), std::move(failure));
+                }
+            });
+    } else {
+        kxSetAnalyticsSessionPoster({});
     }
     // `previous` may be the last reference: it is released here, outside the lock.
 }

@@ -6,6 +6,8 @@
 #include <KXClientFramework/KXBackgroundTimer.h>
 #include <KXClientFramework/KXDevice.h>
 
+#include "guest/internal/KXGuestAnalytics.h"
+
 #include <algorithm>
 #include <atomic>
 
@@ -406,4 +408,23 @@ TEST_F(AnalyticsLifeCycle, AnEngineWithoutASessionOnlyBeginsABackgroundTaskThatE
     drain(300ms);
     EXPECT_TRUE(service.requests().empty());
     EXPECT_EQ(session().sessionState(), KXSessionStateNone);
+}
+
+TEST_F(KXAnalyticsTest, TheGuestOperationsPostThroughTheEngagedEngine) {
+    Outcome outcome;
+    kxPostCurrentAnalyticsSession([&] { ++outcome.successes; }, {});  // no engine: nothing
+    engineInState(KXSessionStateOpen);
+    session().setSessionId("s-e");
+    scriptUpdate("s-e", {created("")});
+    KXAnalytics::setEngaged(engine);
+    kxPostCurrentAnalyticsSession([&] { ++outcome.successes; },
+                                  [&](const KXError&) { ++outcome.failures; });
+    ASSERT_TRUE(waitFor([&] { return outcome.successes == 1; }));
+    EXPECT_EQ(service.requestsTo(std::string(kSessions) + "/s-e").size(), 1u);
+
+    KXAnalytics::setEngaged(nullptr);
+    kxPostCurrentAnalyticsSession([&] { ++outcome.successes; }, {});
+    drain();
+    EXPECT_EQ(service.requests().size(), 1u);
+    EXPECT_EQ(outcome.successes + outcome.failures, 1);
 }
