@@ -34,6 +34,8 @@ int main(int argc, char** argv) {
 
     Command chosen;
     addServiceCommands(app, chosen);
+    addInboxCommands(app, chosen);
+    addListCommands(app, chosen);
 
     try {
         app.parse(argc, argv);
