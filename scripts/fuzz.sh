@@ -3,6 +3,8 @@
 # and runs every fuzz_* program for SECONDS seconds each, starting from a seed corpus generated
 # here. Exits non-zero as soon as a target reports a finding; its input is kept under
 # build/fuzz/findings/<target>/.
+# fuzz_json_answer runs the decoder of the service's answers; the others the sealed-data and
+# configuration readers.
 # Usage: scripts/fuzz.sh [SECONDS]   (default 30)
 set -euo pipefail
 cd "$(dirname "$0")/.."

@@ -2,7 +2,9 @@
 #include <KXClientFramework/KXDevice.h>
 #include <KXClientFramework/KXException.h>
 #include <KXClientFramework/KXGuest.h>
+#include <KXClientFramework/KXGuestManager.h>
 #include <KXClientFramework/KXGuestParser.h>
+#include <KXClientFramework/KXLog.h>
 
 #include "guest/internal/KXGuestAnalytics.h"
 
@@ -173,4 +175,26 @@ void KXGuest::logout() {
             }
         },
         nullptr);
+}
+
+void KXGuest::save() {
+    KXGuestManager::saveGuest(
+        *this, [](bool) { KX_LOG_DEBUG("Guest saved."); },
+        [](const KXError&) { KX_LOG_ERROR("Saving guest failed."); });
+}
+
+void KXGuest::refresh() {
+    KXGuestManager::fetchGuestWithId(externalId_, nullptr, nullptr);
+}
+
+void KXGuest::refreshWithSuccess(std::function<void()> success,
+                                 std::function<void(const KXError&)> failure) {
+    KXGuestManager::fetchGuestWithId(
+        externalId_,
+        [success = std::move(success)](const std::shared_ptr<KXGuest>&) {
+            if (success) {
+                success();
+            }
+        },
+        std::move(failure));
 }

@@ -101,6 +101,16 @@ public:
     /// Removes those keys from buProperties; an empty list changes nothing.
     void removeBuPropertiesForKeys(const std::vector<std::string>& keys);
 
+    /// Saves the guest at the service; the outcome is only logged ("Guest saved." at DEBUG,
+    /// "Saving guest failed." at ERROR).
+    void save();
+    /// Fetches this guest again into currentGuest(), without callbacks.
+    void refresh();
+    /// Fetches this guest again; `success` once it succeeded, `failure` with the error
+    /// otherwise. Empty functions are skipped.
+    void refreshWithSuccess(std::function<void()> success,
+                            std::function<void(const KXError&)> failure);
+
     /// Posts the current analytics session and, only once that post succeeded, clears
     /// externalId, deliveryProfiles and tags. The other properties stay. Without a running
     /// analytics engine the post cannot succeed, so nothing is cleared. A guest that is not

@@ -7,7 +7,7 @@
 
 KXInbox& KXInbox::shared() {
     // Never destroyed: callbacks still queued at exit may reach it.
-    static KXInbox* const inbox = new KXInbox();
+    static auto* const inbox = new KXInbox();
     return *inbox;
 }
 
@@ -17,7 +17,7 @@ void KXInbox::fetchInboxSummaryWithId(const std::optional<std::string>& inboxDom
                                       SummarySuccessBlock success, FailureBlock failure) {
     KXInboxManager::fetchInboxSummaryWithId(
         inboxDomainId,
-        [this, success = std::move(success)](std::shared_ptr<KXInboxSummary> summary) {
+        [this, success = std::move(success)](const std::shared_ptr<KXInboxSummary>& summary) {
             if (summary) {
                 if (summary != summary_) {
                     setSummary(*summary);
@@ -90,7 +90,7 @@ void KXInbox::deleteMessageDetails(const KXInboxMessage& message,
 
 void KXInbox::deleteMessageDetailsArray(const KXInboxMessages& messages,
                                         const std::optional<std::string>& inboxDomainId,
-                                        DoneBlock success, FailureBlock failure) {
+                                        const DoneBlock& success, const FailureBlock& failure) {
     for (const auto& message : messages) {
         if (message) {
             KXInboxManager::deleteMessageDetailsWithMessage(*message, inboxDomainId, success,

@@ -87,7 +87,7 @@ public:
     /// `failure` once per failed one, as the answers arrive. messages() keeps them.
     void deleteMessageDetailsArray(const KXInboxMessages& messages,
                                    const std::optional<std::string>& inboxDomainId,
-                                   DoneBlock success, FailureBlock failure);
+                                   const DoneBlock& success, const FailureBlock& failure);
 
     /// The number of loaded messages.
     std::size_t messageCount() const { return messages_.size(); }

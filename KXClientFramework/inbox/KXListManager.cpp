@@ -103,7 +103,8 @@ void KXListManager::createListWithExternalId(const std::optional<std::string>& e
                                              const std::optional<std::string>& name,
                                              const std::optional<std::string>& description,
                                              const KXJSON& tags, const KXJSON& buProperties,
-                                             ListSuccessBlock success, FailureBlock failure) {
+                                             const ListSuccessBlock& success,
+                                             const FailureBlock& failure) {
     const bool hasExternalId = externalId && !externalId->empty();
     if (failure && hasExternalId && containsWhiteSpace(*externalId)) {
         failure(KXError::withMessage("invalid externalId, remove spaces"));

@@ -71,7 +71,8 @@ public:
                                          const std::optional<std::string>& name,
                                          const std::optional<std::string>& description,
                                          const KXJSON& tags, const KXJSON& buProperties,
-                                         ListSuccessBlock success, FailureBlock failure);
+                                         const ListSuccessBlock& success,
+                                         const FailureBlock& failure);
 
     KXListManager() = delete;
 };

@@ -21,6 +21,10 @@ struct ParseCase {
     const char* expected;  // describeGuest() afterwards
 };
 
+void PrintTo(const ParseCase& c, std::ostream* os) {
+    *os << c.name;
+}
+
 const ParseCase kParseCases[] = {
     {"FullGuest", "{}",
      R"({"externalId":"g1","externalIdType":"QRID","buCreativeLabel":"gold","languagePref":"fr",

@@ -28,6 +28,10 @@ struct LookupCase {
     std::optional<std::string> expectedId;  // absent: no profile found
 };
 
+void PrintTo(const LookupCase& c, std::ostream* os) {
+    *os << c.name;
+}
+
 class KXGuestLookupTest : public testing::TestWithParam<LookupCase> {
 protected:
     void SetUp() override {

@@ -440,4 +440,10 @@ TEST_F(TokenGate, ATokenAnswerWithoutJSONLeavesTheRequestWaitingForever) {
     EXPECT_TRUE(service.requestsTo("/inbox").empty());
     EXPECT_EQ(KXTransportActivity::requestsUnderWay(), 1u) << "the waiting request never ends";
     EXPECT_EQ(KXTransportActivity::requestsWaitingForToken(), 1u);
+
+    // The dropped fetch does not hold up the next request: it asks for a token of its own.
+    service.scriptToken("later");
+    EXPECT_EQ(get("/inbox").successes, 1);
+    EXPECT_EQ(service.requestsTo("/token").size(), 2u);
+    EXPECT_EQ(outcome.callbacks(), 0);
 }
