@@ -25,4 +25,10 @@ void addActionCommands(CLI::App& app, Command& chosen);
 /// fetch fails, prints its error line instead and the command does not run.
 Command onGuest(const std::string& guestId, Command command);
 
+/// inbox summary, messages, message, read, unread, delete, badge: the current guest's inbox.
+void addInboxCommands(CLI::App& app, Command& chosen);
+
+/// lists, list get, list create: the business unit's subscription lists.
+void addListCommands(CLI::App& app, Command& chosen);
+
 }  // namespace kxctl

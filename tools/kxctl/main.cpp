@@ -39,6 +39,8 @@ int main(int argc, char** argv) {
     addGuestCommands(app, chosen);
     addProfileCommands(app, chosen);
     addActionCommands(app, chosen);
+    addInboxCommands(app, chosen);
+    addListCommands(app, chosen);
 
     try {
         app.parse(argc, argv);
