@@ -4,11 +4,13 @@
 #include "KXCtlCommands.h"
 #include "KXCtlRecords.h"
 
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXListManager.h>
 
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 namespace kxctl {
 namespace {
@@ -33,11 +35,14 @@ KXJSON parseJSONOption(const std::optional<std::string>& text, const char* optio
     if (!text) {
         return nullptr;
     }
-    KXJSON parsed = KXJSON::parse(*text, nullptr, false);
-    if (parsed.is_discarded()) {
-        throw UsageError{std::string(option) + " is not JSON: " + *text};
+    KXJSONReadError problem;
+    std::optional<KXJSON> parsed = KXJSONReader::parse(*text, KXJSONLimits{}, &problem);
+    if (!parsed) {
+        throw UsageError{problem.kind == KXJSONReadError::Kind::Malformed
+                             ? std::string(option) + " is not JSON: " + *text
+                             : std::string(option) + ": " + problem.message};
     }
-    return parsed;
+    return std::move(*parsed);
 }
 
 KXListManager::FailureBlock printFailure(Run& run) {
