@@ -26,6 +26,13 @@ if(KX_BUILD_BENCH)
     find_package(benchmark REQUIRED)
 endif()
 
+if(KX_BUILD_UI)
+    find_package(Qt6 6.4 REQUIRED COMPONENTS Widgets WebEngineWidgets Svg)
+    if(KX_BUILD_TESTS)
+        find_package(Qt6 6.4 REQUIRED COMPONENTS Test)
+    endif()
+endif()
+
 find_program(CCACHE_PROGRAM ccache)
 if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
     set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE_PROGRAM})

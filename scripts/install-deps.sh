@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
 # Installs every Debian 12 package that building, testing, benchmarking and fuzzing need.
+# With --ui also the Qt 6 packages of the screens (KX_BUILD_UI), the X virtual frame buffer
+# and the software OpenGL that scripts/screenshots.sh uses.
 # Safe to run again: packages already present are left alone.
 set -euo pipefail
 
@@ -8,8 +10,14 @@ packages=(
     libssl-dev openssl libcurl4-openssl-dev nlohmann-json3-dev libplist-dev libasio-dev
     libfmt-dev libcli11-dev libcpp-httplib-dev libsqlite3-dev
     libgtest-dev libgmock-dev libbenchmark-dev
-    curl python3 nghttp2-server
+    curl python3 nghttp2-server wrk
 )
+if [ "${1:-}" = "--ui" ]; then
+    packages+=(
+        qt6-base-dev qt6-base-dev-tools qt6-webengine-dev qt6-webengine-dev-tools qt6-svg-dev
+        libqt6svg6 qt6-qpa-plugins libgl1-mesa-dri xvfb xauth fonts-dejavu-core
+    )
+fi
 
 missing=()
 for package in "${packages[@]}"; do

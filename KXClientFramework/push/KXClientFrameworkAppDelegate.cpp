@@ -1,6 +1,7 @@
 #include <KXClientFramework/KXApplication.h>
 #include <KXClientFramework/KXClientFrameworkAppDelegate.h>
 #include <KXClientFramework/KXDevice.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXNotificationActionHandler.h>
 #include <KXClientFramework/KXSettings.h>
@@ -72,7 +73,7 @@ void KXClientFrameworkAppDelegate::handleActionWithIdentifier(
     KXApplication& /*application*/, const std::string& identifier, const KXJSON& userInfo,
     std::function<void()> completionHandler) {
     KX_LOG_INFO("HandleActionWithIdentifier: {} and userInfo: {}", identifier,
-                userInfo.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+                KXJSONReader::dump(userInfo));
     KXNotificationActionHandler::handleIdentifier(identifier, userInfo);
     // The system is told at once that the tap was handled; the action's requests go on.
     if (completionHandler) {

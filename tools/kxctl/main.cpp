@@ -57,5 +57,9 @@ int main(int argc, char** argv) {
     } catch (const Failure& failure) {
         std::cerr << "kxctl: " << failure.message << '\n';
         return kFailure;
+    } catch (const std::exception& error) {
+        // Anything else is a failure with its text too, never an abort.
+        std::cerr << "kxctl: " << error.what() << '\n';
+        return kFailure;
     }
 }
