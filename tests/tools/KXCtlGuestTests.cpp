@@ -86,6 +86,7 @@ struct CommandCase {
     Lines requests;               // "METHOD path" below the base path, the token request left out
     const char* body = "";        // JSON of the last request's body, when given
     const char* stderrText = "";  // a text standard error must hold
+    int bodyOf = -1;              // the request whose body `body` is; -1 the last
 };
 
 void PrintTo(const CommandCase& c, std::ostream* os) {
@@ -101,14 +102,14 @@ const CommandCase kCommandCases[] = {
       {"GET", "/guests/N1", KXScriptedAnswer::json(200, serviceGuest("N1"))}},
      0,
      {printedGuest("N1")},
-     {"POST /guests", "GET /guests/N1"}},
+     {"POST /guests", "GET /guests/N1", "POST /guests/N1/profiles"}},
     {"RegisterWithIdAndParameters",
      {"guest", "register", "--id", "g5", "--param", "x={\"a\":1}", "--param", "externalId=\"g6\""},
      {{"POST", "/guests", createdAs("g6")},
       {"GET", "/guests/g6", KXScriptedAnswer::json(200, serviceGuest("g6"))}},
      0,
      {printedGuest("g6")},
-     {"POST /guests", "GET /guests/g6"}},
+     {"POST /guests", "GET /guests/g6", "POST /guests/g6/profiles"}},
     {"RegisterWithEmptyIdIsRefusedByTheLibrary",
      {"guest", "register", "--id", ""},
      {},
@@ -121,8 +122,10 @@ const CommandCase kCommandCases[] = {
       {"GET", "/guests/q1", KXScriptedAnswer::json(200, serviceGuest("q1"))}},
      0,
      {printedGuest("q1")},
-     {"POST /guests", "GET /guests/q1"},
-     R"({"externalId":"q1"})"},
+     {"POST /guests", "GET /guests/q1", "POST /guests/q1/profiles"},
+     R"({"externalId":"q1"})",
+     "",
+     0},
     {"RegisterFull",
      {"guest", "register", "--id", "g5", "--bu-properties", R"({"k":1})", "--language", "de",
       "--creative-label", "c", "--tags", R"(["a"])"},
@@ -130,7 +133,7 @@ const CommandCase kCommandCases[] = {
       {"GET", "/guests/g5", KXScriptedAnswer::json(200, serviceGuest("g5"))}},
      0,
      {printedGuest("g5")},
-     {"POST /guests", "GET /guests/g5"}},
+     {"POST /guests", "GET /guests/g5", "POST /guests/g5/profiles"}},
     {"RegisterWithPartOfTheFullFormIsAUsageError",
      {"guest", "register", "--id", "g5", "--language", "de"},
      {},
@@ -302,8 +305,10 @@ TEST_P(KXCtlGuestCommandTest, PrintsItsLinesAndSendsItsRequests) {
     EXPECT_EQ(result.exitCode, c.exitCode) << result.err;
     EXPECT_EQ(jsonLines(result.out), c.lines) << result.out;
     EXPECT_EQ(serviceRequests(), c.requests);
-    if (*c.body != '\0' && !service.requests().empty()) {
-        EXPECT_EQ(KXJSON::parse(service.requests().back().body), KXJSON::parse(c.body));
+    const auto requests = service.requests();
+    if (*c.body != '\0' && !requests.empty()) {
+        const auto& request = c.bodyOf < 0 ? requests.back() : requests.at(c.bodyOf + 1);
+        EXPECT_EQ(KXJSON::parse(request.body), KXJSON::parse(c.body));
     }
     EXPECT_NE(result.err.find(c.stderrText), std::string::npos) << result.err;
 }
@@ -324,9 +329,9 @@ TEST_F(KXCtlGuestTool, TheAutomaticGuestIsRegisteredOnceAndFetchedByLaterRuns) {
               (Lines{"POST /guests", "GET /guests/N1", "POST /guests/N1/profiles"}));
     ProcessResult defaults = kxctl({"defaults"});
     EXPECT_EQ(jsonLines(defaults.out),
-              std::vector<KXJSON>{{{"stage-id-GUEST-ID", "N1"},
-                                   {"applicationDeviceToken", nullptr},
-                                   {"applicationDeviceTokenList", nullptr}}});
+              (std::vector<KXJSON>{{{"stage-id-GUEST-ID", "N1"},
+                                    {"applicationDeviceToken", nullptr},
+                                    {"applicationDeviceTokenList", nullptr}}}));
 
     // The second process fetches the stored guest instead of registering one.
     ProcessResult second = kxctl({"guest", "auto"});
@@ -337,19 +342,21 @@ TEST_F(KXCtlGuestTool, TheAutomaticGuestIsRegisteredOnceAndFetchedByLaterRuns) {
 
     // Production keeps its guest under its own key, so it starts with a fresh registration.
     writeConfiguration(true, true);
-    service.script("POST", kBase + "/guests", createdAs("P1"));
-    service.script("GET", kBase + "/guests/P1", KXScriptedAnswer::json(200, serviceGuest("P1")));
-    service.script("POST", kBase + "/guests/P1/profiles", createdAs("IN-2"));
-    ProcessResult production = kxctl({"guest", "auto"});
-    ASSERT_EQ(production.exitCode, 0) << production.err;
-    EXPECT_EQ(jsonLines(production.out), std::vector<KXJSON>{printedGuest("P1")});
-    EXPECT_EQ(service.requestsTo(kBase + "/guests").size(), 2u);
+    const std::string production = "/KXFrontier";
+    service.script("POST", production + "/guests", createdAs("P1"));
+    service.script("GET", production + "/guests/P1",
+                   KXScriptedAnswer::json(200, serviceGuest("P1")));
+    service.script("POST", production + "/guests/P1/profiles", createdAs("IN-2"));
+    ProcessResult inProduction = kxctl({"guest", "auto"});
+    ASSERT_EQ(inProduction.exitCode, 0) << inProduction.err;
+    EXPECT_EQ(jsonLines(inProduction.out), std::vector<KXJSON>{printedGuest("P1")});
+    EXPECT_EQ(service.requestsTo(production + "/guests").size(), 1u);
 
     // Switched off, the entry is removed and there is no guest.
     writeConfiguration(false, false);
     ProcessResult off = kxctl({"guest", "auto"});
     ASSERT_EQ(off.exitCode, 0) << off.err;
-    EXPECT_EQ(jsonLines(off.out), std::vector<KXJSON>{{{"guest", nullptr}}});
+    EXPECT_EQ(jsonLines(off.out), (std::vector<KXJSON>{{{"guest", nullptr}}}));
     defaults = kxctl({"defaults"});
     EXPECT_EQ(jsonLines(defaults.out)[0]["stage-id-GUEST-ID"], nullptr);
 }

@@ -1,5 +1,7 @@
 #include "guest/internal/KXGuestAnalytics.h"
 
+#include <KXClientFramework/KXAnalytics.h>
+
 #include <mutex>
 #include <utility>
 
@@ -31,5 +33,7 @@ void kxPostCurrentAnalyticsSession(std::function<void()> success,
     }
     if (poster) {
         poster(std::move(success), std::move(failure));
+    } else if (const auto analytics = KXAnalytics::engaged()) {
+        analytics->postCurrentSessionWithSuccess(std::move(success), std::move(failure));
     }
 }

@@ -7,13 +7,14 @@
 
 #include <functional>
 
-/// Asks the running analytics engine to post its current session. While no engine runs this
-/// does nothing: neither callback is called.
+/// Asks the running analytics engine (KXAnalytics::engaged(), or the poster installed below) to
+/// post its current session. While no engine runs this does nothing: neither callback is
+/// called.
 KX_EXPORT void kxPostCurrentAnalyticsSession(std::function<void()> success,
                                              std::function<void(const KXError&)> failure);
 
-/// What kxPostCurrentAnalyticsSession() runs: the analytics engine installs its post here when
-/// it starts and removes it (with an empty function) when it ends.
+/// Replaces the engaged engine's post for kxPostCurrentAnalyticsSession() (tests count posts
+/// with it); an empty function restores the engine's.
 using KXAnalyticsSessionPoster =
     std::function<void(std::function<void()> success, std::function<void(const KXError&)> failure)>;
 KX_EXPORT void kxSetAnalyticsSessionPoster(KXAnalyticsSessionPoster poster);
