@@ -3,6 +3,8 @@
 # and runs every fuzz_* program for SECONDS seconds each, starting from a seed corpus generated
 # here. Exits non-zero as soon as a target reports a finding; its input is kept under
 # build/fuzz/findings/<target>/.
+# fuzz_json_answer runs the decoder of the service's answers; the others the sealed-data and
+# configuration readers.
 # Usage: scripts/fuzz.sh [SECONDS]   (default 30)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -37,6 +39,10 @@ export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
 for target in "${targets[@]}"; do
     name="$(basename "$target")"
     mkdir -p "$work/corpus/$name" "$findings/$name"
+    # Hand-written seeds (service replies as JSON) live in tests/fuzz/seeds/<target>/.
+    if [ -d "tests/fuzz/seeds/$name" ]; then
+        cp tests/fuzz/seeds/"$name"/* "$work/corpus/$name/"
+    fi
     echo "== $name: ${seconds}s"
     if ! "$target" -max_total_time="$seconds" -timeout=30 -rss_limit_mb=2048 -print_final_stats=1 \
             -artifact_prefix="$findings/$name/" "$work/corpus/$name" >"$work/$name.log" 2>&1; then

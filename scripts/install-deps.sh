@@ -10,7 +10,7 @@ packages=(
     libssl-dev openssl libcurl4-openssl-dev nlohmann-json3-dev libplist-dev libasio-dev
     libfmt-dev libcli11-dev libcpp-httplib-dev libsqlite3-dev
     libgtest-dev libgmock-dev libbenchmark-dev
-    curl python3 nghttp2-server
+    curl python3 nghttp2-server wrk
 )
 if [ "${1:-}" = "--ui" ]; then
     packages+=(

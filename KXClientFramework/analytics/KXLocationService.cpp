@@ -1,6 +1,10 @@
+#include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXLocationService.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXPlatform.h>
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
 
 #include <cstdlib>
 #include <string>
@@ -8,6 +12,7 @@
 namespace {
 
 constexpr double kStandardDistanceFilter = 10.0;
+constexpr double kMetresPerMile = 1609.344;
 
 // The leading number of a version text, as a single-precision value ("12.4" is 12.4, "9" is 9;
 // no number at all is 0).
@@ -30,11 +35,19 @@ KXLocationService& KXLocationService::sharedManager() {
 }
 
 KXLocationService::KXLocationService() = default;
-KXLocationService::~KXLocationService() = default;
+
+KXLocationService::~KXLocationService() {
+    if (locationManager_) {
+        locationManager_->setDelegate(nullptr);
+    }
+}
 
 void KXLocationService::initializeLocationManager() {
     if (!locationManager_) {
         locationManager_ = KXPlatform::current().makeLocationSource();
+    }
+    if (locationManager_) {
+        locationManager_->setDelegate(this);
     }
 }
 
@@ -70,4 +83,81 @@ void KXLocationService::disableStandardLocationService() {
     if (locationManager_) {
         locationManager_->stopUpdatingLocation();
     }
+}
+
+void KXLocationService::enableSignificantLocationService() {
+    disableStandardLocationService();
+    enabled_ = true;
+    if (locationManager_) {
+        locationManager_->startMonitoringSignificantLocationChanges();
+    }
+}
+
+void KXLocationService::disableSignificantLocationService() {
+    enabled_ = false;
+    if (locationManager_) {
+        locationManager_->stopMonitoringSignificantLocationChanges();
+    }
+}
+
+void KXLocationService::didUpdateLocations(const std::vector<KXLocation>& locations) {
+    if (locations.empty()) {
+        return;
+    }
+    location_ = locations.back();
+    KX_LOG_DEBUG("New location: {}", describe(*location_));
+}
+
+void KXLocationService::didFailWithError(const KXError& error) {
+    KX_LOG_ERROR("Core Location failed: {}", error.description());
+    locationError_ = error;
+}
+
+double KXLocationService::milesToMeters(double miles) {
+    return miles * kMetresPerMile;
+}
+
+void KXLocationService::setLocationWithCoordinates(double latitude, double longitude) {
+    location_ = KXLocation{latitude, longitude, KXPlatform::current().clock().now()};
+}
+
+double KXLocationService::fuzz(double accuracy) {
+    // Exact comparison on purpose: only the named fine levels are coarsened.
+    if (accuracy == kCLLocationAccuracyNearestTenMeters ||
+        accuracy == kCLLocationAccuracyHundredMeters ||
+        accuracy == kCLLocationAccuracyBestForNavigation || accuracy == kCLLocationAccuracyBest) {
+        return kCLLocationAccuracyKilometer;
+    }
+    return accuracy;
+}
+
+void KXLocationService::setAccuracy(double metres) {
+    KXLocationSource* source = sharedManager().locationManager();
+    if (!source) {
+        return;
+    }
+    source->setDesiredAccuracy(KXConfig::defaultConfig().locationFuzzEnabled() ? fuzz(metres)
+                                                                               : metres);
+}
+
+void KXLocationService::setDistanceFilter(double metres) {
+    if (KXLocationSource* source = sharedManager().locationManager()) {
+        source->setDistanceFilter(metres);
+    }
+}
+
+double KXLocationService::desiredAccuracy() {
+    const KXLocationSource* source = sharedManager().locationManager();
+    return source ? source->desiredAccuracy() : 0.0;
+}
+
+double KXLocationService::distanceFilter() {
+    const KXLocationSource* source = sharedManager().locationManager();
+    return source ? source->distanceFilter() : 0.0;
+}
+
+std::string KXLocationService::describe(const KXLocation& location) {
+    return fmt::format("<{:+.8f},{:+.8f}> @ {:%Y-%m-%d %H:%M:%S} +0000", location.latitude,
+                       location.longitude,
+                       std::chrono::time_point_cast<std::chrono::seconds>(location.timestamp));
 }

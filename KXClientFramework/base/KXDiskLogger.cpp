@@ -2,15 +2,38 @@
 #include <KXClientFramework/KXLog.h>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include <string>
-#include <system_error>
 #include <utility>
+#include <vector>
 
 namespace {
+
 constexpr const char* kLogFileName = "ZandrelSDK.log";
+
+/// Creates the missing folders of `directory`, each readable by its owner only.
+void createPrivateDirectories(const std::filesystem::path& directory) {
+    std::vector<std::filesystem::path> missing;
+    for (std::filesystem::path p = directory; !p.empty() && ::access(p.c_str(), F_OK) != 0;
+         p = p.parent_path()) {
+        missing.push_back(p);
+        if (p == p.parent_path()) {
+            break;
+        }
+    }
+    for (auto it = missing.rbegin(); it != missing.rend(); ++it) {
+        // mkdir() applies the umask, which can only take permissions away from 0700.
+        if (::mkdir(it->c_str(), 0700) != 0 && errno != EEXIST) {
+            return;
+        }
+    }
 }
+
+}  // namespace
 
 KXDiskLogger::KXDiskLogger(std::filesystem::path directory)
     : path_(logFilePath(std::move(directory))) {
@@ -23,12 +46,20 @@ std::filesystem::path KXDiskLogger::logFilePath(const std::filesystem::path& dir
 
 void KXDiskLogger::writeLogToDisk(std::string_view line) {
     const std::filesystem::path& path = path_;
-    std::error_code ignored;
-    std::filesystem::create_directories(path.parent_path(), ignored);
+    createPrivateDirectories(path.parent_path());
 
     // One append-mode write per line keeps concurrent writers from splitting each other's lines.
-    const int fd = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    // The log can hold identifiers and tokens: owner-only, also for a file an older version
+    // created with wider permissions. A symbolic link in its place is not followed.
+    const int fd =
+        ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) {
+        return;
+    }
+    struct stat info {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) ||
+        ((info.st_mode & 0077) != 0 && ::fchmod(fd, 0600) != 0)) {
+        ::close(fd);
         return;
     }
     std::string buffer;

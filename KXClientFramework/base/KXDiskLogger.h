@@ -16,8 +16,10 @@ class KX_EXPORT KXDiskLogger {
 public:
     explicit KXDiskLogger(std::filesystem::path directory);
 
-    /// Appends `line` and a line feed, creating the file (and its directory) when needed.
-    /// A failure to open or write loses the line silently.
+    /// Appends `line` and a line feed, creating the file (mode 0600) and its missing folders
+    /// (0700) when needed: the log can hold identifiers and tokens. An existing log readable by
+    /// others is made owner-only; a symbolic link or anything but a regular file in its place
+    /// is not written. A failure to open or write loses the line silently.
     void writeLogToDisk(std::string_view line);
 
     /// Logs "error: (null)" and leaves the file where it is: the library never deletes it.

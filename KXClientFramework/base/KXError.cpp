@@ -1,5 +1,6 @@
 #include <KXClientFramework/KXError.h>
 #include <KXClientFramework/KXException.h>
+#include <KXClientFramework/KXJSONReader.h>
 
 #include <fmt/format.h>
 
@@ -25,10 +26,7 @@ std::string KXError::localizedDescription() const {
 }
 
 std::string KXError::description() const {
-    const std::string info =
-        userInfo.is_null()
-            ? "{}"
-            : userInfo.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    const std::string info = userInfo.is_null() ? "{}" : KXJSONReader::dump(userInfo);
     return fmt::format("Error Domain={} Code={} \"{}\" UserInfo={}", domain, code,
                        localizedDescription(), info);
 }

@@ -14,7 +14,9 @@
 #include <optional>
 #include <string>
 
+class KXAnalytics;
 class KXClientFrameworkAppDelegateProxy;
+class KXGuest;
 struct KXNotification;
 
 /// The library's façade.
@@ -101,6 +103,18 @@ public:
     /// ones only recompute backgroundNotificationEnabled().
     void engageUsingKey(const std::string& key);
 
+    /// engageUsingKey(), then makes sure a guest exists for this installation. With the
+    /// configuration's autoGuestEnabled, the guest id stored under autoGuestStorageKey() is
+    /// fetched, or without one a new guest is registered; either way the guest's externalId is
+    /// stored (back) under that key and `success` gets the guest, or `failure` the error (the
+    /// stored id then stays). Without autoGuestEnabled the entry is removed, the current guest
+    /// logged out, and `success` gets null. Either block may be empty.
+    void engageWithAutoGuestUsingKey(const std::string& key,
+                                     std::function<void(const std::shared_ptr<KXGuest>&)> success,
+                                     std::function<void(const KXError&)> failure);
+    /// The user-defaults key of the automatic guest's id: "<client id>-GUEST-ID" with the
+    /// configuration's production client id when inProduction, the staging one otherwise.
+    static std::string autoGuestStorageKey();
     /// Re-initialises the shared token client with the credentials and authenticates; either
     /// block may be empty. Callbacks arrive on the main queue.
     void authenticateWithClientId(const std::optional<std::string>& clientId,
@@ -130,13 +144,11 @@ public:
     bool analyticsEnabled() const;
     void setAnalyticsEnabled(bool enabled);
 
-    /// Receives the remote notifications that reach the library's delegate, with the
-    /// application's state, on behalf of the analytics engine. The engine itself is not part of
-    /// the library yet; until it is, this handler on the engaged object is where they go.
-    using AnalyticsNotificationHandler =
-        std::function<void(const KXJSON& userInfo, KXApplicationState state)>;
-    void setAnalyticsNotificationHandler(AnalyticsNotificationHandler handler);
-    /// Hands a remote notification to the analytics handler, if one is set.
+    /// The running analytics engine of the engaged object, or null (see enableAnalytics()).
+    std::shared_ptr<KXAnalytics> analytics() const;
+    void setAnalytics(std::shared_ptr<KXAnalytics> analytics);
+    /// Hands a remote notification that reached the library's delegate, with the application's
+    /// state, to the analytics engine, if one runs.
     void handleNotificationForAnalytics(const KXJSON& userInfo, KXApplicationState state) const;
 
     // Life cycle.
@@ -146,15 +158,19 @@ public:
     /// handler runs at most once per process.
     static void load();
     /// The launch handler (runs once): with the library engaged, switches analytics on when the
-    /// configuration asks for it and switches location by the configuration; otherwise logs
-    /// that engageUsingKey() was not called in time.
+    /// configuration asks for it (handing the engine the launch options' remote notification)
+    /// and switches location by the configuration; otherwise logs that engageUsingKey() was not
+    /// called in time.
     static void handleAppDidFinishLaunchingNotification(const KXNotification& notification);
     /// The termination handler (runs once): eject().
     static void handleAppTerminationNotification(const KXNotification& notification);
     /// Gives the application the delegate it had before engagement and drops the engaged
     /// object. Does nothing when not engaged.
     static void eject();
-    /// Switches the global analyticsEnabled; refused (DEBUG line) while not engaged.
+    /// Switches the global analyticsEnabled and the engine; refused (DEBUG line) while not
+    /// engaged. On: creates the engine when there is none (it observes the application's life
+    /// from then on) and makes it KXAnalytics::engaged(). Off: ends the running engine's
+    /// session and drops it. eject() drops it too.
     static void enableAnalytics(bool enabled);
 
     /// The base URLs of the service and its token endpoint. The transport's base URL is taken
@@ -171,5 +187,5 @@ private:
     mutable std::mutex mutex_;
     bool analyticsEnabled_ = false;
     std::shared_ptr<KXClientFrameworkAppDelegateProxy> appDelegate_;
-    AnalyticsNotificationHandler analyticsNotificationHandler_;
+    std::shared_ptr<KXAnalytics> analytics_;
 };

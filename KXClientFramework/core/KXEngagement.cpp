@@ -1,6 +1,7 @@
 // Engagement: taking over the application delegate, loading the configuration, switching
 // location, authenticating and registering for notifications; the launch and termination
 // handlers; analytics switching.
+#include <KXClientFramework/KXAnalytics.h>
 #include <KXClientFramework/KXApplication.h>
 #include <KXClientFramework/KXClientFrameworkAppDelegate.h>
 #include <KXClientFramework/KXClientFrameworkAppDelegateProxy.h>
@@ -255,20 +256,24 @@ void KXClientFramework::setAnalyticsEnabled(bool enabled) {
     analyticsEnabled_ = enabled;
 }
 
-void KXClientFramework::setAnalyticsNotificationHandler(AnalyticsNotificationHandler handler) {
+std::shared_ptr<KXAnalytics> KXClientFramework::analytics() const {
     std::lock_guard lock(mutex_);
-    analyticsNotificationHandler_ = std::move(handler);
+    return analytics_;
+}
+
+void KXClientFramework::setAnalytics(std::shared_ptr<KXAnalytics> analytics) {
+    std::shared_ptr<KXAnalytics> previous;
+    {
+        std::lock_guard lock(mutex_);
+        previous = std::exchange(analytics_, std::move(analytics));
+    }
+    // `previous` may be the last reference; it is released outside the lock.
 }
 
 void KXClientFramework::handleNotificationForAnalytics(const KXJSON& userInfo,
                                                        KXApplicationState state) const {
-    AnalyticsNotificationHandler handler;
-    {
-        std::lock_guard lock(mutex_);
-        handler = analyticsNotificationHandler_;
-    }
-    if (handler) {
-        handler(userInfo, state);
+    if (const auto engine = analytics()) {
+        engine->handleNotification(userInfo, state);
     }
 }
 
@@ -311,7 +316,7 @@ void KXClientFramework::load() {
 }
 
 void KXClientFramework::handleAppDidFinishLaunchingNotification(
-    const KXNotification& /*notification*/) {
+    const KXNotification& notification) {
     std::optional<KXNotificationCenter::Token> observer;
     {
         std::lock_guard lock(engagement().mutex);
@@ -333,9 +338,18 @@ void KXClientFramework::handleAppDidFinishLaunchingNotification(
 
     if (KXConfig::defaultConfig().analyticsEnabled()) {
         enableAnalytics(true);
-        // The remote notification that launched the application (the launch options'
-        // UIApplicationLaunchOptionsRemoteNotificationKey) belongs to the analytics engine's
-        // first session; there is no engine in the library yet to take it.
+        // The remote notification that launched the application, if any, is kept by the engine;
+        // its broadcast identifier goes to the next broadcast the engine makes.
+        KXJSON launchingNotification;
+        if (notification.userInfo.is_object()) {
+            launchingNotification = notification.userInfo.value(
+                UIApplicationLaunchOptionsRemoteNotificationKey, KXJSON());
+        }
+        if (const auto engaged = currentSharedZandrel()) {
+            if (const auto engine = engaged->analytics()) {
+                engine->setNotificationUserInfo(std::move(launchingNotification));
+            }
+        }
     }
     switchLocationService();
 }
@@ -362,6 +376,10 @@ void KXClientFramework::eject() {
     const auto proxy = engaged->appDelegate();
     application.withLock(
         [&] { application.setDelegate(proxy ? proxy->originalAppDelegate() : nullptr); });
+    // The engine goes with the engaged object that ran it.
+    if (const auto engine = engaged->analytics(); engine && engine == KXAnalytics::engaged()) {
+        KXAnalytics::setEngaged(nullptr);
+    }
     std::lock_guard lock(engagement().mutex);
     engagement().sharedZandrel.reset();
 }
@@ -373,10 +391,22 @@ void KXClientFramework::enableAnalytics(bool enabled) {
         return;
     }
     ::analyticsEnabled.store(enabled);
-    if (enabled) {
-        // Creating the analytics engine belongs here once the engine is part of the library.
-        KX_LOG_DEBUG("Analytics started!");
+    if (!enabled) {
+        if (const auto engine = engaged->analytics()) {
+            engine->end();
+            if (engine == KXAnalytics::engaged()) {
+                KXAnalytics::setEngaged(nullptr);
+            }
+        }
+        engaged->setAnalytics(nullptr);
+        return;
     }
+    if (!engaged->analytics()) {
+        auto engine = KXAnalytics::create();
+        KXAnalytics::setEngaged(engine);
+        engaged->setAnalytics(std::move(engine));
+    }
+    KX_LOG_DEBUG("Analytics started!");
 }
 
 namespace {

@@ -143,6 +143,12 @@ bool KXBackgroundTimer::isCancelled() const {
     return state_->cancelled;
 }
 
+bool KXBackgroundTimer::isFiringDue() const {
+    std::lock_guard lock(state_->mutex);
+    return state_->running && !state_->cancelled &&
+           (state_->activeBlocks > 0 || state_->nextDeadline <= Clock::now());
+}
+
 double KXBackgroundTimer::interval() const {
     return state_->intervalSeconds;
 }

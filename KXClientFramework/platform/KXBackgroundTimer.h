@@ -25,6 +25,9 @@ public:
     /// Resumes (true) or suspends (false), so the flag always tells whether the timer runs.
     void setRunning(bool running);
     bool isCancelled() const;
+    /// True while the timer runs and a firing is due or its block is running: what an idle
+    /// check waits for.
+    bool isFiringDue() const;
     double interval() const;
 
 private:

@@ -1,7 +1,9 @@
 #include <KXClientFramework/KXApplication.h>
 #include <KXClientFramework/KXClientFrameworkAppDelegate.h>
 #include <KXClientFramework/KXDevice.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLog.h>
+#include <KXClientFramework/KXNotificationActionHandler.h>
 #include <KXClientFramework/KXSettings.h>
 
 #include <utility>
@@ -71,9 +73,9 @@ void KXClientFrameworkAppDelegate::handleActionWithIdentifier(
     KXApplication& /*application*/, const std::string& identifier, const KXJSON& userInfo,
     std::function<void()> completionHandler) {
     KX_LOG_INFO("HandleActionWithIdentifier: {} and userInfo: {}", identifier,
-                userInfo.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
-    // Not yet handed to an action handler: the invitation actions (subscribing on accept) are
-    // not part of the library yet. The system is told at once that the tap was handled.
+                KXJSONReader::dump(userInfo));
+    KXNotificationActionHandler::handleIdentifier(identifier, userInfo);
+    // The system is told at once that the tap was handled; the action's requests go on.
     if (completionHandler) {
         completionHandler();
     }

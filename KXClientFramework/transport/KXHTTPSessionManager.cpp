@@ -1,5 +1,6 @@
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXHTTPSessionManager.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXPlatform.h>
 #include <KXClientFramework/KXSettings.h>
@@ -19,8 +20,8 @@ bool isHTTPSuccess(const KXHTTPResponse* response) {
                 headers[name] = value;
             }
         }
-        KX_LOG_DEBUG("\nResponse Headers: {}\nResponse StatusCode: {}",
-                     headers.dump(-1, ' ', false, KXJSON::error_handler_t::replace), status);
+        KX_LOG_DEBUG("\nResponse Headers: {}\nResponse StatusCode: {}", KXJSONReader::dump(headers),
+                     status);
     }
     return static_cast<unsigned long>(status - 200) < 100;
 }
@@ -43,9 +44,22 @@ KXHTTPSessionManager& KXHTTPSessionManager::sharedManager() {
 }
 
 KXJSON KXHTTPSessionManager::JSONObjectWithData(const std::string& body) {
-    KXJSON parsed = KXJSON::parse(body, nullptr, /*allow_exceptions=*/false);
-    if (parsed.is_object() || parsed.is_array()) {
-        return parsed;
+    return decodeJSONAnswer(body, nullptr);
+}
+
+KXJSON KXHTTPSessionManager::decodeJSONAnswer(std::string_view body,
+                                              std::optional<KXError>* refusal) {
+    KXJSONReadError problem;
+    std::optional<KXJSON> parsed = KXJSONReader::parse(body, KXJSONLimits{}, &problem);
+    if (!parsed) {
+        if (refusal != nullptr && problem.kind != KXJSONReadError::Kind::Malformed) {
+            *refusal = KXError("NSCocoaErrorDomain", 3840,
+                               KXJSON{{"NSLocalizedDescription", problem.message}});
+        }
+        return nullptr;
+    }
+    if (parsed->is_object() || parsed->is_array()) {
+        return std::move(*parsed);
     }
     return nullptr;
 }
@@ -91,8 +105,14 @@ void KXHTTPSessionManager::complete(const std::shared_ptr<const KXHTTPResponse>&
                                     const std::optional<KXError>& error,
                                     const SuccessBlock& success, const FailureBlock& failure) {
     if (!error && isHTTPSuccess(response.get())) {
-        if (success) {
-            success(response, JSONObjectWithData(response->body));
+        std::optional<KXError> refusal;
+        const KXJSON object = decodeJSONAnswer(response->body, &refusal);
+        if (!refusal) {
+            if (success) {
+                success(response, object);
+            }
+        } else if (failure) {
+            failure(response, *refusal);
         }
     } else if (failure) {
         failure(response,

@@ -14,7 +14,9 @@
 /// the main queue:
 ///
 /// - status 200 to 299: `success(response, object)` with the body parsed as JSON (a top-level
-///   object or array; any other body, an empty one included, gives null);
+///   object or array; any other body, an empty one included, gives null); a JSON body beyond
+///   KXJSONLimits (nested deeper than 512 levels, more than a million values) is refused:
+///   `failure(response, error)` with decodeJSONAnswer()'s error;
 /// - any other status: `failure(response, error)` with an NSOSStatusErrorDomain error whose code
 ///   is the status and whose user info is the JSON body (or null);
 /// - no answer (connection refused or dropped, time-out, body over the size limit):
@@ -61,6 +63,11 @@ public:
 
     /// A body parsed as JSON: a top-level object or array, else null (no fragments).
     static KXJSON JSONObjectWithData(const std::string& body);
+
+    /// JSONObjectWithData() that also tells a body beyond KXJSONLimits from one that is not
+    /// JSON: both give null, and the refused one sets `refusal` (when given) to an error in
+    /// "NSCocoaErrorDomain", code 3840, whose "NSLocalizedDescription" says which limit.
+    static KXJSON decodeJSONAnswer(std::string_view body, std::optional<KXError>* refusal);
 
     /// `path` percent-escaped and resolved against baseURL(), as an absolute URL string.
     std::string absoluteURLForPath(const std::string& path) const;

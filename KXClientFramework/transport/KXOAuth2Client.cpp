@@ -18,6 +18,9 @@ namespace {
 constexpr const char* kKeychainServicePrefix = "KXOAuthCredentialService";
 constexpr double kRenewalTickSeconds = 60.0;
 constexpr double kRenewalFactor = 0.8;
+// The timer ticks at once when resumed and then every minute; renewing on that first tick
+// would let a service that hands out very short lifetimes drive a loop of token requests.
+constexpr std::int64_t kFirstRenewingTick = 2;
 // Lifetimes beyond this many seconds (about 31 years) count as "never", which also keeps the
 // date arithmetic far from the limits of the clock's representation.
 constexpr double kLongestLifetimeSeconds = 1e9;
@@ -119,12 +122,49 @@ void KXOAuth2Client::authenticateWithSuccess(SuccessBlock success, FailureBlock 
 void KXOAuth2Client::fetchAndStoreBearerTokenWithParameters(const KXJSON& parameters,
                                                             SuccessBlock success,
                                                             FailureBlock failure) {
+    fetchToken(parameters, std::move(success), std::move(failure), nullptr);
+}
+
+std::optional<KXError> KXOAuth2Client::unusableTokenAnswer(const KXJSON& response) {
+    const auto refuse = [](const char* reason) {
+        return KXError(NSURLErrorDomain, kKXTokenAnswerErrorCode,
+                       KXJSON{{"NSLocalizedDescription", reason}});
+    };
+    const auto accessToken = response.find("access_token");
+    if (accessToken == response.end() || !scalarString(*accessToken)) {
+        return refuse("The token answer holds no access_token");
+    }
+    const auto expiresIn = response.find("expires_in");
+    // Null and other kinds of value mean "never expires"; a number, a text or a boolean must
+    // read as a positive lifetime.
+    if (expiresIn != response.end() &&
+        (expiresIn->is_number() || expiresIn->is_string() || expiresIn->is_boolean())) {
+        const std::optional<double> seconds = lifetimeSeconds(*expiresIn);
+        if (!seconds || !(*seconds > 0)) {
+            return refuse("The token answer's expires_in is not a positive number of seconds");
+        }
+    }
+    return std::nullopt;
+}
+
+void KXOAuth2Client::fetchToken(const KXJSON& parameters, SuccessBlock success,
+                                FailureBlock failure, std::function<void()> dropped) {
     KXHTTPSessionManager::sharedManager().AUTHORIZATION(
         tokenURL(), parameters,
-        [this, success = std::move(success)](const std::shared_ptr<const KXHTTPResponse>&,
-                                             const KXJSON& responseObject) {
+        [this, success = std::move(success), failure, dropped = std::move(dropped)](
+            const std::shared_ptr<const KXHTTPResponse>&, const KXJSON& responseObject) {
             if (!responseObject.is_object()) {
-                return;  // a 2xx answer without a JSON object is dropped
+                // A 2xx answer without a JSON object is dropped.
+                if (dropped) {
+                    dropped();
+                }
+                return;
+            }
+            if (std::optional<KXError> problem = unusableTokenAnswer(responseObject)) {
+                if (failure) {
+                    failure(*problem);
+                }
+                return;
             }
             createAndStoreAuthCredentials(responseObject);
             saveBearerToken(responseObject);
@@ -132,8 +172,9 @@ void KXOAuth2Client::fetchAndStoreBearerTokenWithParameters(const KXJSON& parame
                 success();
             }
         },
-        [failure = std::move(failure)](const std::shared_ptr<const KXHTTPResponse>&,
-                                       const KXError& error) {
+        // A copy: the block above holds the same failure, and arguments are evaluated in no
+        // fixed order.
+        [failure](const std::shared_ptr<const KXHTTPResponse>&, const KXError& error) {
             if (failure) {
                 failure(error);
             }
@@ -195,7 +236,7 @@ void KXOAuth2Client::saveBearerToken(const KXJSON& response) {
 
 void KXOAuth2Client::refreshBearerTokenIfNecessary() {
     const std::int64_t count = countOfMinutes_.fetch_add(1) + 1;
-    if (count < expireInMinutes()) {
+    if (count < expireInMinutes() || count < kFirstRenewingTick) {
         return;
     }
     if (KXBackgroundTimer* timer = backgroundTimer()) {
@@ -208,24 +249,44 @@ void KXOAuth2Client::refreshBearerTokenIfNecessary() {
         [](const KXError&) { KX_LOG_ERROR("Failed To Refresh Bearer Token"); });
 }
 
+std::vector<KXOAuth2Client::Waiter> KXOAuth2Client::takeWaiters() {
+    std::lock_guard lock(mutex_);
+    return std::exchange(waiting_, {});
+}
+
 void KXOAuth2Client::refreshBearerTokenWithSuccess(TokenBlock success, FailureBlock failure) {
+    {
+        std::lock_guard lock(mutex_);
+        waiting_.push_back({std::move(success), std::move(failure)});
+        if (waiting_.size() > 1) {
+            return;  // the renewal under way answers this caller too
+        }
+    }
     const std::shared_ptr<KXOAuthCredential> credential =
         KXOAuthCredential::retrieveCredentialWithIdentifier(keychainId());
     const KXJSON parameters =
         credential ? grantParameters(credential->clientId(), credential->clientSecret())
                    : grantParameters(std::nullopt, std::nullopt);
-    fetchAndStoreBearerTokenWithParameters(
+    fetchToken(
         parameters,
-        [success = std::move(success)] {
-            if (success) {
-                success(KXHTTPSessionManager::sharedManager().bearerToken());
+        [this] {
+            const std::shared_ptr<KXBearerToken> token =
+                KXHTTPSessionManager::sharedManager().bearerToken();
+            for (Waiter& waiter : takeWaiters()) {
+                if (waiter.success) {
+                    waiter.success(token);
+                }
             }
         },
-        [failure = std::move(failure)](const KXError& error) {
-            if (failure) {
-                failure(error);
+        [this](const KXError& error) {
+            for (Waiter& waiter : takeWaiters()) {
+                if (waiter.failure) {
+                    waiter.failure(error);
+                }
             }
-        });
+        },
+        // Nobody is answered, as for a single fetch, but the next caller starts a new one.
+        [this] { takeWaiters(); });
 }
 
 std::string KXOAuth2Client::keychainId() const {

@@ -12,8 +12,13 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 class KXBackgroundTimer;
+
+/// The code (in NSURLErrorDomain, as NSURLErrorBadServerResponse) of a token answer that holds
+/// no usable token.
+inline constexpr std::int64_t kKXTokenAnswerErrorCode = -1011;
 
 /// Obtains bearer tokens with the OAuth 2 client-credentials grant and renews them before they
 /// run out.
@@ -26,7 +31,16 @@ class KXBackgroundTimer;
 /// expired.
 ///
 /// A 2xx token answer whose body is not JSON is dropped: neither block of the fetch runs, and a
-/// request waiting for that token in the transport's gate never completes.
+/// request waiting for that token in the transport's gate never completes. A JSON answer that
+/// cannot give a usable token fails the fetch with an error in NSURLErrorDomain, code
+/// kKXTokenAnswerErrorCode, and stores nothing: no "access_token" string or number, or an
+/// "expires_in" that is present but not a positive number of seconds (0, negative, a text
+/// that does not start with a number, false). Such a token would be expired the moment it
+/// arrives, or would send requests without Authorization.
+///
+/// Renewals come one at a time: every refreshBearerTokenWithSuccess() made while a renewal is
+/// under way waits for that one and shares its outcome (the transport's gate, the timer, the
+/// application), so any number of requests waiting for a token cost one token request.
 ///
 /// Every member may be called from any thread.
 class KX_EXPORT KXOAuth2Client {
@@ -66,13 +80,18 @@ public:
     /// of its whole minutes, restarts the count and runs the renewal timer.
     void saveBearerToken(const KXJSON& response);
 
-    /// One tick of the renewal timer.
+    /// One tick of the renewal timer. The tick that comes at once when the timer is resumed
+    /// never renews, so a token is renewed at most once a minute however short its lifetime.
     void refreshBearerTokenIfNecessary();
 
     /// Fetches a new token with the credential stored under keychainId() (with none stored, the
     /// request carries only the grant type and the scope) and passes the transport's new
-    /// bearer token to `success`.
+    /// bearer token to `success`. While a fetch started here is under way, further calls wait
+    /// for it instead of starting another.
     void refreshBearerTokenWithSuccess(TokenBlock success, FailureBlock failure);
+
+    /// Why a 2xx JSON token answer gives no usable token, or std::nullopt when it does.
+    static std::optional<KXError> unusableTokenAnswer(const KXJSON& response);
 
     /// The grant's form parameters; an absent id or secret leaves its key out.
     static KXJSON grantParameters(const std::optional<std::string>& clientId,
@@ -95,7 +114,17 @@ public:
     KXBackgroundTimer* backgroundTimer() const;
 
 private:
+    struct Waiter {
+        TokenBlock success;
+        FailureBlock failure;
+    };
+    void fetchToken(const KXJSON& parameters, SuccessBlock success, FailureBlock failure,
+                    std::function<void()> dropped);
+    std::vector<Waiter> takeWaiters();
+
     mutable std::mutex mutex_;
+    /// The callers of the renewal under way; empty when none is.
+    std::vector<Waiter> waiting_;
     std::string keychainId_;
     std::optional<std::string> clientId_;
     std::optional<std::string> secret_;

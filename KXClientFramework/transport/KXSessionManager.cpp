@@ -1,4 +1,5 @@
 #include <KXClientFramework/KXConfig.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXOAuth2Client.h>
 #include <KXClientFramework/KXSessionManager.h>
@@ -14,7 +15,7 @@ namespace {
 constexpr double kRequestTimeout = 10.0;
 
 std::string dumpForLog(const KXJSON& value) {
-    return value.dump(-1, ' ', false, KXJSON::error_handler_t::replace);
+    return KXJSONReader::dump(value);
 }
 
 KXJSON headersForLog(const KXHTTPHeaders& headers) {
@@ -157,6 +158,8 @@ KXURLRequest KXSessionManager::authorizationRequestWithURL(const std::string& UR
                                                            KXError* /*error*/) {
     KXURLRequest request = baseRequest("POST", URL);
     request.setValue("application/x-www-form-urlencoded", "Content-Type");
+    // The body holds the client's secret: never re-post it wherever a redirect points.
+    request.followsRedirects = false;
     if (!parameters.is_null()) {
         request.HTTPBody = serialize(parameters);
     }
@@ -186,7 +189,8 @@ void KXSessionManager::requestWithMethod(const std::string& method, const std::s
                                          const KXJSON& parameters, RequestBlock request,
                                          ErrorBlock failure) {
     const std::shared_ptr<KXBearerToken> token = bearerToken();
-    if (token && !token->isExpired()) {
+    // A token without its text would send the request without Authorization: fetch one.
+    if (token && token->token() && !token->isExpired()) {
         KXURLRequest built = requestWithMethod(method, URL, parameters);
         if (request) {
             request(built);

@@ -20,6 +20,7 @@ void KXURLSession::dataTask(const KXURLRequest& request, Completion completion) 
     outgoing.method = request.HTTPMethod;
     outgoing.URL = request.URL;
     outgoing.body = request.HTTPBody;
+    outgoing.followsRedirects = request.followsRedirects;
     outgoing.maximumBodySize = configuration_.maximumResponseBodySize;
     outgoing.certificateAuthorityFile = configuration_.certificateAuthorityFile;
     const double seconds = std::isfinite(request.timeoutInterval) && request.timeoutInterval > 0

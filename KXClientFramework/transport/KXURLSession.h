@@ -20,6 +20,10 @@ struct KX_EXPORT KXURLRequest {
     std::optional<std::string> HTTPBody;
     /// Seconds the whole exchange may take, from connecting to the last byte of the answer.
     double timeoutInterval = 60.0;
+    /// Whether a redirect is followed (at most 10; http and https, and only https from an https
+    /// URL). An Authorization header never goes to another origin (scheme, host and port). The
+    /// token request does not follow redirects at all: its body holds the client secret.
+    bool followsRedirects = true;
 
     void setValue(const std::string& value, const std::string& headerField) {
         allHTTPHeaderFields.insert_or_assign(headerField, value);
@@ -34,7 +38,7 @@ struct KX_EXPORT KXSessionConfiguration {
     /// name wins.
     KXHTTPHeaders HTTPAdditionalHeaders;
     /// Answers with a longer body fail with a transport error instead of filling memory.
-    std::size_t maximumResponseBodySize = std::size_t{64} * 1024 * 1024;
+    std::size_t maximumResponseBodySize = std::size_t{16} * 1024 * 1024;
     /// A PEM file of the certificate authorities that HTTPS servers must chain to, for
     /// deployments that trust a private authority. When set, only the authorities in this file
     /// are trusted, in place of the system's store; empty (the default) uses the system's

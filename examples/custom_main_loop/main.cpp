@@ -18,6 +18,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 
 using namespace std::chrono_literals;
@@ -186,7 +187,17 @@ void runHandWrittenLoop() {
     application.postEvent(KXApplicationEvent::WillTerminate);
 }
 
-int main() {
+int main(int argc, char** argv) {
+    constexpr const char* kUsage =
+        "usage: example_custom_main_loop [--help]\nRuns the library's main queue from a game loop "
+        "and from a hand-written event loop,\nprinting the life-cycle callbacks and notifications "
+        "each sees. Takes no options.\n";
+    if (argc > 1) {
+        const std::string argument = argv[1];
+        const bool help = argument == "--help" || argument == "-h";
+        std::fputs(kUsage, help ? stdout : stderr);
+        return help ? 0 : 2;
+    }
     observeLifeCycle();
     runGameLoop();
     runHandWrittenLoop();

@@ -15,12 +15,14 @@
 //                                                                       [KX_ENGAGE_SERVICE_URL]
 //   --timeout SECONDS    how long to wait for the token (default 30)   [KX_ENGAGE_TIMEOUT]
 //   --verbose            the library's DEBUG lines on standard error
+//   --help               this summary
 //
-// Exit status: 0 after a clean termination with a token, 1 when no token arrived in time,
-// 2 for a usage error.
+// Exit status: 0 after a clean termination with a token, 1 when no token arrived in time or the
+// configuration does not open with the key, 2 for a usage error.
 
 #include <KXClientFramework/KXApplication.h>
 #include <KXClientFramework/KXClientFramework.h>
+#include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXHTTPSessionManager.h>
 #include <KXClientFramework/KXLinuxPlatform.h>
 #include <KXClientFramework/KXLog.h>
@@ -29,10 +31,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -51,6 +56,42 @@ std::optional<std::string> environment(const char* name) {
         return std::nullopt;
     }
     return std::string(value);
+}
+
+constexpr const char* kUsage =
+    "usage: example_engage_app --config DIR/KXConfig.enc --key KEY [--token-url URL]\n"
+    "                          [--service-url URL] [--timeout SECONDS] [--verbose]\n"
+    "Engages the library as an application does and waits for its bearer token.\n"
+    "Each option can also come from the environment: KX_ENGAGE_CONFIG, KX_ENGAGE_KEY,\n"
+    "KX_ENGAGE_TOKEN_URL, KX_ENGAGE_SERVICE_URL, KX_ENGAGE_TIMEOUT.\n";
+
+bool wantsHelp(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (argument == "--help" || argument == "-h") {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The library stops the process on a configuration that does not open with the key (an
+// application must not run with the wrong one); an example says so and exits instead.
+bool configurationOpens(const Options& options) {
+    std::ifstream in(options.config, std::ios::binary);
+    if (!in) {
+        std::fprintf(stderr, "engage_app: cannot read %s\n", options.config.c_str());
+        return false;
+    }
+    const std::vector<std::uint8_t> sealed{std::istreambuf_iterator<char>(in),
+                                           std::istreambuf_iterator<char>()};
+    if (!KXConfig::openSealedConfiguration(sealed, options.key)) {
+        std::fprintf(stderr,
+                     "engage_app: %s does not open with the key: wrong key or damaged file\n",
+                     options.config.c_str());
+        return false;
+    }
+    return true;
 }
 
 bool parse(int argc, char** argv, Options& options) {
@@ -123,12 +164,30 @@ private:
 
 }  // namespace
 
+int run(const Options& options);
+
 int main(int argc, char** argv) {
+    if (wantsHelp(argc, argv)) {
+        std::fputs(kUsage, stdout);
+        return 0;
+    }
     Options options;
     if (!parse(argc, argv, options)) {
+        std::fputs(kUsage, stderr);
         return 2;
     }
+    if (!configurationOpens(options)) {
+        return 1;
+    }
+    try {
+        return run(options);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "engage_app: %s\n", error.what());
+        return 1;
+    }
+}
 
+int run(const Options& options) {
     KXLinuxPlatformOptions platformOptions;
     platformOptions.applicationId = "com.example.engage";
     platformOptions.resourceDirectories = {std::filesystem::absolute(options.config).parent_path()};

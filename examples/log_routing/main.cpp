@@ -11,6 +11,7 @@
 #include <ctime>
 #include <memory>
 #include <mutex>
+#include <string>
 
 // Stands for the application's logger: here it stamps each line and prints it to stdout.
 class ApplicationLogSink final : public KXLogSink {
@@ -27,7 +28,17 @@ private:
     std::mutex mutex_;
 };
 
-int main() {
+int main(int argc, char** argv) {
+    constexpr const char* kUsage =
+        "usage: example_log_routing [--help]\nRoutes the library's log lines into an application "
+        "logger on standard output and\nappends them to "
+        "$XDG_CACHE_HOME/com.example.logrouting/ZandrelSDK.log. Takes no options.\n";
+    if (argc > 1) {
+        const std::string argument = argv[1];
+        const bool help = argument == "--help" || argument == "-h";
+        std::fputs(kUsage, help ? stdout : stderr);
+        return help ? 0 : 2;
+    }
     KXLinuxPlatform::installDefault("com.example.logrouting");
     KXLog::setSink(std::make_shared<ApplicationLogSink>());
 

@@ -410,28 +410,34 @@ TEST_F(KXEngagementTest, TheDeviceTokenReachesBothDelegatesOnceEngaged) {
     EXPECT_EQ(appDelegate->tokens[0], (std::vector<std::uint8_t>{0x0a, 0x0b, 0xfe}));
 }
 
-TEST_F(KXEngagementTest, RemoteNotificationsReachTheAnalyticsHandlerOfTheEngagedObject) {
+TEST_F(KXEngagementTest, RemoteNotificationsReachTheAnalyticsEngineWithTheApplicationsState) {
     Scenario setup;
     setup.infoDictionary = {{"UIBackgroundModes", {"remote-notification"}}};
     start(setup);
     manager().engageUsingKey(kKey);
-    std::vector<std::pair<KXJSON, KXApplicationState>> received;
-    manager().sharedZandrel()->setAnalyticsNotificationHandler(
-        [&](const KXJSON& info, KXApplicationState state) { received.emplace_back(info, state); });
-
     application().postEvent(KXApplicationEvent::DidBecomeActive);
+    KXClientFramework::enableAnalytics(true);  // created while active: no session yet
+    const auto engine = KXAnalytics::engaged();
+    ASSERT_NE(engine, nullptr);
+    EXPECT_EQ(manager().sharedZandrel()->analytics(), engine);
+
     int completions = 0;
     application().deliverRemoteNotification({{"aps", {{"alert", "hello"}}}},
                                             [&](KXBackgroundFetchResult) { ++completions; });
-    ASSERT_EQ(received.size(), 1u);
-    EXPECT_EQ(received[0].first, KXJSON({{"aps", {{"alert", "hello"}}}}));
-    EXPECT_EQ(received[0].second, KXApplicationState::Active);
+    EXPECT_EQ(sink->linesContaining("Application running and received push: {\"aps\":{\"alert\":"
+                                    "\"hello\"}}, applicationState: Active")
+                  .size(),
+              1u);
     EXPECT_EQ(completions, 0);  // the library's delegate never answers
+    application().postEvent(KXApplicationEvent::DidEnterBackground);
+    application().deliverRemoteNotification({{"n", 1}});
+    EXPECT_EQ(engine->notificationUserInfo(), KXJSON({{"n", 1}}));
 
-    // After eject nothing reaches analytics through the library's delegate.
+    // After eject the engine is gone and nothing reaches analytics.
     KXClientFramework::eject();
+    EXPECT_EQ(KXAnalytics::engaged(), nullptr);
     KXClientFrameworkAppDelegate().didReceiveRemoteNotification(application(), {{"n", 2}}, {});
-    EXPECT_EQ(received.size(), 1u);
+    EXPECT_EQ(engine->notificationUserInfo(), KXJSON({{"n", 1}}));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -497,6 +503,9 @@ TEST_F(KXEngagementTest, LaunchingAfterEngagingStartsAnalyticsAndLocationByTheCo
                             {{UIApplicationLaunchOptionsRemoteNotificationKey, {{"aps", 1}}}});
     EXPECT_TRUE(analyticsEnabled.load());
     EXPECT_EQ(sink->linesContaining("] Analytics started!").size(), 1u);
+    // The engine runs and keeps the notification that launched the application.
+    ASSERT_NE(KXAnalytics::engaged(), nullptr);
+    EXPECT_EQ(KXAnalytics::engaged()->notificationUserInfo(), KXJSON({{"aps", 1}}));
     EXPECT_TRUE(sink->linesContaining("not called in").empty());
     // Location switched again, on the same source, without a second log line.
     ASSERT_EQ(platform->locationSources().size(), 1u);
@@ -534,12 +543,24 @@ TEST_F(KXEngagementTest, AnalyticsCannotBeSwitchedBeforeEngaging) {
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_EQ(lines[0].rfind("[DEBUG] ", 0), 0u);
 
+    EXPECT_EQ(KXAnalytics::engaged(), nullptr);
+
     manager().engageUsingKey(kKey);
     KXClientFramework::enableAnalytics(true);
     EXPECT_TRUE(analyticsEnabled.load());
+    const auto engine = KXAnalytics::engaged();
+    ASSERT_NE(engine, nullptr);
+    KXClientFramework::enableAnalytics(true);  // the running engine stays
+    EXPECT_EQ(KXAnalytics::engaged(), engine);
+    EXPECT_EQ(sink->linesContaining("] Analytics started!").size(), 2u);
+
+    // Off: the engine ends its session under a background task and is dropped.
     KXClientFramework::enableAnalytics(false);
     EXPECT_FALSE(analyticsEnabled.load());
-    EXPECT_EQ(sink->linesContaining("] Analytics started!").size(), 1u);
+    EXPECT_EQ(KXAnalytics::engaged(), nullptr);
+    EXPECT_EQ(manager().sharedZandrel()->analytics(), nullptr);
+    EXPECT_NE(engine->backgroundTask(), KXBackgroundTaskInvalid);
+    EXPECT_EQ(application().backgroundTaskCount(), 1u);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -163,4 +165,33 @@ TEST_F(KXLogTest, UnwritableLogFileLosesTheLineQuietly) {
     std::filesystem::create_directories(path);  // a directory where the file should be
     KXDiskLogger(cachesDirectory()).writeLogToDisk("lost");
     EXPECT_TRUE(std::filesystem::is_directory(path));
+}
+
+TEST_F(KXLogTest, TheDiskLogAndTheFoldersItCreatesAreOwnerOnly) {
+    namespace fs = std::filesystem;
+    const fs::path outer = cachesDirectory() / "outer";
+    const fs::path folder = outer / "inner";
+    const fs::path path = KXDiskLogger::logFilePath(folder);
+    fs::remove_all(outer);
+    const mode_t previous = ::umask(0);  // nothing hides wider permissions from the checks
+    KXDiskLogger(folder).writeLogToDisk("token abc");
+    ::umask(previous);
+    for (const fs::path& created : {outer, folder}) {
+        EXPECT_EQ(fs::status(created).permissions(), fs::perms::owner_all) << created;
+    }
+    EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+
+    // A log an older version left readable by everyone is narrowed at the next line.
+    fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read |
+                              fs::perms::others_read);
+    KXDiskLogger(folder).writeLogToDisk("second");
+    EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(readFile(path), "token abc\nsecond\n");
+
+    // A symbolic link in the log's place is not followed.
+    const fs::path elsewhere = folder / "elsewhere";
+    fs::remove(path);
+    fs::create_symlink(elsewhere, path);
+    KXDiskLogger(folder).writeLogToDisk("diverted");
+    EXPECT_FALSE(fs::exists(elsewhere));
 }

@@ -1,6 +1,7 @@
-// Writes the seed corpus of the sealed-data fuzz targets: valid sealed data of several sizes
-// in each format, made by the library with the targets' fixed keys and password, behind a byte
-// that picks the streaming piece size.
+// Writes the seed corpus of the fuzz targets: valid sealed data of several sizes in each format,
+// made by the library with the targets' fixed keys and password, behind a byte that picks the
+// streaming piece size; and for the parsers, the hostile cases: nesting just over and far over
+// the limit, and a flat array just over the value limit.
 //
 // Usage: kx_fuzz_seeds DIRECTORY   (creates DIRECTORY/<target name>/seed-N)
 #include "TZFuzzCommon.h"
@@ -26,6 +27,47 @@ void writeSeeds(const std::filesystem::path& directory,
                       static_cast<std::streamsize>(data.size()));
         }
     }
+}
+
+std::vector<std::uint8_t> bytes(const std::string& text) {
+    return {text.begin(), text.end()};
+}
+
+void writeFiles(const std::filesystem::path& directory,
+                const std::vector<std::vector<std::uint8_t>>& files) {
+    std::filesystem::create_directories(directory);
+    int index = 0;
+    for (const auto& data : files) {
+        std::ofstream out(directory / ("seed-" + std::to_string(index++)), std::ios::binary);
+        out.write(reinterpret_cast<const char*>(data.data()),
+                  static_cast<std::streamsize>(data.size()));
+    }
+}
+
+std::string nested(std::size_t depth, const std::string& open, const std::string& close) {
+    std::string text;
+    for (std::size_t i = 0; i < depth; ++i) {
+        text += open;
+    }
+    for (std::size_t i = 0; i < depth; ++i) {
+        text += close;
+    }
+    return text;
+}
+
+std::string flatArray(std::size_t values) {
+    std::string text = "[0";
+    for (std::size_t i = 1; i < values; ++i) {
+        text += ",0";
+    }
+    return text + "]";
+}
+
+std::vector<std::uint8_t> withSelector(std::uint8_t selector,
+                                       const std::vector<std::uint8_t>& body) {
+    std::vector<std::uint8_t> input{selector};
+    input.insert(input.end(), body.begin(), body.end());
+    return input;
 }
 
 std::vector<std::uint8_t> plain(std::size_t length) {
@@ -62,5 +104,23 @@ int main(int argc, char** argv) {
     writeSeeds(root / "fuzz_salted_decryptor", salted);
     writeSeeds(root / "fuzz_container_key", keyed);
     writeSeeds(root / "fuzz_container_password", withPassword);
+
+    writeFiles(root / "fuzz_json_answer",
+               {bytes(R"({"access_token":"t","expires_in":3600})"),
+                bytes(R"({"access_token":"t","expires_in":0})"), bytes(R"({"error":[1,2.5,null]})"),
+                bytes(nested(512, "[", "]")), bytes(nested(513, "[", "]")),
+                bytes(nested(100000, "{\"a\":", "}")), bytes(flatArray(1'000'001))});
+
+    const auto plist = [](const std::string& body) {
+        return bytes("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">" + body +
+                     "</plist>");
+    };
+    const auto deepPlist = plist(nested(513, "<array>", "</array>"));
+    writeFiles(
+        root / "fuzz_config_loader",
+        {withSelector(0, plist("<dict><key>appId</key><string>a</string></dict>")),
+         withSelector(0, plist(nested(512, "<array>", "</array>"))), withSelector(0, deepPlist),
+         withSelector(1, *TZOpenSSLEncryptor::encryptData(deepPlist, kTZCryptorAES256Settings,
+                                                          "fuzz-key"))});
     return 0;
 }

@@ -105,28 +105,6 @@ TEST_F(KXConfigTool, OpenPrintsJSONOrXMLAndFailsCleanly) {
     EXPECT_NE(garbage.err.find("Unknown header"), std::string::npos) << garbage.err;
 }
 
-TEST_F(KXConfigTool, CheckPrintsTheSettingsAfterLoading) {
-    sealJSON({{"appId", "a1"},
-              {"inProduction", "YES"},
-              {"analyticsSessionInterval", 45},
-              {"locationFuzzEnabled", 1},
-              {"favouriteColour", "blue"}});
-    const auto result = kxconfig({"check", "--key", kKey, sealedFile.string()});
-    ASSERT_EQ(result.exitCode, 0) << result.err;
-    const auto settings = KXJSON::parse(result.out);
-    EXPECT_EQ(settings.size(), 13u);
-    EXPECT_EQ(settings["appId"], "a1");
-    EXPECT_EQ(settings["inboxDomainId"], nullptr);
-    EXPECT_EQ(settings["inProduction"], true);
-    EXPECT_EQ(settings["locationFuzzEnabled"], true);
-    EXPECT_EQ(settings["autoGuestEnabled"], false);
-    EXPECT_EQ(settings["analyticsSessionInterval"], 90);
-    EXPECT_NE(result.err.find("favouriteColour"), std::string::npos);
-    EXPECT_EQ(result.err.find("appId"), std::string::npos);
-
-    EXPECT_EQ(kxconfig({"check", "--key", "wrong", sealedFile.string()}).exitCode, 1);
-}
-
 TEST_F(KXConfigTool, SaltedEncryptionInteroperatesWithOpenSSLBothWays) {
     const std::string plain = "the quick brown fox\n";
     const auto sealed = kxconfig({"encrypt", "--format", "salted", "--password", "pw"}, plain);

@@ -70,12 +70,24 @@ TEST_F(KXEngageApp, ARefusedTokenEndsWithoutTokenButStillTerminates) {
     EXPECT_NE(result.out.find("delegate restored: yes\n"), std::string::npos) << result.out;
 }
 
-TEST_F(KXEngageApp, AWrongKeyStopsTheApplicationBeforeAnyRequest) {
+TEST_F(KXEngageApp, AWrongKeyEndsTheExampleWithAReasonBeforeAnyRequest) {
     service.scriptToken("app-token");
     const auto result = run("not-the-key");
-    EXPECT_NE(result.exitCode, 0);
-    EXPECT_NE(result.err.find("configurationFile"), std::string::npos) << result.err;
+    EXPECT_EQ(result.exitCode, 1) << result.err;
+    EXPECT_NE(result.err.find("wrong key or damaged file"), std::string::npos) << result.err;
     EXPECT_TRUE(service.requests().empty());
+}
+
+TEST_F(KXEngageApp, EveryExampleAnswersHelpAndRefusesUnknownOptions) {
+    for (const char* name :
+         {"engage_app/example_engage_app", "custom_main_loop/example_custom_main_loop",
+          "log_routing/example_log_routing"}) {
+        const auto example = kxtest::builtProgram(std::string("examples/") + name);
+        const auto help = kxtest::runProcess(example, {"--help"});
+        EXPECT_EQ(help.exitCode, 0) << name << help.err;
+        EXPECT_EQ(help.out.rfind("usage: example_", 0), 0u) << name << help.out;
+        EXPECT_EQ(kxtest::runProcess(example, {"--frobnicate"}).exitCode, 2) << name;
+    }
 }
 
 TEST_F(KXEngageApp, RefusesAConfigurationFileWithAnotherName) {

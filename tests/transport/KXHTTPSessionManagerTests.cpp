@@ -187,6 +187,7 @@ TEST_F(HTTPSessionManager, AbsoluteURLsFollowEachBaseURLAndResolveDotSegments) {
         {"HTTP://H.invalid", "/Up", "http://H.invalid/Up"},
         {"not a base URL", "/a", "not a base URL/a"},
         {"http://127.0.0.1:9650", "/c d", "http://127.0.0.1:9650/c%20d"},
+        {"http://127.0.0.1:9650", "/t?tag=a%26b%2x%", "http://127.0.0.1:9650/t?tag=a%26b%252x%25"},
     };
     for (const Case& c : cases) {
         transport().setBaseURL(c.base);
@@ -439,4 +440,10 @@ TEST_F(TokenGate, ATokenAnswerWithoutJSONLeavesTheRequestWaitingForever) {
     EXPECT_TRUE(service.requestsTo("/inbox").empty());
     EXPECT_EQ(KXTransportActivity::requestsUnderWay(), 1u) << "the waiting request never ends";
     EXPECT_EQ(KXTransportActivity::requestsWaitingForToken(), 1u);
+
+    // The dropped fetch does not hold up the next request: it asks for a token of its own.
+    service.scriptToken("later");
+    EXPECT_EQ(get("/inbox").successes, 1);
+    EXPECT_EQ(service.requestsTo("/token").size(), 2u);
+    EXPECT_EQ(outcome.callbacks(), 0);
 }

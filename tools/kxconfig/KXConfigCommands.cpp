@@ -1,12 +1,18 @@
 #include "KXConfigCommands.h"
 
+#include "KXConfigCheck.h"
+#include "KXOutputFile.h"
+
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXJSON.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXPropertyList.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -30,41 +36,13 @@ std::vector<std::uint8_t> readInput(const std::string& path) {
     }
     std::ifstream in(path, std::ios::binary);
     if (!in) {
-        throw Failure("cannot open " + path);
+        throw Failure("cannot open " + path + ": " + std::strerror(errno));
     }
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-// Writes through a temporary file and a rename, so a failure never leaves half a file behind.
-void writeOutput(const std::string& path, const std::vector<std::uint8_t>& bytes) {
-    if (path.empty() || path == "-") {
-        if (std::fwrite(bytes.data(), 1, bytes.size(), stdout) != bytes.size() ||
-            std::fflush(stdout) != 0) {
-            throw Failure("cannot write standard output");
-        }
-        return;
-    }
-    const std::string temporary = path + ".tmp";
-    {
-        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        out.write(reinterpret_cast<const char*>(bytes.data()),
-                  static_cast<std::streamsize>(bytes.size()));
-        if (!out.flush()) {
-            std::error_code ignored;
-            std::filesystem::remove(temporary, ignored);
-            throw Failure("cannot write " + path);
-        }
-    }
-    std::error_code error;
-    std::filesystem::rename(temporary, path, error);
-    if (error) {
-        std::filesystem::remove(temporary, error);
-        throw Failure("cannot write " + path);
-    }
-}
-
 void printText(const std::string& text) {
-    writeOutput("", std::vector<std::uint8_t>(text.begin(), text.end()));
+    writeOutputFile("", std::vector<std::uint8_t>(text.begin(), text.end()), 0);
 }
 
 // A configuration given as a property list (XML or binary) or as a JSON object.
@@ -73,9 +51,16 @@ KXJSON readConfigurationSource(const std::string& path) {
     if (auto plist = KXPropertyList::parse(bytes); plist && plist->is_object()) {
         return *plist;
     }
-    auto json = KXJSON::parse(bytes.begin(), bytes.end(), nullptr, false);
-    if (json.is_object()) {
-        return json;
+    KXJSONLimits limits;
+    limits.rejectDuplicateKeys = true;  // the last of two values must not win unnoticed
+    KXJSONReadError problem;
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    auto json = KXJSONReader::parse(text, limits, &problem);
+    if (json && json->is_object()) {
+        return std::move(*json);
+    }
+    if (!json && problem.kind != KXJSONReadError::Kind::Malformed) {
+        throw Failure(path + ": " + problem.message);
     }
     throw Failure(path + " is neither a property-list dictionary nor a JSON object");
 }
@@ -83,7 +68,11 @@ KXJSON readConfigurationSource(const std::string& path) {
 KXJSON openConfiguration(const std::string& path, const std::string& key) {
     Keys keys;
     keys.password = key;
-    const auto plain = kxconfig::decrypt(Format::Salted, keys, readInput(path));
+    const auto sealed = readInput(path);
+    if (sealed.empty()) {
+        throw Failure(path + " is empty");
+    }
+    const auto plain = kxconfig::decrypt(Format::Salted, keys, sealed);
     auto plist = KXPropertyList::parse(plain);
     if (!plist) {
         throw Failure(path + " opens with the key but does not hold a property list");
@@ -102,13 +91,22 @@ int seal(const SealOptions& options) {
     const std::string xml = KXPropertyList::toXML(configuration);
     Keys keys;
     keys.password = options.key;
-    writeOutput(options.output, kxconfig::encrypt(Format::Salted, keys, {xml.begin(), xml.end()}));
+    const auto sealed = kxconfig::encrypt(Format::Salted, keys, {xml.begin(), xml.end()});
+    // Only a file that opens again to the very same settings may replace the output.
+    const auto reopened = KXPropertyList::parse(kxconfig::decrypt(Format::Salted, keys, sealed));
+    if (xml.empty() || !reopened || *reopened != configuration) {
+        throw Failure(options.input +
+                      " cannot be sealed unchanged: a property list holds no null values and "
+                      "nests at most 512 levels deep");
+    }
+    writeOutputFile(options.output, sealed, 0600);
     return 0;
 }
 
 int open(const OpenOptions& options) {
     const KXJSON configuration = openConfiguration(options.input, options.key);
-    printText(options.xml ? KXPropertyList::toXML(configuration) : configuration.dump(2) + "\n");
+    printText(options.xml ? KXPropertyList::toXML(configuration)
+                          : KXJSONReader::dump(configuration, 2) + "\n");
     return 0;
 }
 
@@ -122,9 +120,10 @@ int check(const OpenOptions& options) {
                           << "\"\n";
             }
         }
-    } else {
-        std::cerr << "kxconfig: warning: the configuration is not a dictionary; the library "
-                     "reads no settings from it\n";
+    }
+    const std::vector<std::string> problems = configurationProblems(configuration);
+    for (const std::string& problem : problems) {
+        std::cerr << "kxconfig: error: " << problem << "\n";
     }
 
     // The file is known to open, so loading it through the library cannot stop the process.
@@ -146,18 +145,21 @@ int check(const OpenOptions& options) {
         {"analyticsSessionInterval", config.analyticsSessionInterval()},
     };
     printText(settings.dump() + "\n");
-    return 0;
+    return problems.empty() ? 0 : 1;
 }
 
 int encrypt(const CryptOptions& options) {
-    writeOutput(options.output,
-                kxconfig::encrypt(options.format, options.keys, readInput(options.input)));
+    writeOutputFile(options.output,
+                    kxconfig::encrypt(options.format, options.keys, readInput(options.input)),
+                    defaultFileMode());
     return 0;
 }
 
 int decrypt(const CryptOptions& options) {
-    writeOutput(options.output,
-                kxconfig::decrypt(options.format, options.keys, readInput(options.input)));
+    // Opened data is as secret as its key: a new file is readable by its owner only.
+    writeOutputFile(options.output,
+                    kxconfig::decrypt(options.format, options.keys, readInput(options.input)),
+                    0600);
     return 0;
 }
 

@@ -8,15 +8,19 @@
 namespace kxconfig {
 namespace {
 
-[[noreturn]] void fail(const char* what, const KXError& error) {
-    throw Failure(std::string(what) + ": " + error.localizedDescription() + " (" + error.domain +
-                  " " + std::to_string(error.code) + ")");
+[[noreturn]] void fail(const char* what, const KXError& error, bool opening) {
+    // When data does not open, the library's text only names a code; say what it means.
+    const bool withoutMessage = error.localizedDescription().rfind("The operation", 0) == 0;
+    throw Failure(std::string(what) +
+                  (opening && withoutMessage ? " (wrong key or damaged file): " : ": ") +
+                  error.localizedDescription() + " (" + error.domain + " " +
+                  std::to_string(error.code) + ")");
 }
 
 std::vector<std::uint8_t> result(std::optional<std::vector<std::uint8_t>> output,
-                                 const KXError& error, const char* what) {
+                                 const KXError& error, const char* what, bool opening = false) {
     if (!output) {
-        fail(what, error);
+        fail(what, error, opening);
     }
     return std::move(*output);
 }
@@ -54,18 +58,18 @@ std::vector<std::uint8_t> decrypt(Format format, const Keys& keys,
         if (keys.password) {
             return result(TZOpenSSLDecryptor::decryptData(input, kTZCryptorAES256Settings,
                                                           *keys.password, &error),
-                          error, "cannot open the sealed data");
+                          error, "cannot open the sealed data", true);
         }
         return result(TZOpenSSLDecryptor::decryptData(input, kTZCryptorAES256Settings, keys.key,
                                                       keys.iv, &error),
-                      error, "cannot decrypt");
+                      error, "cannot decrypt", true);
     }
     if (keys.password) {
         return result(TZDecryptor::decryptData(input, *keys.password, &error), error,
-                      "cannot open the container");
+                      "cannot open the container", true);
     }
     return result(TZDecryptor::decryptData(input, keys.key, keys.hmacKey, &error), error,
-                  "cannot open the container");
+                  "cannot open the container", true);
 }
 
 std::vector<std::uint8_t> encrypt(Format format, const Keys& keys,

@@ -1,7 +1,8 @@
 // kxconfig: seals, opens and checks configuration files, and runs sealed data through the
 // library's cryptors.
 //
-// Exit status: 0 success, 1 failure (one line on standard error), 2 usage error.
+// Exit status: 0 success, 1 failure (one line on standard error; a missing file is one), 2 usage
+// error. `check` also exits with 1 when the library would not read a setting as written.
 
 #include "KXConfigCommands.h"
 
@@ -81,9 +82,7 @@ int main(int argc, char** argv) {
     auto* check = app.add_subcommand(
         "check", "Print the settings the library holds after loading a configuration file");
     check->add_option("--key", checkOptions.key, "the application key")->required();
-    check->add_option("INPUT", checkOptions.input, "sealed configuration file")
-        ->required()
-        ->check(CLI::ExistingFile);
+    check->add_option("INPUT", checkOptions.input, "sealed configuration file")->required();
 
     CryptArguments encryptArguments;
     CryptArguments decryptArguments;

@@ -12,4 +12,17 @@ namespace kxctl {
 /// engage, token, call, device-token: the start-up and the raw transport.
 void addServiceCommands(CLI::App& app, Command& chosen);
 
+/// guest auto, register, fetch, save, delete, logout.
+void addGuestCommands(CLI::App& app, Command& chosen);
+
+/// profile add, enable, disable; subscribe; unsubscribe.
+void addProfileCommands(CLI::App& app, Command& chosen);
+
+/// action, defaults.
+void addActionCommands(CLI::App& app, Command& chosen);
+
+/// Runs `command` on the guest `guestId`: fetches it first, then starts the command; when the
+/// fetch fails, prints its error line instead and the command does not run.
+Command onGuest(const std::string& guestId, Command command);
+
 }  // namespace kxctl

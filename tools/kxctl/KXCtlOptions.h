@@ -23,6 +23,8 @@ struct Options {
     std::vector<std::string> endpoints;
     double timeout = 30;
     bool verbose = false;
+    /// The guest to fetch (as the current guest) before the command runs.
+    std::optional<std::string> guest;
 };
 
 /// A usage error found after parsing (exit status 2).

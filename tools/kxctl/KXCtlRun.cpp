@@ -1,6 +1,9 @@
 #include "KXCtlRun.h"
 
+#include "KXCtlHints.h"
+
 #include <KXClientFramework/KXAsioMainQueue.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXTransportActivity.h>
 
 #include <iostream>
@@ -9,10 +12,13 @@
 namespace kxctl {
 
 void printLine(const KXJSON& line) {
-    std::cout << line.dump(-1, ' ', false, KXJSON::error_handler_t::replace) << '\n' << std::flush;
+    std::cout << KXJSONReader::dump(line) << '\n' << std::flush;
 }
 
 KXJSON errorLine(const KXError& error) {
+    if (const std::optional<std::string> hint = hintForError(error)) {
+        std::cerr << "kxctl: hint: " << *hint << '\n';
+    }
     return {
         {"error", {{"domain", error.domain}, {"code", error.code}, {"userInfo", error.userInfo}}}};
 }

@@ -2,11 +2,13 @@
 // REST calls through its transport, and handing it a push token.
 
 #include "KXCtlCommands.h"
+#include "KXCtlHints.h"
 
 #include <KXClientFramework/KXApplication.h>
 #include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXDevice.h>
 #include <KXClientFramework/KXHTTPSessionManager.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXPlatform.h>
 #include <KXClientFramework/KXSessionManager.h>
 
@@ -97,7 +99,7 @@ void sendCall(Run& run, const CallOptions& call, const KXJSON& parameters, int l
     };
     KXHTTPSessionManager& transport = KXHTTPSessionManager::sharedManager();
     (transport.*verbs.at(call.method))(
-        KXSessionManager::kxBaseURI() + call.path, parameters,
+        KXSessionManager::kxBaseURI() + callPath(call.path), parameters,
         [&run, &call, parameters, left](std::shared_ptr<const KXHTTPResponse> response,
                                         const KXJSON&) {
             run.print(answerLine(*response));
@@ -151,10 +153,15 @@ void addServiceCommands(CLI::App& app, Command& chosen) {
         auto parameters = std::make_shared<KXJSON>();
         chosen.validate = [callOptions, parameters] {
             if (callOptions->data) {
-                *parameters = KXJSON::parse(*callOptions->data, nullptr, false);
-                if (parameters->is_discarded()) {
-                    throw UsageError{"--data is not JSON: " + *callOptions->data};
+                KXJSONReadError problem;
+                std::optional<KXJSON> parsed =
+                    KXJSONReader::parse(*callOptions->data, KXJSONLimits{}, &problem);
+                if (!parsed) {
+                    throw UsageError{problem.kind == KXJSONReadError::Kind::Malformed
+                                         ? "--data is not JSON: " + *callOptions->data
+                                         : "--data: " + problem.message};
                 }
+                *parameters = std::move(*parsed);
             }
         };
         chosen.start = [callOptions, parameters](Run& run) {

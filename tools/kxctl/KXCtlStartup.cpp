@@ -1,11 +1,13 @@
 #include "KXCtlStartup.h"
 
+#include "KXCtlHints.h"
 #include "KXCtlPlatform.h"
 
 #include <KXClientFramework/KXApplication.h>
 #include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXHTTPSessionManager.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXLogSink.h>
 #include <KXClientFramework/KXTransportActivity.h>
@@ -53,19 +55,11 @@ KXServiceEndpoints parseEndpoints(const std::vector<std::string>& assignments) {
 /// Opens the configuration with the key and makes it the library's configuration. The library's
 /// own loader stops the process on a wrong key; here it is a clean failure.
 void loadConfiguration(const Options& options) {
-    std::ifstream file(options.configPath, std::ios::binary);
-    if (!file) {
-        throw Failure{"cannot read the configuration file " + options.configPath};
+    KXJSON configuration;
+    if (auto problem = configurationProblem(options.configPath, options.key, configuration)) {
+        throw Failure{*problem};
     }
-    const std::vector<std::uint8_t> sealed((std::istreambuf_iterator<char>(file)),
-                                           std::istreambuf_iterator<char>());
-    const std::optional<KXJSON> configuration =
-        KXConfig::openSealedConfiguration(sealed, options.key);
-    if (!configuration || !configuration->is_object()) {
-        throw Failure{"the configuration file " + options.configPath +
-                      " does not open with this key"};
-    }
-    KXConfig::defaultConfig().applyConfiguration(*configuration);
+    KXConfig::defaultConfig().applyConfiguration(configuration);
 }
 
 /// The error of a line "Error Domain=D Code=C "text" UserInfo=JSON" (KXError::description()).
@@ -88,8 +82,8 @@ std::optional<KXError> errorFromDescription(std::string_view text) {
         std::string(text.substr(domainAt + kDomain.size(), codeAt - domainAt - kDomain.size()));
     const std::string code(text.substr(codeAt + kCode.size()));
     error.code = std::strtoll(code.c_str(), nullptr, 10);
-    const KXJSON userInfo =
-        KXJSON::parse(text.substr(userInfoAt + kUserInfo.size()), nullptr, false);
+    const KXJSON userInfo = KXJSONReader::parse(text.substr(userInfoAt + kUserInfo.size()))
+                                .value_or(KXJSON(KXJSON::value_t::discarded));
     // The description writes an absent user info as {}.
     if (!userInfo.is_discarded() && !(userInfo.is_object() && userInfo.empty())) {
         error.userInfo = userInfo;
@@ -172,6 +166,10 @@ int startAndRun(Options options, const Command& command) {
     // The library would stop the process on a wrong key; checked here first, it is a clean
     // failure.
     loadConfiguration(options);
+    if (auto problem = environmentProblem(options.environment, options.businessUnit.has_value(),
+                                          KXConfig::defaultConfig().inProduction())) {
+        throw UsageError{*problem};
+    }
 
     auto watcher = std::make_shared<StartupWatcher>();
     KXLog::setSink(watcher);
@@ -208,8 +206,9 @@ int startAndRun(Options options, const Command& command) {
                 return;
             }
         }
-        std::cerr << "kxctl: no answer within " << options.timeout << " s";
-        if (KXTransportActivity::requestsWaitingForToken() > 0) {
+        const bool haveToken = KXHTTPSessionManager::sharedManager().bearerToken() != nullptr;
+        std::cerr << "kxctl: " << timeoutReason(options.timeout, haveToken);
+        if (haveToken && KXTransportActivity::requestsWaitingForToken() > 0) {
             std::cerr << ": a request is still waiting for a bearer token (the token endpoint "
                          "answered without one it could read)";
         }

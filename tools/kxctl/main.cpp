@@ -31,9 +31,14 @@ int main(int argc, char** argv) {
         ->capture_default_str()
         ->check(CLI::PositiveNumber);
     app.add_flag("-v", options.verbose, "library log at DEBUG on standard error");
+    app.add_option("--guest", options.guest,
+                   "fetch this guest before the command, which then acts on it");
 
     Command chosen;
     addServiceCommands(app, chosen);
+    addGuestCommands(app, chosen);
+    addProfileCommands(app, chosen);
+    addActionCommands(app, chosen);
 
     try {
         app.parse(argc, argv);
@@ -45,12 +50,16 @@ int main(int argc, char** argv) {
     }
 
     try {
-        return startAndRun(options, chosen);
+        return startAndRun(options, options.guest ? onGuest(*options.guest, chosen) : chosen);
     } catch (const UsageError& error) {
         std::cerr << "kxctl: " << error.message << '\n';
         return kUsage;
     } catch (const Failure& failure) {
         std::cerr << "kxctl: " << failure.message << '\n';
+        return kFailure;
+    } catch (const std::exception& error) {
+        // Anything else is a failure with its text too, never an abort.
+        std::cerr << "kxctl: " << error.what() << '\n';
         return kFailure;
     }
 }

@@ -1,4 +1,5 @@
 #include <KXClientFramework/KXException.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLinuxPlatform.h>
 #include <KXClientFramework/KXLog.h>
 
@@ -62,7 +63,7 @@ KXJSON infoOverrides(const std::optional<std::string>& json) {
     if (!json) {
         return KXJSON::object();
     }
-    KXJSON parsed = KXJSON::parse(*json, nullptr, false);
+    KXJSON parsed = KXJSONReader::parse(*json).value_or(nullptr);
     if (!parsed.is_object()) {
         KXLog::systemLog(
             "The information dictionary overrides are not a JSON object; ignoring them");

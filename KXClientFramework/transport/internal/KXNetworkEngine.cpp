@@ -243,10 +243,14 @@ void KXNetworkEngine::Impl::configure(CURL* handle, Transfer& transfer) {
     curl_easy_setopt(handle, CURLOPT_PIPEWAIT, 1L);
     curl_easy_setopt(handle, CURLOPT_TCP_KEEPALIVE, 1L);
     curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, "");
-    curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 1L);
+    // libcurl leaves a custom Authorization header out of a request to another scheme, host or
+    // port than the first one's; an https request is never redirected to plain http.
+    curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, request.followsRedirects ? 1L : 0L);
     curl_easy_setopt(handle, CURLOPT_MAXREDIRS, 10L);
+    curl_easy_setopt(handle, CURLOPT_UNRESTRICTED_AUTH, 0L);
     curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR,
+                     request.URL.rfind("https:", 0) == 0 ? "https" : "http,https");
     const long timeout = static_cast<long>(std::max<std::int64_t>(1, request.timeout.count()));
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, timeout);
     curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, timeout);

@@ -24,7 +24,8 @@ struct KXNetworkRequest {
     std::vector<std::pair<std::string, std::string>> headers;
     std::optional<std::string> body;
     std::chrono::milliseconds timeout{60000};
-    std::size_t maximumBodySize = std::size_t{64} * 1024 * 1024;
+    std::size_t maximumBodySize = std::size_t{16} * 1024 * 1024;
+    bool followsRedirects = true;
     /// PEM file of the only authorities trusted for HTTPS; empty for the system's store.
     std::filesystem::path certificateAuthorityFile;
 };

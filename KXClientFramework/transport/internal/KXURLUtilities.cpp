@@ -40,6 +40,15 @@ bool isLegal(unsigned char c) {
     }
 }
 
+bool isHexDigit(char c) {
+    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f');
+}
+
+// A "%" that begins a percent-escape ("%2F") which the caller made on purpose.
+bool isEscapeAt(std::string_view text, std::size_t i) {
+    return i + 2 < text.size() && isHexDigit(text[i + 1]) && isHexDigit(text[i + 2]);
+}
+
 struct UrlDeleter {
     void operator()(CURLU* handle) const { curl_url_cleanup(handle); }
 };
@@ -55,10 +64,10 @@ std::string escapeIllegalCharacters(std::string_view text) {
     static constexpr char hex[] = "0123456789ABCDEF";
     std::string escaped;
     escaped.reserve(text.size());
-    for (char ch : text) {
-        const auto c = static_cast<unsigned char>(ch);
-        if (isLegal(c)) {
-            escaped.push_back(ch);
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        if (isLegal(c) || (c == '%' && isEscapeAt(text, i))) {
+            escaped.push_back(text[i]);
         } else {
             escaped.push_back('%');
             escaped.push_back(hex[c >> 4]);

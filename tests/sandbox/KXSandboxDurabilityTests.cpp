@@ -1,0 +1,119 @@
+// The sandbox keeps what it answered: across a restart, across kill -9 in the middle of a stream
+// of writes, and with several clients writing at once.
+#include "KXSandboxFixture.h"
+
+#include "KXProcess.h"
+
+#include <atomic>
+#include <set>
+#include <thread>
+
+namespace {
+
+class SandboxDurability : public KXSandboxTest {
+protected:
+    void SetUp() override {
+        startSandbox();
+        ASSERT_FALSE(authenticate().has_value());
+    }
+};
+
+}  // namespace
+
+TEST_F(SandboxDurability, ARestartKeepsGuestsSubscriptionsSessionsAndTokens) {
+    const std::string guest = registerGuest(
+        {{"deliveryProfiles",
+          {{{"address", {{"channel", "SMS"}, {"attributes", {{"mdn", "+15550100"}}}}}}}}});
+    const std::string profile = get("/guests/" + guest).object["deliveryProfiles"][0]["id"];
+    ASSERT_EQ(put("/guests/" + guest + "/profiles/" + profile + "/memberships/events",
+                  {{"externalId", guest}, {"enabled", 1}})
+                  .status,
+              200);
+    const std::string session = post("/sessions", {{"time", "60"}}).newRecordId;
+    const KXJSON before = get("/guests/" + guest).object;
+
+    EXPECT_EQ(sandbox->terminate(), 0) << "SIGTERM stops the service cleanly";
+    sandbox->restart();
+    pointLibraryAtSandbox();
+
+    const KXSandboxAnswer after = get("/guests/" + guest);
+    EXPECT_EQ(after.status, 200) << "the token issued before the restart is still valid";
+    EXPECT_EQ(after.object, before);
+    EXPECT_EQ(post("/sessions/" + session, {{"isClosed", true}}).status, 200);
+    EXPECT_EQ(get("/lists/events").object["channelCounts"]["SMS"], 121);
+}
+
+TEST_F(SandboxDurability, KillNineDuringAStreamOfWritesLosesNoAcknowledgedWrite) {
+    std::vector<std::string> acknowledged;
+    std::atomic<std::size_t> count{0};
+    bool stopped = false;
+    std::function<void()> next = [&] {
+        const std::string id = "w-" + std::to_string(acknowledged.size());
+        KXHTTPSessionManager::sharedManager().POST(
+            KXSessionManager::kxBaseURI() + "/guests", {{"externalId", id}, {"tags", {"stream"}}},
+            [&, id](std::shared_ptr<const KXHTTPResponse>, const KXJSON&) {
+                acknowledged.push_back(id);
+                ++count;
+                next();
+            },
+            [&](std::shared_ptr<const KXHTTPResponse>, const KXError&) { stopped = true; });
+    };
+    std::thread killer([&] {
+        while (count < 40) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        sandbox->kill();
+    });
+    next();
+    ASSERT_TRUE(runUntil([&] { return stopped; }));
+    killer.join();
+    ASSERT_GE(acknowledged.size(), 40u);
+
+    sandbox->restart();
+    pointLibraryAtSandbox();
+    for (const std::string& id : acknowledged) {
+        EXPECT_EQ(get("/guests/" + id).status, 200) << id << " was acknowledged, then lost";
+    }
+}
+
+TEST_F(SandboxDurability, ConcurrentClientsAreServedInParallelAndEveryWriteLands) {
+    constexpr int kClients = 8;
+    constexpr int kEach = 10;
+    const std::string token = bearerToken();
+    std::atomic<int> created{0};
+    std::atomic<int> blocked{0};
+    std::vector<std::thread> clients;
+    for (int c = 0; c < kClients; ++c) {
+        clients.emplace_back([&, c] {
+            httplib::Client client = rawClient();
+            client.set_keep_alive(true);
+            for (int i = 0; i < kEach; ++i) {
+                const std::string id = "c" + std::to_string(c) + "-" + std::to_string(i);
+                const auto answer =
+                    client.Post("/ZandrelService/rest/bu/BU1/guests",
+                                httplib::Headers{{"Authorization", "BEARER " + token}},
+                                KXJSON{{"externalId", id}}.dump(), "application/json");
+                if (answer && answer->status == 201 &&
+                    answer->get_header_value("newRecordId") == id) {
+                    ++created;
+                }
+            }
+            // A slow answer on one connection does not hold the others up.
+            const auto slow = client.Get("/ZandrelService/rest/bu/BU1/lists",
+                                         httplib::Headers{{"Authorization", "BEARER " + token}});
+            if (!slow || slow->status != 200) {
+                ++blocked;
+            }
+        });
+    }
+    for (std::thread& client : clients) {
+        client.join();
+    }
+    EXPECT_EQ(created, kClients * kEach);
+    EXPECT_EQ(blocked, 0);
+    const kxtest::ProcessResult guests =
+        kxtest::runProcess(kxtest::builtProgram("tools/kxsandbox/kxsandbox"),
+                           {"--db", database.string(), "guests", "--tenant", "BU1", "--json"});
+    ASSERT_EQ(guests.exitCode, 0) << guests.err;
+    EXPECT_EQ(KXJSON::parse(guests.out).size(), static_cast<std::size_t>(kClients * kEach));
+}

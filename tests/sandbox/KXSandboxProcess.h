@@ -1,0 +1,50 @@
+#pragma once
+
+// A kxsandbox service running as a child process on a free port, for tests that drive it
+// through the library. Its standard output (the request log) is collected on a thread.
+
+#include <chrono>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <sys/types.h>
+
+class KXSandboxProcess {
+public:
+    /// Starts `kxsandbox --db <database> serve --port 0 <arguments>` and waits until it listens.
+    KXSandboxProcess(std::filesystem::path database, std::vector<std::string> arguments);
+    /// Stops the service with SIGTERM if it still runs.
+    ~KXSandboxProcess();
+    KXSandboxProcess(const KXSandboxProcess&) = delete;
+    KXSandboxProcess& operator=(const KXSandboxProcess&) = delete;
+
+    int port() const { return port_; }
+    /// "http://127.0.0.1:<port>".
+    std::string baseURL() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+    /// Stops with SIGTERM and waits; the exit status (-1 when it did not exit normally).
+    int terminate();
+    /// Kills with SIGKILL at once and waits.
+    void kill();
+    /// Starts again on the same database and arguments (a new port).
+    void restart();
+
+    /// The lines written to standard output so far.
+    std::vector<std::string> lines() const;
+
+private:
+    void start();
+    void wait();
+
+    std::filesystem::path database_;
+    std::vector<std::string> arguments_;
+    pid_t pid_ = -1;
+    int port_ = 0;
+    int output_ = -1;
+    std::thread reader_;
+    mutable std::mutex mutex_;
+    std::vector<std::string> lines_;
+};

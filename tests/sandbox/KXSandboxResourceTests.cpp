@@ -1,0 +1,353 @@
+// Every resource of the sandbox, called through the library's transport against a real
+// kxsandbox process: what each answers, and that writes are visible to the next reads.
+#include "KXSandboxFixture.h"
+
+#include <functional>
+#include <map>
+#include <regex>
+
+namespace {
+
+class SandboxResources : public KXSandboxTest {
+protected:
+    void SetUp() override {
+        startSandbox();
+        ASSERT_FALSE(authenticate().has_value());
+    }
+};
+
+/// "{name}" placeholders replaced by the values captured so far.
+std::string expand(std::string text, const std::map<std::string, std::string>& values) {
+    for (const auto& [name, value] : values) {
+        const std::string placeholder = "{" + name + "}";
+        for (std::size_t at = text.find(placeholder); at != std::string::npos;
+             at = text.find(placeholder)) {
+            text.replace(at, placeholder.size(), value);
+        }
+    }
+    return text;
+}
+
+}  // namespace
+
+TEST_F(SandboxResources, AGuestsLifeThroughEveryResource) {
+    using Check = std::function<void(const KXJSON&)>;
+    struct Step {
+        const char* method;
+        const char* path;
+        KXJSON body;
+        long status;
+        /// Saves "newRecordId" under this name for later paths.
+        const char* capture;
+        Check check;
+    };
+    const std::string token = "a1b2c3";
+    const std::vector<Step> steps = {
+        {"POST",
+         "/guests",
+         {{"externalIdType", "QRID"},
+          {"languagePref", "en"},
+          {"tags", {"vip"}},
+          {"deliveryProfiles",
+           {{{"address",
+              {{"channel", "APNS_PUSH"},
+               {"attributes", {{"applicationToken", token}, {"applicationId", "app-1"}}}}}}}}},
+         201,
+         "guest",
+         [&](const KXJSON& guest) {
+             EXPECT_EQ(guest["externalIdType"], "QRID");
+             ASSERT_EQ(guest["deliveryProfiles"].size(), 1u);
+             EXPECT_EQ(guest["deliveryProfiles"][0]["address"]["attributes"]["applicationToken"],
+                       token);
+         }},
+        {"GET", "/guests/{guest}", nullptr, 200, nullptr,
+         [](const KXJSON& guest) {
+             EXPECT_EQ(guest["languagePref"], "en");
+             EXPECT_EQ(guest["tags"], KXJSON({"vip"}));
+             EXPECT_EQ(guest["deliveryProfiles"][0]["enabled"], true);
+         }},
+        {"POST",
+         "/guests/{guest}",
+         {{"externalId", "{guest}"}, {"languagePref", "de"}, {"buProperties", {{"room", 12}}}},
+         200,
+         nullptr,
+         [](const KXJSON& guest) {
+             EXPECT_EQ(guest["languagePref"], "de");
+             EXPECT_EQ(guest["buProperties"]["room"], 12);
+             EXPECT_EQ(guest["externalIdType"], "QRID") << "save keeps what it was not sent";
+         }},
+        {"POST",
+         "/guests/{guest}/profiles",
+         {{"address",
+           {{"channel", "INBOX"},
+            {"attributes", {{"guestId", "{guest}"}, {"inboxDomainId", kInboxDomain}}}}}},
+         201,
+         "inbox",
+         nullptr},
+        {"POST",
+         "/guests/{guest}/profiles",
+         {{"address", {{"channel", "EMAIL"}, {"attributes", {{"emailAddress", "a@b.example"}}}}}},
+         201,
+         "email",
+         nullptr},
+        {"POST",
+         "/guests/{guest}/profiles",
+         {{"address", {{"channel", "SMS"}, {"attributes", {{"mdn", "+15550100"}}}}}},
+         201,
+         "sms",
+         nullptr},
+        {"POST", "/guests/{guest}/profiles/{email}/disable", nullptr, 200, nullptr,
+         [](const KXJSON& profile) { EXPECT_EQ(profile["enabled"], false); }},
+        {"POST", "/guests/{guest}/profiles/{email}/enable", nullptr, 200, nullptr,
+         [](const KXJSON& profile) { EXPECT_EQ(profile["enabled"], true); }},
+        {"PUT",
+         "/guests/{guest}/profiles/{inbox}/memberships/offers?createList=true",
+         {{"externalId", "{guest}"}, {"enabled", 1}},
+         200,
+         nullptr,
+         [](const KXJSON& profile) {
+             EXPECT_EQ(profile["memberships"][0]["recipientListId"], "offers");
+         }},
+        {"PUT",
+         "/guests/{guest}/profiles/{inbox}/memberships/brand-new?createList=true",
+         {{"externalId", "{guest}"}, {"enabled", 1}},
+         200,
+         nullptr,
+         nullptr},
+        {"GET", "/lists/brand-new", nullptr, 200, nullptr,
+         [](const KXJSON& list) { EXPECT_EQ(list["channelCounts"]["INBOX"], 1); }},
+        {"PUT",
+         "/guests/{guest}/profiles/{inbox}/memberships/nowhere",
+         {{"enabled", 1}},
+         404,
+         nullptr,
+         nullptr},
+        {"DELETE", "/guests/{guest}/profiles/{inbox}/memberships/brand-new", nullptr, 200, nullptr,
+         [](const KXJSON& profile) { EXPECT_EQ(profile["memberships"].size(), 1u); }},
+        {"GET", "/guests/{guest}", nullptr, 200, nullptr,
+         [](const KXJSON& guest) {
+             std::vector<std::string> channels;
+             for (const auto& profile : guest["deliveryProfiles"]) {
+                 channels.push_back(profile["address"]["channel"]);
+             }
+             EXPECT_EQ(channels, (std::vector<std::string>{"APNS_PUSH", "INBOX", "EMAIL", "SMS"}));
+         }},
+        {"GET", "/guests/{guest}/inboxes/inbox-1", nullptr, 200, nullptr,
+         [](const KXJSON& summary) {
+             EXPECT_EQ(summary["totalMessageCount"], 25);
+             EXPECT_EQ(summary["unreadMessageCount"], 25);
+             EXPECT_EQ(summary["deleteByGuestForbidden"], false);
+         }},
+        {"GET", "/guests/{guest}/inboxes/inbox-1/messages?offset=20&limit=10", nullptr, 200,
+         nullptr,
+         [](const KXJSON& page) {
+             EXPECT_EQ(page["records"].size(), 5u);
+             EXPECT_EQ(page["hasMoreRecords"], false);
+         }},
+        {"GET", "/guests/{guest}/inboxes/inbox-1/messages?offset=0&limit=10", nullptr, 200, nullptr,
+         [](const KXJSON& page) {
+             ASSERT_EQ(page["records"].size(), 10u);
+             EXPECT_EQ(page["hasMoreRecords"], true);
+             EXPECT_GT(page["records"][0]["dateReceived"], page["records"][1]["dateReceived"]);
+             EXPECT_EQ(page["records"][0]["flags"]["read"], false);
+         }},
+        {"GET", "/guests/{guest}/inboxes/inbox-1/messages", nullptr, 200, nullptr,
+         [](const KXJSON& all) { EXPECT_EQ(all["records"].size(), 25u); }},
+        {"GET", "/lists?offset=0&limit=4", nullptr, 200, nullptr,
+         [](const KXJSON& page) {
+             EXPECT_EQ(page["records"].size(), 4u);
+             EXPECT_EQ(page["hasMoreRecords"], true);
+         }},
+        {"GET", "/lists?tag=marketing&offset=0&limit=10", nullptr, 200, nullptr,
+         [](const KXJSON& page) {
+             std::vector<std::string> ids;
+             for (const auto& list : page["records"]) {
+                 ids.push_back(list["externalId"]);
+             }
+             EXPECT_EQ(ids, (std::vector<std::string>{"offers", "spa"}));
+         }},
+        {"GET", "/lists/offers", nullptr, 200, nullptr,
+         [](const KXJSON& list) {
+             EXPECT_EQ(list["channelCounts"]["APNS_PUSH"], 1240);
+             EXPECT_EQ(list["channelCounts"]["INBOX"], 1) << "the live subscription counts";
+             EXPECT_EQ(list["tags"], KXJSON({"marketing", "weekly"}));
+         }},
+        {"POST",
+         "/lists/",
+         {{"externalId", "late-checkout"}, {"name", "Late checkout"}, {"tags", {"stay"}}},
+         201,
+         "list",
+         nullptr},
+        {"POST",
+         "/lists/",
+         {{"externalId", "late-checkout"}, {"name", "Again"}},
+         409,
+         nullptr,
+         nullptr},
+        {"GET", "/lists/{list}", nullptr, 200, nullptr,
+         [](const KXJSON& list) { EXPECT_EQ(list["name"], "Late checkout"); }},
+        {"POST",
+         "/sessions",
+         {{"time", "1500000000"},
+          {"guestSession", {{"guestId", "{guest}"}}},
+          {"deviceData", {{"model", "x"}}}},
+         201,
+         "session",
+         nullptr},
+        {"POST",
+         "/sessions/{session}",
+         {{"time", "1500000060"}, {"isClosed", false}},
+         200,
+         nullptr,
+         [](const KXJSON& session) { EXPECT_EQ(session["closed"], false); }},
+        {"POST",
+         "/sessions/{session}",
+         {{"time", "1500000120"}, {"isClosed", true}},
+         200,
+         nullptr,
+         [](const KXJSON& session) { EXPECT_EQ(session["closed"], true); }},
+        {"POST", "/sessions/", {{"isClosed", true}}, 404, nullptr, nullptr},
+        {"DELETE", "/guests/{guest}", nullptr, 200, nullptr, nullptr},
+        {"GET", "/guests/{guest}", nullptr, 404, nullptr, nullptr},
+    };
+    std::map<std::string, std::string> values;
+    const std::map<std::string, Verb> verbs = {{"GET", &KXHTTPSessionManager::GET},
+                                               {"POST", &KXHTTPSessionManager::POST},
+                                               {"PUT", &KXHTTPSessionManager::PUT},
+                                               {"DELETE", &KXHTTPSessionManager::DELETE}};
+    for (const Step& step : steps) {
+        const std::string path = expand(step.path, values);
+        SCOPED_TRACE(std::string(step.method) + " " + path);
+        const KXJSON body =
+            step.body.is_null() ? KXJSON() : KXJSON::parse(expand(step.body.dump(), values));
+        const KXSandboxAnswer answer = call(verbs.at(step.method), path, body);
+        ASSERT_EQ(answer.status, step.status) << answer.object;
+        EXPECT_EQ(answer.succeeded, step.status < 300);
+        if (step.status >= 400) {
+            EXPECT_EQ(answer.object["status"], step.status) << "errors carry a JSON body";
+        }
+        if (step.capture != nullptr) {
+            ASSERT_FALSE(answer.newRecordId.empty());
+            values[step.capture] = answer.newRecordId;
+        }
+        if (step.check) {
+            step.check(answer.object);
+        }
+    }
+}
+
+TEST_F(SandboxResources, MessagesOpenAsDetailsAndTheirFlagsAndDeletionShowInTheSummary) {
+    const std::string guest = registerGuest();
+    const std::string inbox = "/guests/" + guest + "/inboxes/" + kInboxDomain;
+    const KXJSON first = get(inbox + "/messages?offset=0&limit=3").object["records"];
+    ASSERT_EQ(first.size(), 3u);
+    std::map<std::string, std::string> types;
+    for (const auto& header : first) {
+        const KXJSON details = get(inbox + "/messages/" + header["id"].get<std::string>()).object;
+        EXPECT_EQ(details["header"]["id"], header["id"]);
+        EXPECT_FALSE(details["content"].get<std::string>().empty());
+        types[header["contentType"]] = details["content"];
+    }
+    EXPECT_EQ(types.size(), 3u) << "HTML, plain text and a URL";
+    EXPECT_NE(types["text/html"].find("<h1>"), std::string::npos);
+    EXPECT_EQ(types["text/uri-list"].rfind("https://", 0), 0u);
+
+    const std::string message = inbox + "/messages/" + first[0]["id"].get<std::string>();
+    struct Case {
+        const char* action;
+        long status;
+        int unread;
+        int total;
+    };
+    for (const Case& c : std::vector<Case>{{"/read", 200, 24, 25},
+                                           {"/read", 200, 24, 25},
+                                           {"/unread", 200, 25, 25},
+                                           {"/read", 200, 24, 25},
+                                           {"", 200, 24, 24},
+                                           {"/read", 404, 24, 24}}) {
+        SCOPED_TRACE(std::string("action ") + c.action);
+        const KXSandboxAnswer answer = *c.action == '\0' ? del(message) : post(message + c.action);
+        EXPECT_EQ(answer.status, c.status);
+        const KXJSON summary = get(inbox).object;
+        EXPECT_EQ(summary["unreadMessageCount"], c.unread);
+        EXPECT_EQ(summary["totalMessageCount"], c.total);
+    }
+}
+
+TEST_F(SandboxResources, TheNoticesDomainRefusesDeletionByTheGuest) {
+    const std::string guest = registerGuest();
+    const std::string inbox = "/guests/" + guest + "/inboxes/notices";
+    EXPECT_EQ(get(inbox).object["deleteByGuestForbidden"], true);
+    const std::string id = get(inbox + "/messages?offset=0&limit=1").object["records"][0]["id"];
+    const KXSandboxAnswer refused = del(inbox + "/messages/" + id);
+    EXPECT_EQ(refused.status, 403);
+    EXPECT_EQ(refused.error->code, 403);
+    EXPECT_EQ(get(inbox).object["totalMessageCount"], 25);
+    EXPECT_EQ(get("/guests/" + guest + "/inboxes/unknown-domain").status, 404);
+}
+
+TEST_F(SandboxResources, EveryBasePathIsATenantOfItsOwn) {
+    const std::string shared = "same-id";
+    struct Tenant {
+        const char* name;
+        std::function<void()> select;
+    };
+    auto environment = [](std::int64_t number, const char* unit) {
+        return [number, unit] {
+            KXClientFramework::sharedManager().setBusinessUnit(std::string(unit));
+            KXClientFramework::setEnvironment(number);
+        };
+    };
+    // Environment 3 with two business units, and the fixed paths through "inProduction" and the
+    // development environments (every host is the sandbox's).
+    KXServiceEndpoints endpoints = KXClientFramework::serviceEndpoints();
+    endpoints.production = endpoints.development = endpoints.localServer;
+    KXClientFramework::setServiceEndpoints(endpoints);
+    KXHTTPSessionManager::sharedManager().resetBaseURLToEnvironment(3);
+    const std::vector<Tenant> tenants = {
+        {"BU1", environment(3, "BU1")},
+        {"BU2", environment(3, "BU2")},
+        {"staging", environment(4, "BU1")},
+        {"devinteg", environment(5, "BU1")},
+        {"production",
+         [] {
+             KXClientFramework::setEnvironment(0);
+             KXConfig::defaultConfig().setInProduction(true);
+         }},
+    };
+    std::vector<std::string> paths;
+    for (const Tenant& tenant : tenants) {
+        SCOPED_TRACE(tenant.name);
+        tenant.select();
+        paths.push_back(KXSessionManager::kxBaseURI());
+        const KXSandboxAnswer created =
+            post("/guests", {{"externalId", shared}, {"languagePref", tenant.name}});
+        EXPECT_EQ(created.status, 201) << "a new guest in each tenant";
+        EXPECT_EQ(get("/guests/" + shared).object["languagePref"], tenant.name);
+        EXPECT_EQ(get("/lists/offers").status, 200) << "each tenant has its seeded lists";
+    }
+    EXPECT_EQ(paths, (std::vector<std::string>{"/ZandrelService/rest/bu/BU1",
+                                               "/ZandrelService/rest/bu/BU2", "/KXFrontier-stg",
+                                               "/KXFrontier-devinteg", "/KXFrontier"}));
+}
+
+TEST_F(SandboxResources, EveryRequestIsLoggedWithMethodPathStatusAndMilliseconds) {
+    const std::string guest = registerGuest();
+    get("/guests/" + guest + "/inboxes/inbox-1/messages?offset=0&limit=2");
+    get("/guests/nobody");
+    const std::regex line(R"(^(GET|POST|PUT|DELETE) (/\S*) (\d{3}) \d+\.\dms$)");
+    std::vector<std::string> logged;
+    for (const std::string& text : sandbox->lines()) {
+        std::smatch match;
+        if (std::regex_match(text, match, line)) {
+            logged.push_back(match[1].str() + " " + match[2].str() + " " + match[3].str());
+        }
+    }
+    EXPECT_EQ(logged, (std::vector<std::string>{
+                          "POST /token 200",
+                          "POST /ZandrelService/rest/bu/BU1/guests 201",
+                          "GET /ZandrelService/rest/bu/BU1/guests/" + guest +
+                              "/inboxes/inbox-1/messages?offset=0&limit=2 200",
+                          "GET /ZandrelService/rest/bu/BU1/guests/nobody 404",
+                      }));
+}

@@ -1,0 +1,375 @@
+// kxconfig against what can go wrong around it: outputs that are links, pipes or devices,
+// planted temporary files, interrupted runs, inputs it cannot seal unchanged, and settings the
+// library would not read as written.
+#include "KXProcess.h"
+#include "KXSealedFiles.h"
+
+#include <KXClientFramework/KXJSON.h>
+
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <functional>
+#include <set>
+#include <thread>
+
+extern char** environ;
+
+using kxtest::ProcessResult;
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string kKey = "tool-key";
+const KXJSON kGoodSettings = {{"appId", "a1"},
+                              {"stageClientId", "s1"},
+                              {"stageClientSecret", "s2"},
+                              {"inProduction", false},
+                              {"analyticsSessionInterval", 300}};
+
+ProcessResult kxconfig(const std::vector<std::string>& arguments, const std::string& input = "") {
+    return kxtest::runProcess(kxtest::builtProgram("tools/kxconfig/kxconfig"), arguments, input);
+}
+
+std::string readText(const fs::path& path) {
+    const auto bytes = kxtest::readBytes(path);
+    return {bytes.begin(), bytes.end()};
+}
+
+fs::perms permissionsOf(const fs::path& path) {
+    return fs::status(path).permissions() & fs::perms::mask;
+}
+
+std::set<std::string> namesIn(const fs::path& directory) {
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(directory)) {
+        names.insert(entry.path().filename().string());
+    }
+    return names;
+}
+
+constexpr fs::perms kOwnerOnly = fs::perms::owner_read | fs::perms::owner_write;
+
+class KXConfigToolHostileInput : public testing::Test {
+protected:
+    fs::path directory = kxtest::scratchDirectory("kxconfig-hostile");
+    mode_t previousMask = ::umask(022);
+
+    ~KXConfigToolHostileInput() override { ::umask(previousMask); }
+
+    /// Seals `text` (JSON or a property list) to `output`; the tool's result.
+    ProcessResult seal(const std::string& text, const fs::path& output) {
+        const fs::path input = directory / "input";
+        kxtest::writeText(input, text);
+        const ProcessResult result =
+            kxconfig({"seal", "--key", kKey, input.string(), "-o", output.string()});
+        fs::remove(input);
+        return result;
+    }
+};
+
+}  // namespace
+
+TEST_F(KXConfigToolHostileInput, OutputsAreReplacedWholeOrWrittenInPlaceButNeverFollowedBlindly) {
+    struct Case {
+        const char* name;
+        std::function<void(const fs::path& folder)> prepare;
+        std::function<std::vector<std::string>(const fs::path& folder)> arguments;
+        std::function<void(const fs::path& folder, const ProcessResult& result)> verify;
+        std::set<std::string> namesAfter;
+    };
+    const std::string plain = "secret settings\n";
+    const std::vector<Case> cases = {
+        {"a link to a file stays a link and the file keeps its mode",
+         [](const fs::path& folder) {
+             kxtest::writeText(folder / "real.enc", "old");
+             fs::permissions(folder / "real.enc", fs::perms::owner_read | fs::perms::owner_write |
+                                                      fs::perms::group_read);
+             fs::create_symlink("real.enc", folder / "link.enc");
+         },
+         [&](const fs::path& folder) {
+             return std::vector<std::string>{"encrypt",
+                                             "--format",
+                                             "salted",
+                                             "--password",
+                                             "pw",
+                                             "-i",
+                                             (folder / "plain").string(),
+                                             "-o",
+                                             (folder / "link.enc").string()};
+         },
+         [](const fs::path& folder, const ProcessResult&) {
+             EXPECT_TRUE(fs::is_symlink(folder / "link.enc"));
+             EXPECT_EQ(readText(folder / "real.enc").rfind("Salted__", 0), 0u);
+             EXPECT_EQ(permissionsOf(folder / "real.enc"),
+                       fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read);
+         },
+         {"plain", "real.enc", "link.enc"}},
+        {"a planted temporary link is not written through",
+         [](const fs::path& folder) {
+             kxtest::writeText(folder / "victim", "untouched");
+             fs::create_symlink("victim", folder / "out.enc.tmp");
+         },
+         [](const fs::path& folder) {
+             return std::vector<std::string>{"encrypt",
+                                             "--format",
+                                             "salted",
+                                             "--password",
+                                             "pw",
+                                             "-i",
+                                             (folder / "plain").string(),
+                                             "-o",
+                                             (folder / "out.enc").string()};
+         },
+         [](const fs::path& folder, const ProcessResult&) {
+             EXPECT_EQ(readText(folder / "victim"), "untouched");
+             EXPECT_TRUE(fs::is_symlink(folder / "out.enc.tmp"));
+             EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(folder / "out.enc")));
+             EXPECT_EQ(permissionsOf(folder / "out.enc"),
+                       kOwnerOnly | fs::perms::group_read | fs::perms::others_read)
+                 << "a new encrypted file follows the umask";
+         },
+         {"plain", "victim", "out.enc.tmp", "out.enc"}},
+        {"opened data over an owner-only file stays owner-only",
+         [&](const fs::path& folder) {
+             kxtest::writeText(
+                 folder / "sealed",
+                 kxconfig({"encrypt", "--format", "salted", "--password", "pw"}, plain).out);
+             kxtest::writeText(folder / "opened", "old secret");
+             fs::permissions(folder / "opened", kOwnerOnly);
+         },
+         [](const fs::path& folder) {
+             return std::vector<std::string>{"decrypt",
+                                             "--format",
+                                             "salted",
+                                             "--password",
+                                             "pw",
+                                             "-i",
+                                             (folder / "sealed").string(),
+                                             "-o",
+                                             (folder / "opened").string()};
+         },
+         [&](const fs::path& folder, const ProcessResult&) {
+             EXPECT_EQ(readText(folder / "opened"), plain);
+             EXPECT_EQ(permissionsOf(folder / "opened"), kOwnerOnly);
+         },
+         {"plain", "sealed", "opened"}},
+        {"new opened data and a new sealed configuration are owner-only",
+         [&](const fs::path& folder) {
+             kxtest::writeText(
+                 folder / "sealed",
+                 kxconfig({"encrypt", "--format", "salted", "--password", "pw"}, plain).out);
+             kxtest::writeText(folder / "settings.json", kGoodSettings.dump());
+             ASSERT_EQ(kxconfig({"seal", "--key", kKey, (folder / "settings.json").string(), "-o",
+                                 (folder / "KXConfig.enc").string()})
+                           .exitCode,
+                       0);
+         },
+         [](const fs::path& folder) {
+             return std::vector<std::string>{"decrypt",
+                                             "--format",
+                                             "salted",
+                                             "--password",
+                                             "pw",
+                                             "-i",
+                                             (folder / "sealed").string(),
+                                             "-o",
+                                             (folder / "new").string()};
+         },
+         [&](const fs::path& folder, const ProcessResult&) {
+             EXPECT_EQ(permissionsOf(folder / "new"), kOwnerOnly);
+             EXPECT_EQ(permissionsOf(folder / "KXConfig.enc"), kOwnerOnly);
+         },
+         {"plain", "sealed", "settings.json", "KXConfig.enc", "new"}},
+        {"a device is written to, not replaced",
+         [](const fs::path&) {},
+         [](const fs::path& folder) {
+             return std::vector<std::string>{"encrypt",
+                                             "--format",
+                                             "salted",
+                                             "--password",
+                                             "pw",
+                                             "-i",
+                                             (folder / "plain").string(),
+                                             "-o",
+                                             "/dev/null"};
+         },
+         [](const fs::path&, const ProcessResult&) {
+             EXPECT_TRUE(fs::is_character_file("/dev/null"));
+         },
+         {"plain"}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const fs::path folder = directory / std::to_string(&c - cases.data());
+        fs::create_directories(folder);
+        kxtest::writeText(folder / "plain", plain);
+        c.prepare(folder);
+        const ProcessResult result = kxconfig(c.arguments(folder));
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        c.verify(folder, result);
+        EXPECT_EQ(namesIn(folder), c.namesAfter);
+    }
+}
+
+TEST_F(KXConfigToolHostileInput, APipeReceivesTheOutputAndStaysAPipe) {
+    const fs::path pipe = directory / "pipe";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    std::string received;
+    std::thread reader([&] { received = readText(pipe); });
+    const ProcessResult result = kxconfig(
+        {"decrypt", "--format", "salted", "--password", "pw", "-o", pipe.string()},
+        kxconfig({"encrypt", "--format", "salted", "--password", "pw"}, "through a pipe").out);
+    reader.join();
+    EXPECT_EQ(result.exitCode, 0) << result.err;
+    EXPECT_EQ(received, "through a pipe");
+    EXPECT_EQ(fs::status(pipe).type(), fs::file_type::fifo);
+    EXPECT_EQ(namesIn(directory), std::set<std::string>{"pipe"});
+}
+
+TEST_F(KXConfigToolHostileInput, AKilledRunLeavesNoTemporaryFileBehind) {
+    const fs::path input = directory / "large";
+    kxtest::writeText(input, std::string(std::size_t{48} << 20, 'x'));
+    const std::string program = kxtest::builtProgram("tools/kxconfig/kxconfig").string();
+    const std::string output = (directory / "large.enc").string();
+    for (int delay : {20, 50, 80, 120, 160, 220, 300, 400}) {
+        std::vector<std::string> arguments = {program,      "encrypt", "--format", "salted",
+                                              "--password", "pw",      "-i",       input.string(),
+                                              "-o",         output};
+        std::vector<char*> argv;
+        for (std::string& argument : arguments) {
+            argv.push_back(argument.data());
+        }
+        argv.push_back(nullptr);
+        pid_t child = 0;
+        ASSERT_EQ(::posix_spawn(&child, program.c_str(), nullptr, nullptr, argv.data(), environ),
+                  0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+        ::kill(child, SIGKILL);
+        int status = 0;
+        ::waitpid(child, &status, 0);
+        std::set<std::string> names = namesIn(directory);
+        names.erase("large.enc");  // finished before the kill: complete, never torn
+        EXPECT_EQ(names, std::set<std::string>{"large"}) << "killed after " << delay << " ms";
+        if (fs::exists(output)) {
+            EXPECT_EQ(fs::file_size(output) % 16, 0u);
+        }
+    }
+}
+
+TEST_F(KXConfigToolHostileInput, SealRefusesWhatItCannotSealUnchangedAndKeepsTheOldFile) {
+    const fs::path output = directory / "KXConfig.enc";
+    ASSERT_EQ(seal(kGoodSettings.dump(), output).exitCode, 0);
+    const auto good = kxtest::readBytes(output);
+
+    const std::string deep = "{\"appId\":" + std::string(513, '[') + std::string(513, ']') + "}";
+    struct Case {
+        std::string input;
+        std::string reason;
+    };
+    const std::vector<Case> cases = {
+        {deep, "JSON nested deeper than 512 levels"},
+        {R"({"inProduction": false, "appId": "a", "inProduction": true})",
+         "duplicate key \"inProduction\""},
+        {R"({"appId": null})", "cannot be sealed unchanged"},
+        {"{\"appId\": \"a\"} trailing", "neither a property-list dictionary nor a JSON object"},
+    };
+    for (const Case& c : cases) {
+        const ProcessResult result = seal(c.input, output);
+        EXPECT_EQ(result.exitCode, 1) << c.reason;
+        EXPECT_NE(result.err.find(c.reason), std::string::npos) << result.err;
+        EXPECT_EQ(kxtest::readBytes(output), good) << c.reason;
+    }
+
+    // What a property list can hold goes through unchanged, fractions and large integers too.
+    const KXJSON exact = {{"appId", "a"},
+                          {"ratio", 0.1},
+                          {"big", 18446744073709551615ULL},
+                          {"nested", {{"list", {1, -2, "three", true}}}}};
+    ASSERT_EQ(seal(exact.dump(), output).exitCode, 0);
+    const ProcessResult opened = kxconfig({"open", "--key", kKey, output.string()});
+    EXPECT_EQ(KXJSON::parse(opened.out), exact);
+}
+
+TEST_F(KXConfigToolHostileInput, CheckReportsEverySettingTheLibraryWouldNotReadAsWritten) {
+    struct Case {
+        std::string entries;  // XML property-list entries added to good settings
+        std::vector<std::string> problems;
+    };
+    const std::string credentials =
+        "<key>stageClientId</key><string>s1</string>"
+        "<key>stageClientSecret</key><string>s2</string>";
+    const std::vector<Case> cases = {
+        {credentials + "<key>inProduction</key><false/><key>analyticsSessionInterval</key>"
+                       "<integer>300</integer><key>favouriteColour</key><string>blue</string>",
+         {}},
+        {credentials + "<key>inProduction</key><string>NO</string>"
+                       "<key>analyticsEnabled</key><real>2.5</real>"
+                       "<key>autoGuestEnabled</key><date>2024-01-01T00:00:00Z</date>",
+         {"\"inProduction\" should be true or false, not a string (\"NO\"): the library reads "
+          "false",
+          "\"analyticsEnabled\" should be true or false, not a number (2.5): the library reads "
+          "true",
+          "\"autoGuestEnabled\" should be true or false, not a string "
+          "(\"2024-01-01T00:00:00Z\"): the library reads true"}},
+        {credentials + "<key>appId</key><dict><key>a</key><integer>1</integer></dict>"
+                       "<key>inboxDomainId</key><integer>7</integer>",
+         {"\"appId\" should be a string, not a dictionary: the library reads no value",
+          "\"inboxDomainId\" should be a string, not an integer (7): the library reads its "
+          "decimal text"}},
+        {credentials + "<key>analyticsSessionInterval</key><real>1e30</real>",
+         {"\"analyticsSessionInterval\" should be a whole number of seconds, not a number "
+          "(1e+30): the library reads 9223372036854775807"}},
+        {credentials + "<key>analyticsSessionInterval</key><integer>45</integer>",
+         {"\"analyticsSessionInterval\" is below the minimum of 90 seconds: the library uses 90"}},
+        {"<key>stageClientId</key><string>s1</string>",
+         {"\"stageClientSecret\" is missing: the library cannot authenticate in staging"}},
+        {credentials + "<key>inProduction</key><true/><key>prodClientId</key><string>p</string>",
+         {"\"prodClientSecret\" is missing: the library cannot authenticate in production"}},
+    };
+    const fs::path output = directory / "KXConfig.enc";
+    for (const Case& c : cases) {
+        ASSERT_EQ(seal(kxtest::xmlPropertyList(c.entries), output).exitCode, 0) << c.entries;
+        const ProcessResult result = kxconfig({"check", "--key", kKey, output.string()});
+        EXPECT_EQ(result.exitCode, c.problems.empty() ? 0 : 1) << c.entries << result.err;
+        EXPECT_EQ(KXJSON::parse(result.out).size(), 13u) << "the settings are printed anyway";
+        for (const std::string& problem : c.problems) {
+            EXPECT_NE(result.err.find("kxconfig: error: " + problem + "\n"), std::string::npos)
+                << result.err;
+        }
+        EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'),
+                  static_cast<std::ptrdiff_t>(c.problems.size() + (c.problems.empty() ? 1 : 0)))
+            << result.err;
+    }
+}
+
+TEST_F(KXConfigToolHostileInput, FailuresSayWhatIsWrong) {
+    const fs::path output = directory / "KXConfig.enc";
+    ASSERT_EQ(seal(kGoodSettings.dump(), output).exitCode, 0);
+    kxtest::writeText(directory / "empty.enc", "");
+    struct Case {
+        std::vector<std::string> arguments;
+        std::string message;
+    };
+    const std::vector<Case> cases = {
+        {{"open", "--key", "wrong", output.string()}, "wrong key or damaged file"},
+        {{"check", "--key", "wrong", output.string()}, "wrong key or damaged file"},
+        {{"open", "--key", kKey, (directory / "empty.enc").string()}, "empty.enc is empty"},
+        {{"open", "--key", kKey, (directory / "absent.enc").string()}, "No such file or directory"},
+        {{"check", "--key", kKey, (directory / "absent.enc").string()},
+         "No such file or directory"},
+    };
+    for (const Case& c : cases) {
+        const ProcessResult result = kxconfig(c.arguments);
+        EXPECT_EQ(result.exitCode, 1) << c.message;
+        EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
+    }
+}
