@@ -2,7 +2,6 @@
 #include "KXNavigationStack.h"
 #include "KXWebViewController.h"
 
-#if __has_include(<KXClientFramework/KXInbox.h>)
 #include <KXClientFramework/KXInbox.h>
 #include <KXClientFramework/KXInboxMessage.h>
 
@@ -21,6 +20,3 @@ void KXWebViewController::deleteAction() {
                                            },
                                            {});
 }
-#else
-void KXWebViewController::deleteAction() {}
-#endif
