@@ -347,8 +347,7 @@ TEST_F(HTTPSessionManager, TheActivityIndicatorFollowsTheConfigurationAndHidesAf
 }
 
 TEST_F(HTTPSessionManager, RESTLoggingWritesRequestsAndResponses) {
-    auto sink = std::make_shared<KXCapturingSink>();
-    KXLog::setSink(sink);
+    auto sink = KXCapturingSink::install();
     kxLogLevel = 4;
     service.script("GET", "/logged", KXScriptedAnswer::json(200, KXJSON::object()));
 
@@ -361,7 +360,6 @@ TEST_F(HTTPSessionManager, RESTLoggingWritesRequestsAndResponses) {
     EXPECT_TRUE(logged(*sink, "\nRequest URL: " + service.baseURL() + "/logged"));
     EXPECT_TRUE(logged(*sink, "\nRequest Parameters: {\"page\":1}"));
     EXPECT_TRUE(logged(*sink, "\nResponse StatusCode: 200"));
-    KXLog::setSink(nullptr);
 }
 
 // The token gate: what happens when the transport has no valid token.
@@ -403,8 +401,7 @@ TEST_F(TokenGate, AnExpiredTokenIsReplacedBeforeTheRequest) {
 }
 
 TEST_F(TokenGate, ATokenFailureReachesTheCallerWithoutAResponseAndIsLogged) {
-    auto sink = std::make_shared<KXCapturingSink>();
-    KXLog::setSink(sink);
+    auto sink = KXCapturingSink::install();
     service.script("POST", "/token",
                    KXScriptedAnswer::json(401, KXJSON{{"error", "invalid_client"}}));
     service.script("POST", "/token", KXScriptedAnswer::dropped());
@@ -425,7 +422,6 @@ TEST_F(TokenGate, ATokenFailureReachesTheCallerWithoutAResponseAndIsLogged) {
 
     EXPECT_TRUE(service.requestsTo("/inbox").empty()) << "no request goes out without a token";
     EXPECT_FALSE(transport().bearerToken());
-    KXLog::setSink(nullptr);
 }
 
 TEST_F(TokenGate, ATokenAnswerWithoutJSONLeavesTheRequestWaitingForever) {

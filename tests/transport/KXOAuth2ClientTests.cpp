@@ -165,12 +165,10 @@ TEST_F(OAuth2Client, AFailedRenewalLeavesTheTimerSuspended) {
     ASSERT_TRUE(waitFor([&] { return client.countOfMinutes() == 1; }));
 
     service.script("POST", "/token", KXScriptedAnswer::json(503, KXJSON{{"error", "down"}}));
-    auto sink = std::make_shared<KXCapturingSink>();
-    KXLog::setSink(sink);
+    auto sink = KXCapturingSink::install();
     client.setCountOfMinutes(46);
     client.refreshBearerTokenIfNecessary();
     ASSERT_TRUE(waitFor([&] { return logged(*sink, "Failed To Refresh Bearer Token"); }));
-    KXLog::setSink(nullptr);
 
     EXPECT_FALSE(timerRunning());
     EXPECT_EQ(currentToken(), "token-1") << "the old token stays in place";
