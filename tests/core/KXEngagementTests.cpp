@@ -3,6 +3,7 @@
 // registration; eject; the launch and termination handlers; analytics switching.
 #include "KXCapturingSink.h"
 #include "KXLoopbackService.h"
+#include "KXProcess.h"
 #include "KXSealedFiles.h"
 #include "KXTestPlatform.h"
 
@@ -125,21 +126,6 @@ protected:
     std::shared_ptr<AppDelegate> appDelegate;
 };
 
-std::string formValue(const std::string& body, const std::string& key) {
-    const std::string needle = key + "=";
-    std::size_t at = 0;
-    while ((at = body.find(needle, at)) != std::string::npos) {
-        if (at == 0 || body[at - 1] == '&') {
-            const std::size_t end = body.find('&', at);
-            return body.substr(at + needle.size(), end == std::string::npos
-                                                       ? std::string::npos
-                                                       : end - at - needle.size());
-        }
-        at += needle.size();
-    }
-    return "<missing>";
-}
-
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
@@ -169,10 +155,11 @@ TEST_F(KXEngagementTest, EngagingPutsTheDispatcherAroundTheApplicationDelegateAn
     const auto requests = service.requestsTo("/staging/token");
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests[0].method, "POST");
-    EXPECT_EQ(formValue(requests[0].body, "client_id"), "stage-id");
-    EXPECT_EQ(formValue(requests[0].body, "client_secret"), "stage-secret");
-    EXPECT_EQ(formValue(requests[0].body, "grant_type"), "client_credentials");
-    EXPECT_EQ(formValue(requests[0].body, "scope"), "RETURN_ALL_CLIENT_SCOPES");
+    EXPECT_EQ(kxtest::formFields(requests[0].body),
+              (std::map<std::string, std::string>{{"grant_type", "client_credentials"},
+                                                  {"scope", "RETURN_ALL_CLIENT_SCOPES"},
+                                                  {"client_id", "stage-id"},
+                                                  {"client_secret", "stage-secret"}}));
     EXPECT_TRUE(service.requestsTo("/production/token").empty());
     const auto token = KXHTTPSessionManager::sharedManager().bearerToken();
     ASSERT_NE(token, nullptr);
@@ -209,8 +196,8 @@ TEST_F(KXEngagementTest, ProductionConfigurationAuthenticatesWithTheProductionCr
     EXPECT_EQ(manager().clientSecret(), "prod-secret");
     const auto requests = service.requestsTo("/production/token");
     ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(formValue(requests[0].body, "client_id"), "prod-id");
-    EXPECT_EQ(formValue(requests[0].body, "client_secret"), "prod-secret");
+    EXPECT_EQ(kxtest::formFields(requests[0].body).at("client_id"), "prod-id");
+    EXPECT_EQ(kxtest::formFields(requests[0].body).at("client_secret"), "prod-secret");
     EXPECT_TRUE(service.requestsTo("/staging/token").empty());
 }
 
@@ -334,16 +321,12 @@ TEST_P(KXEngagementRegistrationTest, TheSystemVersionChoosesTheRegistration) {
     }
 }
 
+using Version = std::pair<std::optional<std::string>, bool>;  // the version, and newer than 10?
 INSTANTIATE_TEST_SUITE_P(Versions, KXEngagementRegistrationTest,
-                         testing::Values(std::make_pair(std::optional<std::string>("9.3"), false),
-                                         std::make_pair(std::optional<std::string>("9.10.4"),
-                                                        false),
-                                         std::make_pair(std::optional<std::string>("10"), false),
-                                         std::make_pair(std::optional<std::string>("10.0"), true),
-                                         std::make_pair(std::optional<std::string>("10.0.1"), true),
-                                         std::make_pair(std::optional<std::string>("11.2"), true),
-                                         std::make_pair(std::optional<std::string>("12"), true),
-                                         std::make_pair(std::optional<std::string>(), true)));
+                         testing::Values(Version{"9.3", false}, Version{"9.10.4", false},
+                                         Version{"10", false}, Version{"10.0", true},
+                                         Version{"10.0.1", true}, Version{"11.2", true},
+                                         Version{"12", true}, Version{std::nullopt, true}));
 
 TEST_F(KXEngagementTest, AMissingConfigurationShowsTheAlertAndStillRegistersForNotifications) {
     Scenario setup;

@@ -7,9 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <mutex>
-
 using namespace tztest;
 
 namespace {
@@ -43,32 +40,6 @@ Bytes keyContainer(const Bytes& plain) {
 std::optional<Bytes> openWithKeys(std::span<const std::uint8_t> sealed, KXError* error = nullptr) {
     return TZDecryptor::decryptData(sealed, kEncryptionKey, kHMACKey, error);
 }
-
-// Collects a streaming cryptor's output and how it ended.
-struct Collector {
-    std::mutex mutex;
-    std::condition_variable changed;
-    Bytes output;
-    bool finished = false;
-    std::optional<KXError> error;
-
-    TZCryptorHandler handler() {
-        return [this](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
-            std::lock_guard lock(mutex);
-            output.insert(output.end(), data.begin(), data.end());
-            if (cryptor.isFinished()) {
-                finished = true;
-                error = cryptor.error();
-                changed.notify_all();
-            }
-        };
-    }
-
-    bool waitUntilFinished() {
-        std::unique_lock lock(mutex);
-        return changed.wait_for(lock, std::chrono::seconds(60), [this] { return finished; });
-    }
-};
 
 void expectHMACMismatch(const std::optional<Bytes>& opened, const KXError& error,
                         const std::string& context) {

@@ -4,9 +4,14 @@
 // independent implementation, and raw OpenSSL primitives to compute expected values with.
 
 #include <KXClientFramework/KXError.h>
+#include <KXClientFramework/TZCryptor.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <filesystem>
+#include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -45,5 +50,39 @@ Bytes aesCBC(bool encrypt, std::span<const std::uint8_t> key, std::span<const st
 
 /// The error's text, as the user info carries it.
 std::string descriptionOf(const KXError& error);
+
+/// Collects what a streaming cryptor hands to its handler, chunk by chunk, and how it ended.
+struct Collector {
+    std::mutex mutex;
+    std::condition_variable changed;
+    Bytes output;
+    std::vector<Bytes> chunks;
+    int calls = 0;
+    bool finished = false;
+    bool everOffQueue = false;
+    bool calledAfterFinishing = false;
+    std::optional<KXError> error;
+
+    TZCryptorHandler handler() {
+        return [this](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
+            std::lock_guard lock(mutex);
+            ++calls;
+            everOffQueue |= !cryptor.responseQueue().running_in_this_thread();
+            calledAfterFinishing |= finished;
+            output.insert(output.end(), data.begin(), data.end());
+            chunks.emplace_back(data.begin(), data.end());
+            if (cryptor.isFinished()) {
+                finished = true;
+                error = cryptor.error();
+                changed.notify_all();
+            }
+        };
+    }
+
+    bool waitUntilFinished() {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, std::chrono::seconds(60), [this] { return finished; });
+    }
+};
 
 }  // namespace tztest

@@ -86,17 +86,32 @@ TEST(TZ_CCKeyDerivationPBKDF, UnknownPRFWorksOneByteAtATime) {
 
 // MARK: - Password keys
 
-TEST(TZCryptorKeyForPassword, IsPBKDF2AsTheSettingsSay) {
+TEST(TZCryptorKeyForPassword, IsPBKDF2AsTheSettingsSayAndZeroWhenRefused) {
     const auto salt = patternBytes(8, 6);
-    EXPECT_EQ(TZCryptor::keyForPassword("password", salt, kTZCryptorAES256Settings.keySettings),
-              pbkdf2("password", salt, 10000, 32, "SHA1"));
-
-    TZCryptorKeyDerivationSettings settings = kTZCryptorAES256Settings.keySettings;
-    settings.PRF = 3;
-    settings.rounds = 7;
-    settings.keySize = 40;
-    EXPECT_EQ(TZCryptor::keyForPassword("password", salt, settings),
-              pbkdf2("password", salt, 7, 40, "SHA256"));
+    struct Case {
+        const char* name;
+        void (*change)(TZCryptorKeyDerivationSettings&);
+        Bytes salt, expected;
+    };
+    const Case cases[] = {
+        {"defaults", [](auto&) {}, salt, pbkdf2("pw", salt, 10000, 32, "SHA1")},
+        {"SHA256, 7 rounds, 40 bytes",
+         [](auto& s) {
+             s.PRF = 3;
+             s.rounds = 7;
+             s.keySize = 40;
+         },
+         salt, pbkdf2("pw", salt, 7, 40, "SHA256")},
+        {"empty salt", [](auto& s) { s.rounds = 2; }, Bytes{}, pbkdf2("pw", Bytes{}, 2, 32)},
+        {"zero rounds", [](auto& s) { s.rounds = 0; }, salt, Bytes(32, 0)},
+        {"unknown algorithm", [](auto& s) { s.PBKDFAlgorithm = 1; }, salt, Bytes(32, 0)},
+        {"unknown PRF", [](auto& s) { s.PRF = 6; }, salt, Bytes(32, 0)},
+    };
+    for (const Case& c : cases) {
+        TZCryptorKeyDerivationSettings settings = kTZCryptorAES256Settings.keySettings;
+        c.change(settings);
+        EXPECT_EQ(TZCryptor::keyForPassword("pw", c.salt, settings), c.expected) << c.name;
+    }
 }
 
 TEST(TZCryptorKeyForPassword, VersionTwoRuleCutsNonASCIIPasswords) {
@@ -127,23 +142,6 @@ TEST(TZCryptorKeyForPassword, VersionTwoRuleCutsNonASCIIPasswords) {
         EXPECT_EQ(TZCryptor::keyForPassword(c.password, salt, v2), pbkdf2(c.used, salt, 5, 32))
             << c.used;
     }
-}
-
-TEST(TZCryptorKeyForPassword, RefusedParametersLeaveAZeroKey) {
-    const auto salt = patternBytes(8, 8);
-    TZCryptorKeyDerivationSettings settings = kTZCryptorAES256Settings.keySettings;
-    settings.rounds = 0;
-    EXPECT_EQ(TZCryptor::keyForPassword("pw", salt, settings), Bytes(32, 0));
-    settings = kTZCryptorAES256Settings.keySettings;
-    settings.PBKDFAlgorithm = 1;
-    EXPECT_EQ(TZCryptor::keyForPassword("pw", salt, settings), Bytes(32, 0));
-    settings = kTZCryptorAES256Settings.keySettings;
-    settings.PRF = 6;
-    EXPECT_EQ(TZCryptor::keyForPassword("pw", salt, settings), Bytes(32, 0));
-    // Empty salts are fine for the derivation itself.
-    settings = kTZCryptorAES256Settings.keySettings;
-    settings.rounds = 2;
-    EXPECT_EQ(TZCryptor::keyForPassword("pw", Bytes{}, settings), pbkdf2("pw", Bytes{}, 2, 32));
 }
 
 // MARK: - Small helpers

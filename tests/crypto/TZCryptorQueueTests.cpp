@@ -118,14 +118,8 @@ namespace {
 template <typename Make>
 std::optional<Bytes> streamThroughOneReusedBuffer(Make make, std::span<const std::uint8_t> input) {
     const std::size_t pieceSizes[] = {1024 * 1024, 70 * 1024, 5, 300 * 1024, 64 * 1024};
-    std::promise<std::optional<Bytes>> result;
-    Bytes output;
-    auto cryptor = make([&](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
-        output.insert(output.end(), data.begin(), data.end());
-        if (cryptor.isFinished()) {
-            result.set_value(cryptor.error() ? std::nullopt : std::optional<Bytes>(output));
-        }
-    });
+    Collector collector;
+    auto cryptor = make(collector.handler());
     Bytes piece;
     for (std::size_t at = 0, turn = 0; at < input.size(); ++turn) {
         const std::size_t size =
@@ -137,11 +131,10 @@ std::optional<Bytes> streamThroughOneReusedBuffer(Make make, std::span<const std
         at += size;
     }
     cryptor->finish();
-    auto future = result.get_future();
-    if (future.wait_for(std::chrono::seconds(60)) != std::future_status::ready) {
+    if (!collector.waitUntilFinished() || collector.error) {
         return std::nullopt;
     }
-    return future.get();
+    return collector.output;
 }
 
 }  // namespace
@@ -201,19 +194,8 @@ TEST(TZCryptorQueues, CallersMayOverwriteTheirBufferRightAfterAddData) {
 TEST(TZCryptorQueues, AHandlerCanFeedAnotherCryptor) {
     // Encrypt and decrypt as one pipeline: the encryptor's handler feeds the decryptor.
     const auto plain = patternBytes(700 * 1024 + 9, 4);
-    std::promise<Bytes> result;
-    Bytes opened;
-    auto decryptor = TZDecryptor::initWithEncryptionKey(
-        kKey, kHMACKey, [&](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
-            opened.insert(opened.end(), data.begin(), data.end());
-            if (cryptor.isFinished()) {
-                if (cryptor.error()) {
-                    result.set_value({});
-                } else {
-                    result.set_value(opened);
-                }
-            }
-        });
+    Collector opened;
+    auto decryptor = TZDecryptor::initWithEncryptionKey(kKey, kHMACKey, opened.handler());
     auto encryptor = TZEncryptor::initWithSettings(
         kTZCryptorAES256Settings, kKey, kHMACKey,
         [decryptor](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
@@ -227,30 +209,22 @@ TEST(TZCryptorQueues, AHandlerCanFeedAnotherCryptor) {
             std::span(plain).subspan(at, std::min<std::size_t>(100000, plain.size() - at)));
     }
     encryptor->finish();
-    auto future = result.get_future();
-    ASSERT_EQ(future.wait_for(std::chrono::seconds(60)), std::future_status::ready);
-    EXPECT_EQ(future.get(), plain);
+    ASSERT_TRUE(opened.waitUntilFinished());
+    EXPECT_FALSE(opened.error.has_value());
+    EXPECT_EQ(opened.output, plain);
 }
 
 TEST(TZCryptorQueues, WorkGoesOnWithoutTheCallersReference) {
-    std::promise<std::optional<KXError>> ended;
-    std::size_t received = 0;
+    Collector collector;
     {
-        auto encryptor = TZEncryptor::initWithSettings(
-            kTZCryptorAES256Settings, kKey, kHMACKey,
-            [&](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
-                received += data.size();
-                if (cryptor.isFinished()) {
-                    ended.set_value(cryptor.error());
-                }
-            });
+        auto encryptor = TZEncryptor::initWithSettings(kTZCryptorAES256Settings, kKey, kHMACKey,
+                                                       collector.handler());
         encryptor->addData(patternBytes(400000, 5));
         encryptor->finish();
     }
-    auto future = ended.get_future();
-    ASSERT_EQ(future.wait_for(std::chrono::seconds(60)), std::future_status::ready);
-    EXPECT_FALSE(future.get().has_value());
-    EXPECT_EQ(received, 18u + 400000u + 16u - 400000u % 16u + 32u);
+    ASSERT_TRUE(collector.waitUntilFinished());
+    EXPECT_FALSE(collector.error.has_value());
+    EXPECT_EQ(collector.output.size(), 18u + 400000u + 16u - 400000u % 16u + 32u);
 }
 
 TEST(TZCryptorQueues, AThrowingHandlerDoesNotStopTheCryptor) {

@@ -5,18 +5,11 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <mutex>
+#include <functional>
 
 using namespace tztest;
 
 namespace {
-
-TZCryptorSettings settingsWithKeySize(std::uint64_t keySize) {
-    TZCryptorSettings settings = kTZCryptorAES256Settings;
-    settings.keySettings.keySize = keySize;
-    return settings;
-}
 
 // Seals `plain` with the tool's salted AES-256-CBC and MD5 key derivation.
 Bytes sealWithTool(std::span<const std::uint8_t> plain, const std::string& password) {
@@ -36,90 +29,45 @@ Bytes sealWithToolAndSalt(std::span<const std::uint8_t> plain, const std::string
     return concat({bytesOf("Salted__"), salt, result.output});
 }
 
-// Collects what a streaming cryptor hands to its handler.
-struct Collector {
-    std::mutex mutex;
-    std::condition_variable changed;
-    Bytes output;
-    int calls = 0;
-    bool finished = false;
-    bool everOffQueue = false;
-    bool finishedBeforeLastCall = false;
-    std::optional<KXError> error;
-
-    TZCryptorHandler handler() {
-        return [this](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
-            std::lock_guard lock(mutex);
-            ++calls;
-            if (!cryptor.responseQueue().running_in_this_thread()) {
-                everOffQueue = true;
-            }
-            if (finished) {
-                finishedBeforeLastCall = true;  // a call after the last one
-            }
-            output.insert(output.end(), data.begin(), data.end());
-            if (cryptor.isFinished()) {
-                finished = true;
-                error = cryptor.error();
-                changed.notify_all();
-            }
-        };
-    }
-
-    void waitUntilFinished() {
-        std::unique_lock lock(mutex);
-        ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(30), [this] { return finished; }));
-    }
-};
-
 }  // namespace
 
 TEST(TZOpenSSLDecryptor, OpensWhatTheToolSealsWithAPassword) {
-    const std::string password = "application key 1";
-    for (const std::size_t length : {0u, 1u, 15u, 16u, 17u, 1000u, 300u * 1024u + 5u}) {
-        const auto plain = patternBytes(length, static_cast<std::uint32_t>(length));
-        const auto sealed = sealWithTool(plain, password);
-        ASSERT_EQ(std::string(sealed.begin(), sealed.begin() + 8), "Salted__");
-
-        KXError error;
-        const auto opened =
-            TZOpenSSLDecryptor::decryptData(sealed, kTZCryptorAES256Settings, password, &error);
-        ASSERT_TRUE(opened.has_value()) << length << ": " << error.description();
-        EXPECT_EQ(*opened, plain) << length;
+    struct Case {
+        const char* name;
+        std::string cipher, password;
+        std::uint64_t keySize;  // 16 and 24 both take the tool's AES-128 derivation
+        std::vector<std::size_t> lengths;
+    };
+    const std::vector<Case> cases = {
+        {"lengths",
+         "aes-256-cbc",
+         "application key 1",
+         32,
+         {0, 1, 15, 16, 17, 1000, 300 * 1024 + 5}},
+        // Non-ASCII text and characters a shell would interpret reach the derivation unchanged.
+        {"non-ASCII", "aes-256-cbc", "p\xC3\xA4ssw\xC3\xB6rd \xF0\x9F\x94\x91", 32, {28}},
+        {"shell characters", "aes-256-cbc", "$(x) 'quote' \"q\" \\", 32, {28}},
+        {"empty password", "aes-256-cbc", "", 32, {28}},
+        {"AES-128", "aes-128-cbc", "short key", 16, {777}},
+        {"24 bytes asked, AES-128 given", "aes-128-cbc", "short key", 24, {777}},
+    };
+    for (const Case& c : cases) {
+        TZCryptorSettings settings = kTZCryptorAES256Settings;
+        settings.keySettings.keySize = c.keySize;
+        for (const std::size_t length : c.lengths) {
+            const auto plain = patternBytes(length, static_cast<std::uint32_t>(length));
+            const auto sealed = openssl("enc -" + c.cipher + " -md md5 -pass env:KX_TEST_PASSWORD",
+                                        plain, &c.password);
+            ASSERT_EQ(sealed.status, 0) << c.name << ": " << sealed.errors;
+            ASSERT_EQ(std::string(sealed.output.begin(), sealed.output.begin() + 8), "Salted__");
+            KXError error;
+            const auto opened =
+                TZOpenSSLDecryptor::decryptData(sealed.output, settings, c.password, &error);
+            ASSERT_TRUE(opened.has_value())
+                << c.name << " " << length << ": " << error.description();
+            EXPECT_EQ(*opened, plain) << c.name << " " << length;
+        }
     }
-}
-
-TEST(TZOpenSSLDecryptor, PasswordBytesAreTakenAsTheyAre) {
-    // Non-ASCII text and characters a shell would interpret reach the derivation unchanged.
-    for (const std::string password :
-         {"p\xC3\xA4ssw\xC3\xB6rd \xF0\x9F\x94\x91", "$(x) 'quote' \"q\" \\", ""}) {
-        const auto plain = bytesOf("<plist>configuration</plist>");
-        const auto sealed = sealWithTool(plain, password);
-        const auto opened =
-            TZOpenSSLDecryptor::decryptData(sealed, kTZCryptorAES256Settings, password);
-        ASSERT_TRUE(opened.has_value()) << password;
-        EXPECT_EQ(*opened, plain);
-    }
-}
-
-TEST(TZOpenSSLDecryptor, SixteenByteKeysFollowTheSameDerivation) {
-    // With a 16-byte key, key = MD5(D) and IV = MD5(key || D): the tool's AES-128 derivation.
-    const std::string password = "short key";
-    const auto plain = patternBytes(777, 3);
-    const auto sealed =
-        openssl("enc -aes-128-cbc -md md5 -pass env:KX_TEST_PASSWORD", plain, &password);
-    ASSERT_EQ(sealed.status, 0) << sealed.errors;
-
-    const auto opened =
-        TZOpenSSLDecryptor::decryptData(sealed.output, settingsWithKeySize(16), password);
-    ASSERT_TRUE(opened.has_value());
-    EXPECT_EQ(*opened, plain);
-
-    // A 24-byte request still gets the 16-byte key (AES-128).
-    const auto opened24 =
-        TZOpenSSLDecryptor::decryptData(sealed.output, settingsWithKeySize(24), password);
-    ASSERT_TRUE(opened24.has_value());
-    EXPECT_EQ(*opened24, plain);
 }
 
 TEST(TZOpenSSLDecryptor, KeyAndIVDerivationMatchesTheTool) {
@@ -170,72 +118,65 @@ TEST(TZOpenSSLDecryptor, DecryptsRawCiphertextWithKeyAndIV) {
     EXPECT_EQ(*openedLong, plain);
 }
 
-TEST(TZOpenSSLDecryptor, BadKeyOrIVIsReportedNotUsed) {
+TEST(TZOpenSSLDecryptor, FailuresAreReportedWithTheirCode) {
+    const std::string password = "pw";
+    const auto sealed = sealWithToolAndSalt(patternBytes(64, 6), password, patternBytes(8, 77));
+    auto renamed = sealed;  // not starting with "Salted__"
+    renamed[7] = 'X';
+    // Fixed salt and plain text, so the outcome is the same on every run.
+    const auto sealedRight = sealWithToolAndSalt(
+        patternBytes(100, 5), "right", Bytes{0, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77});
     const auto ciphertext = patternBytes(32, 1);
-    KXError error;
-    EXPECT_FALSE(TZOpenSSLDecryptor::decryptData(ciphertext, kTZCryptorAES256Settings,
-                                                 patternBytes(20, 2), patternBytes(16, 3), &error));
-    EXPECT_EQ(error.domain, kTZCryptorErrorDomain);
-    EXPECT_EQ(error.code, TZCryptorStatusKeySizeError);
-    EXPECT_TRUE(error.userInfo.is_null());
-
-    error = {};
-    EXPECT_FALSE(TZOpenSSLDecryptor::decryptData(ciphertext, kTZCryptorAES256Settings,
-                                                 patternBytes(32, 2), patternBytes(8, 3), &error));
-    EXPECT_EQ(error.code, TZCryptorStatusParamError);
+    const auto withPassword = [](const Bytes& data, std::string pw) {
+        return [data, pw](KXError* error) {
+            return TZOpenSSLDecryptor::decryptData(data, kTZCryptorAES256Settings, pw, error);
+        };
+    };
+    const auto withKey = [&](std::size_t keyLength, std::size_t IVLength) {
+        return [&, keyLength, IVLength](KXError* error) {
+            return TZOpenSSLDecryptor::decryptData(ciphertext, kTZCryptorAES256Settings,
+                                                   patternBytes(keyLength, 2),
+                                                   patternBytes(IVLength, 3), error);
+        };
+    };
+    struct Case {
+        const char* name;
+        std::function<std::optional<Bytes>(KXError*)> open;
+        int code;
+        const char* description;  // the error's text, where it has one
+    };
+    const std::vector<Case> cases = {
+        {"bad key", withKey(20, 16), TZCryptorStatusKeySizeError, nullptr},
+        {"bad IV", withKey(32, 8), TZCryptorStatusParamError, nullptr},
+        {"wrong password", withPassword(sealedRight, "wrong"), TZCryptorStatusDecodeError, nullptr},
+        {"unknown header", withPassword(renamed, password), TZCryptorErrorUnknownHeader,
+         "Unknown header"},
+        {"cut inside a block", withPassword(Bytes(sealed.begin(), sealed.end() - 5), password),
+         TZCryptorStatusAlignmentError, nullptr},
+        {"header alone", withPassword(Bytes(sealed.begin(), sealed.begin() + 16), password),
+         TZCryptorStatusAlignmentError, nullptr},
+    };
+    for (const Case& c : cases) {
+        KXError error;
+        EXPECT_FALSE(c.open(&error).has_value()) << c.name;
+        EXPECT_EQ(error.domain, kTZCryptorErrorDomain) << c.name;
+        EXPECT_EQ(error.code, c.code) << c.name;
+        if (c.description) {
+            EXPECT_EQ(descriptionOf(error), c.description) << c.name;
+            EXPECT_EQ(error.localizedDescription(), c.description) << c.name;
+        } else if (c.code != TZCryptorStatusParamError && c.code != TZCryptorStatusAlignmentError) {
+            EXPECT_TRUE(error.userInfo.is_null()) << c.name;
+        }
+    }
 
     // The streaming form returns null and tells its handler.
     Collector collector;
     EXPECT_EQ(TZOpenSSLDecryptor::initWithSettings(kTZCryptorAES256Settings, patternBytes(5, 2),
                                                    patternBytes(16, 3), collector.handler()),
               nullptr);
-    collector.waitUntilFinished();
+    ASSERT_TRUE(collector.waitUntilFinished());
     ASSERT_TRUE(collector.error.has_value());
     EXPECT_EQ(collector.error->code, TZCryptorStatusKeySizeError);
-}
-
-TEST(TZOpenSSLDecryptor, WrongPasswordEndsInAPaddingFailure) {
-    // Fixed salt and plain text, so the outcome is the same on every run.
-    const auto plain = patternBytes(100, 5);
-    const auto sealed =
-        sealWithToolAndSalt(plain, "right", Bytes{0, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77});
-    KXError error;
-    const auto opened =
-        TZOpenSSLDecryptor::decryptData(sealed, kTZCryptorAES256Settings, "wrong", &error);
-    ASSERT_FALSE(opened.has_value());
-    EXPECT_EQ(error.domain, kTZCryptorErrorDomain);
-    EXPECT_EQ(error.code, TZCryptorStatusDecodeError);
-    EXPECT_TRUE(error.userInfo.is_null());
-}
-
-TEST(TZOpenSSLDecryptor, DamagedDataIsReported) {
-    const std::string password = "pw";
-    const auto plain = patternBytes(64, 6);
-    const auto sealed = sealWithToolAndSalt(plain, password, patternBytes(8, 77));
-
-    // Not starting with "Salted__": code 2, "Unknown header".
-    auto renamed = sealed;
-    renamed[7] = 'X';
-    KXError error;
-    EXPECT_FALSE(
-        TZOpenSSLDecryptor::decryptData(renamed, kTZCryptorAES256Settings, password, &error));
-    EXPECT_EQ(error.domain, kTZCryptorErrorDomain);
-    EXPECT_EQ(error.code, TZCryptorErrorUnknownHeader);
-    EXPECT_EQ(descriptionOf(error), "Unknown header");
-    EXPECT_EQ(error.localizedDescription(), "Unknown header");
-
-    // Ciphertext cut off inside a block.
-    const Bytes cut(sealed.begin(), sealed.end() - 5);
-    error = {};
-    EXPECT_FALSE(TZOpenSSLDecryptor::decryptData(cut, kTZCryptorAES256Settings, password, &error));
-    EXPECT_EQ(error.code, TZCryptorStatusAlignmentError);
-
-    // A header and no ciphertext at all.
-    const Bytes headerOnly(sealed.begin(), sealed.begin() + 16);
-    error = {};
-    EXPECT_FALSE(
-        TZOpenSSLDecryptor::decryptData(headerOnly, kTZCryptorAES256Settings, password, &error));
-    EXPECT_EQ(error.code, TZCryptorStatusAlignmentError);
 }
 
 TEST(TZOpenSSLDecryptor, InputShorterThanTheHeaderGivesNothingAndNoError) {
@@ -279,7 +220,7 @@ TEST(TZOpenSSLDecryptor, HeaderArrivingOneByteAtATimeIsParsedOnItsLastByte) {
     EXPECT_TRUE(decryptor->isFinished());
     ASSERT_TRUE(decryptor->error().has_value());
     EXPECT_EQ(decryptor->error()->code, TZCryptorErrorUnknownHeader);
-    collector.waitUntilFinished();
+    ASSERT_TRUE(collector.waitUntilFinished());
     EXPECT_EQ(collector.error->code, TZCryptorErrorUnknownHeader);
 
     // A good header byte by byte, then the ciphertext in uneven pieces, decrypts in order.
@@ -299,10 +240,10 @@ TEST(TZOpenSSLDecryptor, HeaderArrivingOneByteAtATimeIsParsedOnItsLastByte) {
         at += length;
     }
     streaming->finish();
-    streamed.waitUntilFinished();
+    ASSERT_TRUE(streamed.waitUntilFinished());
     EXPECT_FALSE(streamed.error.has_value());
     EXPECT_EQ(streamed.output, plain);
     EXPECT_GT(streamed.calls, 2);
     EXPECT_FALSE(streamed.everOffQueue);
-    EXPECT_FALSE(streamed.finishedBeforeLastCall);
+    EXPECT_FALSE(streamed.calledAfterFinishing);
 }

@@ -6,8 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include <future>
-
 using namespace tztest;
 
 namespace {
@@ -96,16 +94,9 @@ TEST(TZOpenSSLEncryptor, BadKeyIsReported) {
 }
 
 TEST(TZOpenSSLEncryptor, StreamingPutsTheHeaderInFrontOfTheFirstChunk) {
-    std::vector<Bytes> chunks;
-    std::promise<std::optional<KXError>> ended;
-    auto encryptor = TZOpenSSLEncryptor::initWithSettings(
-        kTZCryptorAES256Settings, "streaming",
-        [&](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
-            chunks.emplace_back(data.begin(), data.end());
-            if (cryptor.isFinished()) {
-                ended.set_value(cryptor.error());
-            }
-        });
+    Collector collector;
+    auto encryptor = TZOpenSSLEncryptor::initWithSettings(kTZCryptorAES256Settings, "streaming",
+                                                          collector.handler());
     ASSERT_NE(encryptor, nullptr);
     EXPECT_EQ(encryptor->options() & TZCryptorOptionHasPassword, TZCryptorOptionHasPassword);
     const auto header = encryptor->header();
@@ -118,40 +109,30 @@ TEST(TZOpenSSLEncryptor, StreamingPutsTheHeaderInFrontOfTheFirstChunk) {
     encryptor->addData(std::span(plain).subspan(10, 50000));
     encryptor->addData(Bytes(plain.begin() + 50010, plain.end()));
     encryptor->finish();
-    auto outcome = ended.get_future();
-    ASSERT_EQ(outcome.wait_for(std::chrono::seconds(30)), std::future_status::ready);
-    EXPECT_FALSE(outcome.get().has_value());
+    ASSERT_TRUE(collector.waitUntilFinished());
+    EXPECT_FALSE(collector.error.has_value());
 
-    ASSERT_EQ(chunks.size(), 4u);  // three pieces and the final block
-    EXPECT_EQ(chunks[0], header);  // 10 bytes make no block yet: the header alone
-    Bytes sealed;
-    for (const auto& chunk : chunks) {
-        sealed.insert(sealed.end(), chunk.begin(), chunk.end());
-    }
-    const auto opened = openWithTool(sealed, "streaming");
+    ASSERT_EQ(collector.chunks.size(), 4u);  // three pieces and the final block
+    EXPECT_EQ(collector.chunks[0], header);  // 10 bytes make no block yet: the header alone
+    const auto opened = openWithTool(collector.output, "streaming");
     ASSERT_EQ(opened.status, 0) << opened.errors;
     EXPECT_EQ(opened.output, plain);
 }
 
 TEST(TZOpenSSLEncryptor, DataAfterFinishIsIgnored) {
-    Bytes sealed;
-    std::promise<void> ended;
+    Collector collector;
     const auto key = patternBytes(32, 1);
     const auto IV = patternBytes(16, 2);
-    auto encryptor = TZOpenSSLEncryptor::initWithSettings(
-        kTZCryptorAES256Settings, key, IV,
-        [&](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
-            sealed.insert(sealed.end(), data.begin(), data.end());
-            if (cryptor.isFinished()) {
-                ended.set_value();
-            }
-        });
+    auto encryptor = TZOpenSSLEncryptor::initWithSettings(kTZCryptorAES256Settings, key, IV,
+                                                          collector.handler());
     encryptor->addData(bytesOf("kept"));
     encryptor->finish();
     encryptor->addData(bytesOf("dropped"));
     encryptor->finish();
-    ASSERT_EQ(ended.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
-    const auto opened = TZOpenSSLDecryptor::decryptData(sealed, kTZCryptorAES256Settings, key, IV);
+    ASSERT_TRUE(collector.waitUntilFinished());
+    EXPECT_FALSE(collector.calledAfterFinishing);
+    const auto opened =
+        TZOpenSSLDecryptor::decryptData(collector.output, kTZCryptorAES256Settings, key, IV);
     ASSERT_TRUE(opened.has_value());
     EXPECT_EQ(*opened, bytesOf("kept"));
 }

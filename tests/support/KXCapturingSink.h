@@ -41,6 +41,7 @@ public:
         std::shared_ptr<KXCapturingSink> sink;
         ~Guard() { KXLog::setSink(nullptr); }
         KXCapturingSink* operator->() const { return sink.get(); }
+        KXCapturingSink& operator*() const { return *sink; }
     };
 
     static Guard install() {

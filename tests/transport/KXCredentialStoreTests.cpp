@@ -85,12 +85,10 @@ TEST_F(CredentialStore, TheWrapperKeepsOneValuePerKey) {
 }
 
 TEST_F(CredentialStore, TheWrapperLogsAValueThatDoesNotUnarchive) {
-    auto sink = std::make_shared<KXCapturingSink>();
-    KXLog::setSink(sink);
+    auto sink = KXCapturingSink::install();
     const std::vector<std::uint8_t> junk = {0xde, 0xad, 0xbe, 0xef};
     ASSERT_EQ(keychain().add(KXKeychainWrapper::getKeychainQuery("bad").item, junk),
               KXKeychainStatus::Success);
     EXPECT_TRUE(KXKeychainWrapper::fetchValueForKey("bad").is_null());
     EXPECT_TRUE(logged(*sink, "Unarchive of bad failed: "));
-    KXLog::setSink(nullptr);
 }

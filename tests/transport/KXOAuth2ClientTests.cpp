@@ -1,5 +1,6 @@
 // Client-credential tokens against the loopback token endpoint: the grant, what is stored, the
 // renewal arithmetic and the renewal timer (driven by direct ticks and the test clock).
+#include "KXProcess.h"
 #include "KXTransportFixture.h"
 
 #include <KXClientFramework/KXBackgroundTimer.h>
@@ -11,21 +12,6 @@
 using namespace std::chrono_literals;
 
 namespace {
-
-std::map<std::string, std::string> formFields(const std::string& body) {
-    std::map<std::string, std::string> fields;
-    std::size_t start = 0;
-    while (start <= body.size()) {
-        const std::size_t end = std::min(body.find('&', start), body.size());
-        const std::string piece = body.substr(start, end - start);
-        const std::size_t equals = piece.find('=');
-        if (equals != std::string::npos) {
-            fields[piece.substr(0, equals)] = piece.substr(equals + 1);
-        }
-        start = end + 1;
-    }
-    return fields;
-}
 
 class OAuth2Client : public KXTransportTest {
 protected:
@@ -78,7 +64,7 @@ TEST_F(OAuth2Client, AuthenticationPostsTheGrantAndStoresTokenAndCredential) {
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests[0].method, "POST");
     EXPECT_EQ(requests[0].headers.at("Content-Type"), "application/x-www-form-urlencoded");
-    EXPECT_EQ(formFields(requests[0].body),
+    EXPECT_EQ(kxtest::formFields(requests[0].body),
               (std::map<std::string, std::string>{{"grant_type", "client_credentials"},
                                                   {"scope", "RETURN_ALL_CLIENT_SCOPES"},
                                                   {"client_id", "client-7"},
@@ -179,12 +165,10 @@ TEST_F(OAuth2Client, AFailedRenewalLeavesTheTimerSuspended) {
     ASSERT_TRUE(waitFor([&] { return client.countOfMinutes() == 1; }));
 
     service.script("POST", "/token", KXScriptedAnswer::json(503, KXJSON{{"error", "down"}}));
-    auto sink = std::make_shared<KXCapturingSink>();
-    KXLog::setSink(sink);
+    auto sink = KXCapturingSink::install();
     client.setCountOfMinutes(46);
     client.refreshBearerTokenIfNecessary();
     ASSERT_TRUE(waitFor([&] { return logged(*sink, "Failed To Refresh Bearer Token"); }));
-    KXLog::setSink(nullptr);
 
     EXPECT_FALSE(timerRunning());
     EXPECT_EQ(currentToken(), "token-1") << "the old token stays in place";
@@ -208,7 +192,7 @@ TEST_F(OAuth2Client, RenewalUsesTheCredentialInTheKeychain) {
     ASSERT_TRUE(received);
     EXPECT_EQ(received, transport().bearerToken());
     EXPECT_EQ(received->token(), "renewed");
-    auto fields = formFields(service.requestsTo("/token").back().body);
+    auto fields = kxtest::formFields(service.requestsTo("/token").back().body);
     EXPECT_EQ(fields["client_id"], "kc-id");
     EXPECT_EQ(fields["client_secret"], "kc-secret");
 
@@ -218,7 +202,7 @@ TEST_F(OAuth2Client, RenewalUsesTheCredentialInTheKeychain) {
     client.refreshBearerTokenWithSuccess([&](const std::shared_ptr<KXBearerToken>&) { ++calls; },
                                          [&](const KXError&) { ++calls; });
     ASSERT_TRUE(runUntil([&] { return calls > 0; }));
-    EXPECT_EQ(formFields(service.requestsTo("/token").back().body),
+    EXPECT_EQ(kxtest::formFields(service.requestsTo("/token").back().body),
               (std::map<std::string, std::string>{{"grant_type", "client_credentials"},
                                                   {"scope", "RETURN_ALL_CLIENT_SCOPES"}}));
 }
