@@ -1,5 +1,7 @@
 #include "guest/internal/KXGuestInbox.h"
 
+#include <KXClientFramework/KXInboxManager.h>
+#include <KXClientFramework/KXInboxSummary.h>
 #include <KXClientFramework/KXLog.h>
 
 #include <mutex>
@@ -40,5 +42,13 @@ void kxStartInboxSummaryFetch() {
     }
     if (fetcher) {
         fetcher(&logSummary, &logSummaryError);
+        return;
     }
+    // The inbox's own summary fetch of the configured domain; nobody waits for it.
+    KXInboxManager::fetchInboxSummaryWithId(
+        std::nullopt,
+        [](std::shared_ptr<KXInboxSummary> summary) {
+            logSummary(summary ? summary->description() : std::string("(null)"));
+        },
+        &logSummaryError);
 }

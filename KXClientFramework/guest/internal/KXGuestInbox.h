@@ -13,8 +13,8 @@
 /// at DEBUG level when it succeeds and "Error: <error>" at ERROR level when it fails.
 void kxStartInboxSummaryFetch();
 
-/// What kxStartInboxSummaryFetch() runs: a fetch that reports the summary's description or an
-/// error. Nothing is fetched while none is installed.
+/// What kxStartInboxSummaryFetch() runs instead of the inbox's summary fetch (tests install
+/// one): a fetch that reports the summary's description or an error.
 using KXInboxSummaryFetcher =
     std::function<void(std::function<void(const std::string& summaryDescription)> success,
                        std::function<void(const KXError&)> failure)>;
