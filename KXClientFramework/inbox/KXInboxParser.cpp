@@ -35,8 +35,10 @@ void KXInboxParser::parseMessage(const KXJSON& header, KXInboxMessage& message) 
 
 void KXInboxParser::parseMessage(KXInboxMessage& message, const KXJSON& reply,
                                  const std::optional<std::string>& messageId) {
+    // Copied first: the caller may pass the message's own id, which the header overwrites.
+    const std::optional<std::string> id = messageId;
     parseMessage(received::member(reply, "header"), message);
-    message.setMessageId(messageId);
+    message.setMessageId(id);
     message.setContent(received::string(received::member(reply, "content")));
 }
 

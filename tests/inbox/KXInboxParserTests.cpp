@@ -171,6 +171,12 @@ TEST(KXInboxParser, DetailsTakeTheGivenIdTheHeaderAndTheContent) {
         KXInboxParser::parseMessage(message, c.reply, c.givenId);
         EXPECT_EQ(fieldsOf(message), c.expected) << c.name;
         EXPECT_EQ(message.content(), c.content) << c.name;
+
+        // A details fetch passes the message's own id, which the header overwrites first.
+        KXInboxMessage own;
+        own.setMessageId(c.givenId);
+        KXInboxParser::parseMessage(own, c.reply, own.messageId());
+        EXPECT_EQ(own.messageId(), c.givenId) << c.name << ", own id";
     }
 }
 

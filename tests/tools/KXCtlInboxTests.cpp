@@ -65,7 +65,7 @@ protected:
         kxtest::sealCredentialConfiguration(configFile, kKey,
                                             "<key>inboxDomainId</key><string>d1</string>");
         std::vector<std::string> all = {"--config", configFile.string(), "--key", kKey};
-        for (const char* name : {"staging", "staging-token"}) {
+        for (const char* name : {"development", "staging-token"}) {
             all.insert(all.end(), {"--endpoint", std::string(name) + "=" + service.baseURL()});
         }
         all.insert(all.end(), arguments.begin(), arguments.end());
