@@ -115,8 +115,48 @@ std::string KXOAuth2Client::tokenURL() {
 
 void KXOAuth2Client::authenticateWithSuccess(SuccessBlock success, FailureBlock failure) {
     KX_LOG_DEBUG("Fetching and Storing Bearer Token");
-    fetchAndStoreBearerTokenWithParameters(grantParameters(clientId(), secret()),
-                                           std::move(success), std::move(failure));
+    {
+        std::lock_guard lock(mutex_);
+        authenticating_ = true;
+    }
+    // A request that reaches the token gate meanwhile waits for this token instead of renewing
+    // with a credential the keychain does not hold yet.
+    fetchToken(
+        grantParameters(clientId(), secret()),
+        [this, success = std::move(success)] {
+            if (success) {
+                success();
+            }
+            answerWaitersOfAuthentication(nullptr);
+        },
+        [this, failure = std::move(failure)](const KXError& error) {
+            if (failure) {
+                failure(error);
+            }
+            answerWaitersOfAuthentication(&error);
+        },
+        [this] {
+            std::lock_guard lock(mutex_);
+            authenticating_ = false;
+        });
+}
+
+void KXOAuth2Client::answerWaitersOfAuthentication(const KXError* error) {
+    std::vector<Waiter> waiters;
+    {
+        std::lock_guard lock(mutex_);
+        authenticating_ = false;
+        waiters = std::exchange(waiting_, {});
+    }
+    const std::shared_ptr<KXBearerToken> token =
+        KXHTTPSessionManager::sharedManager().bearerToken();
+    for (Waiter& waiter : waiters) {
+        if (error == nullptr && waiter.success) {
+            waiter.success(token);
+        } else if (error != nullptr && waiter.failure) {
+            waiter.failure(*error);
+        }
+    }
 }
 
 void KXOAuth2Client::fetchAndStoreBearerTokenWithParameters(const KXJSON& parameters,
@@ -258,8 +298,8 @@ void KXOAuth2Client::refreshBearerTokenWithSuccess(TokenBlock success, FailureBl
     {
         std::lock_guard lock(mutex_);
         waiting_.push_back({std::move(success), std::move(failure)});
-        if (waiting_.size() > 1) {
-            return;  // the renewal under way answers this caller too
+        if (authenticating_ || waiting_.size() > 1) {
+            return;  // the authentication or renewal under way answers this caller too
         }
     }
     const std::shared_ptr<KXOAuthCredential> credential =

@@ -121,10 +121,14 @@ private:
     void fetchToken(const KXJSON& parameters, SuccessBlock success, FailureBlock failure,
                     std::function<void()> dropped);
     std::vector<Waiter> takeWaiters();
+    /// Ends the authentication under way and answers the requests that waited for it.
+    void answerWaitersOfAuthentication(const KXError* error);
 
     mutable std::mutex mutex_;
     /// The callers of the renewal under way; empty when none is.
     std::vector<Waiter> waiting_;
+    /// An authentication is under way: renewals asked for meanwhile wait for its token.
+    bool authenticating_ = false;
     std::string keychainId_;
     std::optional<std::string> clientId_;
     std::optional<std::string> secret_;

@@ -252,3 +252,22 @@ TEST_F(OAuth2Client, TheTokenHostFollowsInProduction) {
     EXPECT_EQ(production.requestsTo("/token").size(), 1u);
     KXConfig::defaultConfig().setInProduction(false);
 }
+
+TEST_F(OAuth2Client, ARequestInTheGateDuringTheFirstAuthenticationWaitsForItsToken) {
+    // Nothing is in the keychain yet, as on a device's first start: a renewal of its own would
+    // go out without credentials.
+    service.scriptToken("first", 3600);
+    service.script("GET", "/inbox", KXScriptedAnswer::json(200, KXJSON{{"messages", 0}}));
+    int authenticated = 0;
+    client.authenticateWithSuccess([&] { ++authenticated; }, {});
+    KXCallOutcome outcome;
+    start(&KXHTTPSessionManager::GET, "/inbox", nullptr, outcome);
+    ASSERT_TRUE(runUntil([&] { return outcome.callbacks() > 0; }));
+    drain();
+    EXPECT_EQ(authenticated, 1);
+    EXPECT_EQ(outcome.successes, 1);
+    const auto tokenRequests = service.requestsTo("/token");
+    ASSERT_EQ(tokenRequests.size(), 1u) << "the request waited for the authentication's token";
+    EXPECT_EQ(kxtest::formFields(tokenRequests[0].body)["client_id"], "client-7");
+    EXPECT_EQ(service.requestsTo("/inbox").at(0).headers.at("Authorization"), "BEARER first");
+}
