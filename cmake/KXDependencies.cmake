@@ -10,7 +10,11 @@ pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
 find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)
 add_library(kx_asio INTERFACE)
 target_include_directories(kx_asio SYSTEM INTERFACE ${ASIO_INCLUDE_DIR})
-target_compile_definitions(kx_asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED)
+# asio picks aligned_alloc or operator new for its recycled handler memory depending on whether a
+# standard header came before its own in the translation unit; one choice for every unit keeps
+# memory allocated in one (say a test) and freed in another (the library) matched.
+target_compile_definitions(kx_asio INTERFACE ASIO_STANDALONE ASIO_NO_DEPRECATED
+    ASIO_DISABLE_STD_ALIGNED_ALLOC)
 target_link_libraries(kx_asio INTERFACE Threads::Threads)
 
 if(KX_BUILD_TOOLS)
