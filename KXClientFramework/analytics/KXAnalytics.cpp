@@ -2,9 +2,11 @@
 #include <KXClientFramework/KXAnalyticsManager.h>
 #include <KXClientFramework/KXBackgroundTimer.h>
 #include <KXClientFramework/KXConfig.h>
+#include <KXClientFramework/KXGuarded.h>
 #include <KXClientFramework/KXLocationService.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXPlatform.h>
+#include <KXClientFramework/KXProcessWide.h>
 #include <KXClientFramework/KXSession.h>
 
 #include "guest/internal/KXGuestAnalytics.h"
@@ -15,16 +17,8 @@
 namespace {
 
 // The engaged engine. Never destroyed, so that no engine is torn down at exit after the
-// platform it uses.
-struct EngagedEngine {
-    std::mutex mutex;
-    std::shared_ptr<KXAnalytics> engine;
-};
-
-EngagedEngine& engagedEngine() {
-    static auto* holder = new EngagedEngine();
-    return *holder;
-}
+// platform it uses. A type of its own, so that it is nobody else's process-wide object.
+struct EngagedEngine : KXGuarded<std::shared_ptr<KXAnalytics>> {};
 
 std::string dumpPayload(const KXJSON& payload) {
     return payload.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
@@ -45,18 +39,11 @@ std::string bundleVersion() {
 }  // namespace
 
 std::shared_ptr<KXAnalytics> KXAnalytics::engaged() {
-    EngagedEngine& holder = engagedEngine();
-    std::lock_guard lock(holder.mutex);
-    return holder.engine;
+    return kxProcessWide<EngagedEngine>().get();
 }
 
 void KXAnalytics::setEngaged(std::shared_ptr<KXAnalytics> analytics) {
-    EngagedEngine& holder = engagedEngine();
-    std::shared_ptr<KXAnalytics> previous;
-    {
-        std::lock_guard lock(holder.mutex);
-        previous = std::exchange(holder.engine, std::move(analytics));
-    }
+    kxProcessWide<EngagedEngine>().set(std::move(analytics));
     // The guest operations post the session through this hook while an engine is engaged.
     if (engaged()) {
         kxSetAnalyticsSessionPoster(

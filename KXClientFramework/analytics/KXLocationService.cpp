@@ -2,6 +2,7 @@
 #include <KXClientFramework/KXLocationService.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXPlatform.h>
+#include <KXClientFramework/KXProcessWide.h>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -30,8 +31,7 @@ bool hasText(const KXJSON& value) {
 }  // namespace
 
 KXLocationService& KXLocationService::sharedManager() {
-    static KXLocationService* const service = new KXLocationService();
-    return *service;
+    return kxProcessWide<KXLocationService>();
 }
 
 KXLocationService::KXLocationService() = default;

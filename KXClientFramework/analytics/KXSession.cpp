@@ -2,6 +2,7 @@
 #include <KXClientFramework/KXDevice.h>
 #include <KXClientFramework/KXLocationService.h>
 #include <KXClientFramework/KXSession.h>
+#include <KXClientFramework/KXProcessWide.h>
 
 #include <fmt/format.h>
 
@@ -17,8 +18,7 @@ double secondsSince1970(std::chrono::system_clock::time_point date) {
 }  // namespace
 
 KXSession& KXSession::currentSession() {
-    static KXSession* const session = new KXSession();
-    return *session;
+    return kxProcessWide<KXSession>();
 }
 
 std::string KXSession::stringUTCIntervalFromDate(Clock::time_point date) {

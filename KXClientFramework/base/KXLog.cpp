@@ -91,9 +91,13 @@ std::string KXLog::functionName(std::string_view signature) {
 }
 
 void KXLog::write(KXLogLevel level, const KXSourceLocation& where, std::string_view message) {
+    writeAs(level, functionName(where.function_name()), where.line(), message);
+}
+
+void KXLog::writeAs(KXLogLevel level, std::string_view function, std::uint_least32_t lineNumber,
+                    std::string_view message) {
     const std::string line =
-        fmt::format("[{}] {} [Line {}] {}", levelWord(level), functionName(where.function_name()),
-                    where.line(), message);
+        fmt::format("[{}] {} [Line {}] {}", levelWord(level), function, lineNumber, message);
     systemLog(line);
     if (kxLoggingToDiskEnabled.load(std::memory_order_relaxed)) {
         if (const auto disk = diskSink()) {

@@ -52,6 +52,11 @@ public:
 
     /// Builds the prefixed line and writes it; callers use the KX_LOG_* macros instead.
     static void write(KXLogLevel level, const KXSourceLocation& where, std::string_view message);
+    /// Like write(), but naming `function` ("Class::method") in the line instead of the
+    /// caller's own function: for code that carries out another class's operation and logs
+    /// under that operation's name. Callers use KX_LOG_AS.
+    static void writeAs(KXLogLevel level, std::string_view function, std::uint_least32_t line,
+                        std::string_view message);
 
     /// Writes a line to the sink unconditionally, without prefix or level test.
     static void systemLog(std::string_view line);
@@ -75,6 +80,13 @@ public:
         if (KXLog::isEnabled(level)) {                                                  \
             KXLog::write(level, KXSourceLocation::current(), fmt::format(__VA_ARGS__)); \
         }                                                                               \
+    } while (false)
+
+#define KX_LOG_AS(level, function, ...)                                          \
+    do {                                                                         \
+        if (KXLog::isEnabled(level)) {                                           \
+            KXLog::writeAs(level, function, __LINE__, fmt::format(__VA_ARGS__)); \
+        }                                                                        \
     } while (false)
 
 #define KX_LOG_ERROR(...) KX_LOG(KXLogLevel::Error, __VA_ARGS__)

@@ -1,6 +1,7 @@
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXPlatform.h>
+#include <KXClientFramework/KXProcessWide.h>
 #include <KXClientFramework/KXPropertyList.h>
 #include <KXClientFramework/TZOpenSSLDecryptor.h>
 
@@ -67,8 +68,7 @@ std::size_t skipBlanksAndSign(const std::string& text, bool& negative) {
 }  // namespace
 
 KXConfig& KXConfig::defaultConfig() {
-    static KXConfig config;
-    return config;
+    return kxProcessWide<KXConfig>();
 }
 
 const std::array<const char*, 13>& KXConfig::propertyListKeys() {
@@ -196,6 +196,11 @@ void KXConfig::applyConfiguration(const KXJSON& configuration) {
 
 bool KXConfig::configWithContentsOfFile(const std::optional<std::filesystem::path>& path,
                                         const std::string& key) {
+    return defaultConfig().loadContentsOfFile(path, key);
+}
+
+bool KXConfig::loadContentsOfFile(const std::optional<std::filesystem::path>& path,
+                                  const std::string& key) {
     std::error_code ignored;
     if (!path || !std::filesystem::exists(*path, ignored)) {
         showMissingConfigFileAlertView();
@@ -212,7 +217,7 @@ bool KXConfig::configWithContentsOfFile(const std::optional<std::filesystem::pat
         // broken file; carrying on would talk to the service with no identity at all.
         failConfigurationAssertion();
     }
-    defaultConfig().applyConfiguration(*configuration);
+    applyConfiguration(*configuration);
     return true;
 }
 

@@ -27,6 +27,10 @@ public:
     /// process: a misconfigured application fails fast.
     bool configWithContentsOfFile(const std::optional<std::filesystem::path>& path,
                                   const std::string& key);
+    /// configWithContentsOfFile() into this object instead of defaultConfig(): for an
+    /// engagement that works with a configuration of its own.
+    bool loadContentsOfFile(const std::optional<std::filesystem::path>& path,
+                            const std::string& key);
 
     /// Opens sealed configuration bytes with `key`: the property list as JSON, or absent when
     /// the key is wrong or the data is damaged or not a property list. Never stops the process,

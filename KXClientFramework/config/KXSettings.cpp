@@ -1,4 +1,5 @@
 #include <KXClientFramework/KXGuarded.h>
+#include <KXClientFramework/KXProcessWide.h>
 #include <KXClientFramework/KXSettings.h>
 
 #include <utility>
@@ -18,9 +19,7 @@ struct KXSettings::State {
 };
 
 KXSettings& KXSettings::shared() {
-    // Never destroyed: components may read settings from any thread until the process ends.
-    static KXSettings* const settings = new KXSettings();
-    return *settings;
+    return kxProcessWide<KXSettings>();
 }
 
 KXSettings::KXSettings() : state_(std::make_unique<State>()) {}

@@ -1,12 +1,17 @@
+// The façade: the shared manager's settings, the engaged object's parts, the user-defaults
+// entries, and the engagement operations, which the process's engagement carries out.
+#include <KXClientFramework/KXEngagement.h>
+
+#include <KXClientFramework/KXAnalytics.h>
 #include <KXClientFramework/KXClientFrameworkFacade.h>
 #include <KXClientFramework/KXGlobals.h>
+#include <KXClientFramework/KXPlatform.h>
+#include <KXClientFramework/KXProcessWide.h>
 
 #include <utility>
 
 KXClientFramework& KXClientFramework::sharedManager() {
-    // Never destroyed: components may read settings from any thread until the process ends.
-    static KXClientFramework* const manager = new KXClientFramework(KXSettings::shared());
-    return *manager;
+    return kxProcessWide<KXClientFramework>(KXSettings::shared());
 }
 
 KXClientFramework::KXClientFramework()
@@ -97,3 +102,124 @@ void KXClientFramework::setServiceEndpoints(KXServiceEndpoints endpoints) {
 KXServiceEndpoints KXClientFramework::serviceEndpoints() {
     return KXSettings::shared().serviceEndpoints();
 }
+
+// ---------------------------------------------------------------------------------------------
+// Engagement
+
+void KXClientFramework::engageUsingKey(const std::string& key) {
+    KXEngagement::shared().engage(*this, key);
+}
+
+void KXClientFramework::engageWithAutoGuestUsingKey(
+    const std::string& key, std::function<void(const std::shared_ptr<KXGuest>&)> success,
+    std::function<void(const KXError&)> failure) {
+    KXEngagement::shared().engageWithAutoGuest(*this, key, std::move(success), std::move(failure));
+}
+
+std::string KXClientFramework::autoGuestStorageKey() {
+    return KXEngagement::shared().autoGuestStorageKey();
+}
+
+void KXClientFramework::authZconfig() {
+    KXEngagement::shared().chooseCredentials(*this);
+}
+
+void KXClientFramework::authenticateWithClientId(const std::optional<std::string>& clientId,
+                                                 const std::optional<std::string>& secret,
+                                                 std::function<void()> success,
+                                                 std::function<void(const KXError&)> failureBlock) {
+    KXEngagement::shared().authenticate(clientId, secret, std::move(success),
+                                        std::move(failureBlock));
+}
+
+std::shared_ptr<KXClientFramework> KXClientFramework::sharedZandrel() const {
+    return KXEngagement::shared().engaged();
+}
+
+void KXClientFramework::load() {
+    KXEngagement::shared().observeLaunchAndTermination();
+}
+
+void KXClientFramework::handleAppDidFinishLaunchingNotification(
+    const KXNotification& notification) {
+    KXEngagement::shared().handleLaunch(notification);
+}
+
+void KXClientFramework::handleAppTerminationNotification(const KXNotification& notification) {
+    KXEngagement::shared().handleTermination(notification);
+}
+
+void KXClientFramework::eject() {
+    KXEngagement::shared().eject();
+}
+
+void KXClientFramework::enableAnalytics(bool enabled) {
+    KXEngagement::shared().enableAnalytics(enabled);
+}
+
+// ---------------------------------------------------------------------------------------------
+// The engaged object's parts
+
+std::shared_ptr<KXClientFrameworkAppDelegateProxy> KXClientFramework::appDelegate() const {
+    return appDelegate_.get();
+}
+
+void KXClientFramework::setAppDelegate(std::shared_ptr<KXClientFrameworkAppDelegateProxy> proxy) {
+    appDelegate_.set(std::move(proxy));
+}
+
+bool KXClientFramework::analyticsEnabled() const {
+    return analyticsEnabled_.get();
+}
+
+void KXClientFramework::setAnalyticsEnabled(bool enabled) {
+    analyticsEnabled_.set(enabled);
+}
+
+std::shared_ptr<KXAnalytics> KXClientFramework::analytics() const {
+    return analytics_.get();
+}
+
+void KXClientFramework::setAnalytics(std::shared_ptr<KXAnalytics> analytics) {
+    // A replaced engine that was the last reference is released outside the lock.
+    analytics_.set(std::move(analytics));
+}
+
+void KXClientFramework::handleNotificationForAnalytics(const KXJSON& userInfo,
+                                                       KXApplicationState state) const {
+    if (const auto engine = analytics()) {
+        engine->handleNotification(userInfo, state);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// User defaults
+
+void KXClientFramework::saveUserDefaultsExternalId(const std::optional<std::string>& externalId,
+                                                   const std::string& key) {
+    KXUserDefaults& defaults = KXPlatform::current().userDefaults();
+    defaults.setObject(key, externalId ? KXJSON(*externalId) : KXJSON());
+    defaults.synchronize();
+}
+
+std::optional<std::string> KXClientFramework::retrieveUserDefaultsExternalIdForKey(
+    const std::string& key) const {
+    return KXPlatform::current().userDefaults().stringForKey(key);
+}
+
+void KXClientFramework::deleteUserDefaultsExternalIdForKey(const std::string& key) {
+    KXUserDefaults& defaults = KXPlatform::current().userDefaults();
+    defaults.setObject(key, nullptr);
+    defaults.synchronize();
+}
+
+namespace {
+
+// Observes launch and termination as soon as the library is loaded, before the application
+// runs.
+[[maybe_unused]] const bool kObserversRegistered = [] {
+    KXClientFramework::load();
+    return true;
+}();
+
+}  // namespace

@@ -3,6 +3,7 @@
 #include <KXClientFramework/KXApplicationTypes.h>
 #include <KXClientFramework/KXError.h>
 #include <KXClientFramework/KXExport.h>
+#include <KXClientFramework/KXGuarded.h>
 #include <KXClientFramework/KXJSON.h>
 #include <KXClientFramework/KXServiceEndpoints.h>
 #include <KXClientFramework/KXSettings.h>
@@ -10,7 +11,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
@@ -180,12 +180,13 @@ public:
     static KXServiceEndpoints serviceEndpoints();
 
 private:
+    template <typename T, typename... Args>
+    friend T& kxProcessWide(Args&&... args);
     explicit KXClientFramework(KXSettings& settings);
 
     std::unique_ptr<KXSettings> ownSettings_;
     KXSettings& settings_;
-    mutable std::mutex mutex_;
-    bool analyticsEnabled_ = false;
-    std::shared_ptr<KXClientFrameworkAppDelegateProxy> appDelegate_;
-    std::shared_ptr<KXAnalytics> analytics_;
+    KXGuarded<bool> analyticsEnabled_{false};
+    KXGuarded<std::shared_ptr<KXClientFrameworkAppDelegateProxy>> appDelegate_;
+    KXGuarded<std::shared_ptr<KXAnalytics>> analytics_;
 };

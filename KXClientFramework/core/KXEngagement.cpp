@@ -1,6 +1,8 @@
 // Engagement: taking over the application delegate, loading the configuration, switching
-// location, authenticating and registering for notifications; the launch and termination
-// handlers; analytics switching.
+// location, authenticating and registering for notifications; the automatic guest; the launch
+// and termination handlers; eject and the analytics switch.
+#include <KXClientFramework/KXEngagement.h>
+
 #include <KXClientFramework/KXAnalytics.h>
 #include <KXClientFramework/KXApplication.h>
 #include <KXClientFramework/KXClientFrameworkAppDelegate.h>
@@ -9,15 +11,16 @@
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXException.h>
 #include <KXClientFramework/KXGlobals.h>
+#include <KXClientFramework/KXGuest.h>
+#include <KXClientFramework/KXGuestManager.h>
 #include <KXClientFramework/KXLocationService.h>
 #include <KXClientFramework/KXLog.h>
-#include <KXClientFramework/KXNotificationCenter.h>
 #include <KXClientFramework/KXNotificationHelper.h>
 #include <KXClientFramework/KXOAuth2Client.h>
 #include <KXClientFramework/KXPlatform.h>
+#include <KXClientFramework/KXProcessWide.h>
 
 #include <cctype>
-#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -27,25 +30,15 @@ namespace {
 // 7.0).
 constexpr double kBackgroundFetchCoreFoundationVersion = 847.2;
 
-// Process-wide engagement state. Never destroyed: the termination handler may run while the
-// process ends.
-struct Engagement {
-    std::mutex mutex;
-    std::shared_ptr<KXClientFramework> sharedZandrel;
-    bool loaded = false;
-    std::optional<KXNotificationCenter::Token> launchObserver;
-    std::optional<KXNotificationCenter::Token> terminationObserver;
-};
-
-Engagement& engagement() {
-    static Engagement* const state = new Engagement();
-    return *state;
-}
-
-std::shared_ptr<KXClientFramework> currentSharedZandrel() {
-    std::lock_guard lock(engagement().mutex);
-    return engagement().sharedZandrel;
-}
+// Engagement logs under the names of the façade operations the application calls.
+constexpr std::string_view kEngageUsingKey = "KXClientFramework::engageUsingKey";
+constexpr std::string_view kAuthZconfig = "KXClientFramework::authZconfig";
+constexpr std::string_view kEngageWithAutoGuest = "KXClientFramework::engageWithAutoGuestUsingKey";
+constexpr std::string_view kLaunchHandler =
+    "KXClientFramework::handleAppDidFinishLaunchingNotification";
+constexpr std::string_view kTerminationHandler =
+    "KXClientFramework::handleAppTerminationNotification";
+constexpr std::string_view kEnableAnalytics = "KXClientFramework::enableAnalytics";
 
 std::string describe(const std::optional<std::string>& value) {
     return value ? *value : "(null)";
@@ -101,18 +94,6 @@ int compareNumerically(std::string_view a, std::string_view b) {
     return 0;
 }
 
-// Switches the location service by the configuration; true when it was switched on.
-bool switchLocationService() {
-    KXLocationService& location = KXLocationService::sharedManager();
-    if (KXConfig::defaultConfig().locationServicesEnabled()) {
-        location.initializeLocationManager();
-        location.enableStandardLocationService();
-        return true;
-    }
-    location.disableStandardLocationService();
-    return false;
-}
-
 bool declaresBackgroundRemoteNotifications(KXPlatform& platform) {
     const KXJSON modes = platform.mainBundle().objectForInfoDictionaryKey("UIBackgroundModes");
     bool declared = false;
@@ -128,14 +109,66 @@ bool declaresBackgroundRemoteNotifications(KXPlatform& platform) {
                            kBackgroundFetchCoreFoundationVersion;
 }
 
+// The engagement the façade forwards to. A type of its own, so that it is nobody else's
+// process-wide object.
+struct SharedEngagement : KXEngagement {
+    SharedEngagement()
+        : KXEngagement({
+              .platform = []() -> KXPlatform& { return KXPlatform::current(); },
+              .configuration = KXConfig::defaultConfig(),
+              .tokenClient = KXOAuth2Client::client(),
+              .location = KXLocationService::sharedManager(),
+              .notificationCenter = KXNotificationCenter::defaultCenter(),
+              .makeDispatcher =
+                  [] { return std::make_shared<KXClientFrameworkAppDelegateProxy>(); },
+              .makeAnalytics = [] { return KXAnalytics::create(); },
+          }) {}
+};
+
 }  // namespace
+
+KXEngagement::KXEngagement(Collaborators collaborators)
+    : collaborators_(std::move(collaborators)) {}
+
+KXEngagement::~KXEngagement() {
+    eject();
+    for (const auto observer : {launchObserver_, terminationObserver_}) {
+        if (observer) {
+            collaborators_.notificationCenter.removeObserver(*observer);
+        }
+    }
+}
+
+KXEngagement& KXEngagement::shared() {
+    return kxProcessWide<SharedEngagement>();
+}
+
+KXPlatform& KXEngagement::platform() const {
+    return collaborators_.platform();
+}
+
+std::shared_ptr<KXClientFramework> KXEngagement::engaged() const {
+    std::lock_guard lock(mutex_);
+    return engaged_;
+}
+
+bool KXEngagement::switchLocationService() {
+    KXLocationService& location = collaborators_.location;
+    if (collaborators_.configuration.locationServicesEnabled()) {
+        location.initializeLocationManager();
+        location.enableStandardLocationService();
+        return true;
+    }
+    location.disableStandardLocationService();
+    return false;
+}
 
 // ---------------------------------------------------------------------------------------------
 // Engaging
 
-void KXClientFramework::engageUsingKey(const std::string& key) {
-    KXPlatform& platform = KXPlatform::current();
-    setBackgroundNotificationEnabled(declaresBackgroundRemoteNotifications(platform));
+void KXEngagement::engage(KXClientFramework& caller, const std::string& key) {
+    KXPlatform& platform = this->platform();
+    caller.setBackgroundNotificationEnabled(declaresBackgroundRemoteNotifications(platform));
 
     if (!platform.mainQueue().isMainThread()) {
         throw KXException("KXClientFrameworkEngageBackgroundThreadException",
@@ -144,25 +177,25 @@ void KXClientFramework::engageUsingKey(const std::string& key) {
 
     std::shared_ptr<KXClientFramework> engaged;
     {
-        std::lock_guard lock(engagement().mutex);
-        if (engagement().sharedZandrel) {
+        std::lock_guard lock(mutex_);
+        if (engaged_) {
             return;
         }
         engaged = std::make_shared<KXClientFramework>();
-        engagement().sharedZandrel = engaged;
+        engaged_ = engaged;
     }
-    auto proxy = std::make_shared<KXClientFrameworkAppDelegateProxy>();
+    auto proxy = collaborators_.makeDispatcher();
     engaged->setAppDelegate(proxy);
 
     KXApplication& application = platform.application();
     application.withLock([&] {
         proxy->setOriginalAppDelegate(application.delegate());
         auto delegate = std::make_shared<KXClientFrameworkAppDelegate>();
-        // Remote notifications go to the analytics handler of whichever object is engaged when
+        // Remote notifications go to the analytics engine of whichever object is engaged when
         // they arrive.
         delegate->setRemoteNotificationHandler(
-            [](const KXJSON& userInfo, KXApplicationState state) {
-                if (auto current = currentSharedZandrel()) {
+            [this](const KXJSON& userInfo, KXApplicationState state) {
+                if (auto current = this->engaged()) {
                     current->handleNotificationForAnalytics(userInfo, state);
                 }
             });
@@ -170,22 +203,24 @@ void KXClientFramework::engageUsingKey(const std::string& key) {
         application.setDelegate(proxy);
     });
 
-    KX_LOG_DEBUG("Configuring KX iOS SDK");
+    KX_LOG_AS(KXLogLevel::Debug, kEngageUsingKey, "Configuring KX iOS SDK");
     const auto path = platform.mainBundle().pathForResource("KXConfig", "enc");
-    if (KXConfig::defaultConfig().configWithContentsOfFile(path, key)) {
+    if (collaborators_.configuration.loadContentsOfFile(path, key)) {
         if (switchLocationService()) {
-            KX_LOG_DEBUG("KXLocationService enabled");
+            KX_LOG_AS(KXLogLevel::Debug, kEngageUsingKey, "KXLocationService enabled");
         }
-        KX_LOG_DEBUG("Authenticating KX iOS SDK");
-        authZconfig();
-        authenticateWithClientId(
-            clientId(), clientSecret(), [] { KX_LOG_DEBUG("\n\nKX iOS SDK Ready!\n\n"); },
+        KX_LOG_AS(KXLogLevel::Debug, kEngageUsingKey, "Authenticating KX iOS SDK");
+        chooseCredentials(caller);
+        authenticate(
+            caller.clientId(), caller.clientSecret(),
+            [] { KX_LOG_AS(KXLogLevel::Debug, kEngageUsingKey, "\n\nKX iOS SDK Ready!\n\n"); },
             [](const KXError& error) {
-                KX_LOG_ERROR("Error Zandrel had trouble starting.\n{}", error.description());
+                KX_LOG_AS(KXLogLevel::Error, kEngageUsingKey,
+                          "Error Zandrel had trouble starting.\n{}", error.description());
             });
     }
 
-    KX_LOG_DEBUG("Register for Pushing KX iOS SDK");
+    KX_LOG_AS(KXLogLevel::Debug, kEngageUsingKey, "Register for Pushing KX iOS SDK");
     const auto systemVersion = platform.deviceFacts().systemVersion;
     // An unknown version compares as equal, so it takes the newer registration.
     if (systemVersion && compareNumerically(*systemVersion, "10.0") < 0) {
@@ -195,148 +230,136 @@ void KXClientFramework::engageUsingKey(const std::string& key) {
     }
 }
 
-void KXClientFramework::authZconfig() {
-    const KXConfig& config = KXConfig::defaultConfig();
+void KXEngagement::chooseCredentials(KXClientFramework& caller) const {
+    const KXConfig& config = collaborators_.configuration;
     if (config.inProduction()) {
-        setClientId(config.prodClientId());
-        setClientSecret(config.prodClientSecret());
+        caller.setClientId(config.prodClientId());
+        caller.setClientSecret(config.prodClientSecret());
     } else {
-        setClientId(config.stageClientId());
-        setClientSecret(config.stageClientSecret());
+        caller.setClientId(config.stageClientId());
+        caller.setClientSecret(config.stageClientSecret());
     }
-    setApplicationId(config.appId());
-    KX_LOG_DEBUG(
+    caller.setApplicationId(config.appId());
+    KX_LOG_AS(
+        KXLogLevel::Debug, kAuthZconfig,
         "Initializing KX iOS SDK with\n\tbusinessUnit: {},\n\tclientId: {},\n\tapplicationId: "
         "{}\n",
-        describe(businessUnit()), describe(clientId()), describe(applicationId()));
+        describe(caller.businessUnit()), describe(caller.clientId()),
+        describe(caller.applicationId()));
 }
 
-void KXClientFramework::authenticateWithClientId(const std::optional<std::string>& clientId,
-                                                 const std::optional<std::string>& secret,
-                                                 std::function<void()> success,
-                                                 std::function<void(const KXError&)> failureBlock) {
-    KXOAuth2Client& client = KXOAuth2Client::client().initWithClientId(clientId, secret);
-    client.authenticateWithSuccess(
-        [success = std::move(success)] {
+void KXEngagement::authenticate(const std::optional<std::string>& clientId,
+                                const std::optional<std::string>& secret,
+                                std::function<void()> success,
+                                std::function<void(const KXError&)> failure) {
+    collaborators_.tokenClient.initWithClientId(clientId, secret)
+        .authenticateWithSuccess(
+            [success = std::move(success)] {
+                if (success) {
+                    success();
+                }
+            },
+            [failure = std::move(failure)](const KXError& error) {
+                if (failure) {
+                    failure(error);
+                }
+            });
+}
+
+// ---------------------------------------------------------------------------------------------
+// The automatic guest: the guest of this installation is fetched again by the id stored in the
+// user defaults, or registered and its id stored.
+
+std::string KXEngagement::autoGuestStorageKey() const {
+    const KXConfig& config = collaborators_.configuration;
+    const auto& clientId = config.inProduction() ? config.prodClientId() : config.stageClientId();
+    return (clientId ? *clientId : std::string("(null)")) + "-GUEST-ID";
+}
+
+void KXEngagement::engageWithAutoGuest(KXClientFramework& caller, const std::string& key,
+                                       std::function<void(const std::shared_ptr<KXGuest>&)> success,
+                                       std::function<void(const KXError&)> failure) {
+    engage(caller, key);
+    const std::string storageKey = autoGuestStorageKey();
+
+    if (!collaborators_.configuration.autoGuestEnabled()) {
+        KX_LOG_AS(KXLogLevel::Debug, kEngageWithAutoGuest,
+                  "Delete KXGuest externalId in UserDefaults");
+        caller.deleteUserDefaultsExternalIdForKey(storageKey);
+        KXGuest::currentGuest()->logout();
+        if (success) {
+            success(nullptr);
+        }
+        return;
+    }
+
+    // The entry lives in the user defaults, whatever the line says.
+    KX_LOG_AS(KXLogLevel::Debug, kEngageWithAutoGuest,
+              "Get stored KXGuest external with keychain key: {}", storageKey);
+    auto failed = [failure = std::move(failure)](const KXError& error) {
+        KX_LOG_AS(KXLogLevel::Error, kEngageWithAutoGuest, "ERROR: {}", error.description());
+        if (failure) {
+            failure(error);
+        }
+    };
+    // The id is stored back through the façade object that asked, after the answer arrives.
+    auto stored = [&caller, storageKey, success](const char* line) {
+        return [&caller, storageKey, success, line](const std::shared_ptr<KXGuest>& guest) {
+            KX_LOG_AS(KXLogLevel::Debug, kEngageWithAutoGuest, "{}", line);
+            caller.saveUserDefaultsExternalId(guest->externalId(), storageKey);
             if (success) {
-                success();
+                success(guest);
             }
-        },
-        [failure = std::move(failureBlock)](const KXError& error) {
-            if (failure) {
-                failure(error);
-            }
-        });
-}
-
-std::shared_ptr<KXClientFramework> KXClientFramework::sharedZandrel() const {
-    return currentSharedZandrel();
-}
-
-// ---------------------------------------------------------------------------------------------
-// The engaged object's parts
-
-std::shared_ptr<KXClientFrameworkAppDelegateProxy> KXClientFramework::appDelegate() const {
-    std::lock_guard lock(mutex_);
-    return appDelegate_;
-}
-
-void KXClientFramework::setAppDelegate(std::shared_ptr<KXClientFrameworkAppDelegateProxy> proxy) {
-    std::lock_guard lock(mutex_);
-    appDelegate_ = std::move(proxy);
-}
-
-bool KXClientFramework::analyticsEnabled() const {
-    std::lock_guard lock(mutex_);
-    return analyticsEnabled_;
-}
-
-void KXClientFramework::setAnalyticsEnabled(bool enabled) {
-    std::lock_guard lock(mutex_);
-    analyticsEnabled_ = enabled;
-}
-
-std::shared_ptr<KXAnalytics> KXClientFramework::analytics() const {
-    std::lock_guard lock(mutex_);
-    return analytics_;
-}
-
-void KXClientFramework::setAnalytics(std::shared_ptr<KXAnalytics> analytics) {
-    std::shared_ptr<KXAnalytics> previous;
-    {
-        std::lock_guard lock(mutex_);
-        previous = std::exchange(analytics_, std::move(analytics));
+        };
+    };
+    if (const auto storedId = caller.retrieveUserDefaultsExternalIdForKey(storageKey)) {
+        KXGuestManager::fetchGuestWithId(
+            storedId, stored("Reset KXGuest externalId in UserDefaults"), std::move(failed));
+        return;
     }
-    // `previous` may be the last reference; it is released outside the lock.
-}
-
-void KXClientFramework::handleNotificationForAnalytics(const KXJSON& userInfo,
-                                                       KXApplicationState state) const {
-    if (const auto engine = analytics()) {
-        engine->handleNotification(userInfo, state);
-    }
-}
-
-// ---------------------------------------------------------------------------------------------
-// User defaults
-
-void KXClientFramework::saveUserDefaultsExternalId(const std::optional<std::string>& externalId,
-                                                   const std::string& key) {
-    KXUserDefaults& defaults = KXPlatform::current().userDefaults();
-    defaults.setObject(key, externalId ? KXJSON(*externalId) : KXJSON());
-    defaults.synchronize();
-}
-
-std::optional<std::string> KXClientFramework::retrieveUserDefaultsExternalIdForKey(
-    const std::string& key) const {
-    return KXPlatform::current().userDefaults().stringForKey(key);
-}
-
-void KXClientFramework::deleteUserDefaultsExternalIdForKey(const std::string& key) {
-    KXUserDefaults& defaults = KXPlatform::current().userDefaults();
-    defaults.setObject(key, nullptr);
-    defaults.synchronize();
+    KXGuestManager::registerGuestWithSuccess(stored("Set KXGuest externalId in UserDefaults"),
+                                             std::move(failed));
 }
 
 // ---------------------------------------------------------------------------------------------
 // Life cycle
 
-void KXClientFramework::load() {
-    std::lock_guard lock(engagement().mutex);
-    if (std::exchange(engagement().loaded, true)) {
+void KXEngagement::observeLaunchAndTermination() {
+    std::lock_guard lock(mutex_);
+    if (std::exchange(observing_, true)) {
         return;
     }
-    KXNotificationCenter& center = KXNotificationCenter::defaultCenter();
-    engagement().launchObserver = center.addObserver(
+    KXNotificationCenter& center = collaborators_.notificationCenter;
+    launchObserver_ = center.addObserver(
         KXApplicationEvent::DidFinishLaunching,
-        [](const KXNotification& n) { handleAppDidFinishLaunchingNotification(n); });
-    engagement().terminationObserver =
-        center.addObserver(KXApplicationEvent::WillTerminate,
-                           [](const KXNotification& n) { handleAppTerminationNotification(n); });
+        [this](const KXNotification& notification) { handleLaunch(notification); });
+    terminationObserver_ = center.addObserver(
+        KXApplicationEvent::WillTerminate,
+        [this](const KXNotification& notification) { handleTermination(notification); });
 }
 
-void KXClientFramework::handleAppDidFinishLaunchingNotification(
-    const KXNotification& notification) {
-    std::optional<KXNotificationCenter::Token> observer;
-    {
-        std::lock_guard lock(engagement().mutex);
-        observer = std::exchange(engagement().launchObserver, std::nullopt);
-    }
-    if (observer) {
-        KXNotificationCenter::defaultCenter().removeObserver(*observer);
+std::optional<KXNotificationCenter::Token> KXEngagement::takeObserver(
+    std::optional<KXNotificationCenter::Token> KXEngagement::*observer) {
+    std::lock_guard lock(mutex_);
+    return std::exchange(this->*observer, std::nullopt);
+}
+
+void KXEngagement::handleLaunch(const KXNotification& notification) {
+    if (const auto observer = takeObserver(&KXEngagement::launchObserver_)) {
+        collaborators_.notificationCenter.removeObserver(*observer);
     }
 
-    if (!currentSharedZandrel()) {
-        KX_LOG_ERROR(
-            "[KXClientFramework engage] was not called in "
-            "application:didFinishLaunchingWithOptions:");
-        KX_LOG_ERROR(
-            "Please ensure that [KXClientFramework engage] is called synchronously before "
-            "application:didFinishLaunchingWithOptions: returns");
+    if (!engaged()) {
+        KX_LOG_AS(KXLogLevel::Error, kLaunchHandler,
+                  "[KXClientFramework engage] was not called in "
+                  "application:didFinishLaunchingWithOptions:");
+        KX_LOG_AS(KXLogLevel::Error, kLaunchHandler,
+                  "Please ensure that [KXClientFramework engage] is called synchronously before "
+                  "application:didFinishLaunchingWithOptions: returns");
         return;
     }
 
-    if (KXConfig::defaultConfig().analyticsEnabled()) {
+    if (collaborators_.configuration.analyticsEnabled()) {
         enableAnalytics(true);
         // The remote notification that launched the application, if any, is kept by the engine;
         // its broadcast identifier goes to the next broadcast the engine makes.
@@ -345,8 +368,8 @@ void KXClientFramework::handleAppDidFinishLaunchingNotification(
             launchingNotification = notification.userInfo.value(
                 UIApplicationLaunchOptionsRemoteNotificationKey, KXJSON());
         }
-        if (const auto engaged = currentSharedZandrel()) {
-            if (const auto engine = engaged->analytics()) {
+        if (const auto current = engaged()) {
+            if (const auto engine = current->analytics()) {
                 engine->setNotificationUserInfo(std::move(launchingNotification));
             }
         }
@@ -354,68 +377,53 @@ void KXClientFramework::handleAppDidFinishLaunchingNotification(
     switchLocationService();
 }
 
-void KXClientFramework::handleAppTerminationNotification(const KXNotification& /*notification*/) {
-    std::optional<KXNotificationCenter::Token> observer;
-    {
-        std::lock_guard lock(engagement().mutex);
-        observer = std::exchange(engagement().terminationObserver, std::nullopt);
+void KXEngagement::handleTermination(const KXNotification& /*notification*/) {
+    if (const auto observer = takeObserver(&KXEngagement::terminationObserver_)) {
+        collaborators_.notificationCenter.removeObserver(*observer);
     }
-    if (observer) {
-        KXNotificationCenter::defaultCenter().removeObserver(*observer);
-    }
-    KX_LOG_DEBUG("Handle AppTerminationNotification");
+    KX_LOG_AS(KXLogLevel::Debug, kTerminationHandler, "Handle AppTerminationNotification");
     eject();
 }
 
-void KXClientFramework::eject() {
-    std::shared_ptr<KXClientFramework> engaged = currentSharedZandrel();
-    if (!engaged) {
+void KXEngagement::eject() {
+    const std::shared_ptr<KXClientFramework> current = engaged();
+    if (!current) {
         return;
     }
-    KXApplication& application = KXPlatform::current().application();
-    const auto proxy = engaged->appDelegate();
+    KXApplication& application = platform().application();
+    const auto proxy = current->appDelegate();
     application.withLock(
         [&] { application.setDelegate(proxy ? proxy->originalAppDelegate() : nullptr); });
     // The engine goes with the engaged object that ran it.
-    if (const auto engine = engaged->analytics(); engine && engine == KXAnalytics::engaged()) {
+    if (const auto engine = current->analytics(); engine && engine == KXAnalytics::engaged()) {
         KXAnalytics::setEngaged(nullptr);
     }
-    std::lock_guard lock(engagement().mutex);
-    engagement().sharedZandrel.reset();
+    std::lock_guard lock(mutex_);
+    engaged_.reset();
 }
 
-void KXClientFramework::enableAnalytics(bool enabled) {
-    const std::shared_ptr<KXClientFramework> engaged = currentSharedZandrel();
-    if (!engaged) {
-        KX_LOG_DEBUG("_sharingZandrel is nil. Unable to start analytics.");
+void KXEngagement::enableAnalytics(bool enabled) {
+    const std::shared_ptr<KXClientFramework> current = engaged();
+    if (!current) {
+        KX_LOG_AS(KXLogLevel::Debug, kEnableAnalytics,
+                  "_sharingZandrel is nil. Unable to start analytics.");
         return;
     }
     ::analyticsEnabled.store(enabled);
     if (!enabled) {
-        if (const auto engine = engaged->analytics()) {
+        if (const auto engine = current->analytics()) {
             engine->end();
             if (engine == KXAnalytics::engaged()) {
                 KXAnalytics::setEngaged(nullptr);
             }
         }
-        engaged->setAnalytics(nullptr);
+        current->setAnalytics(nullptr);
         return;
     }
-    if (!engaged->analytics()) {
-        auto engine = KXAnalytics::create();
+    if (!current->analytics()) {
+        auto engine = collaborators_.makeAnalytics();
         KXAnalytics::setEngaged(engine);
-        engaged->setAnalytics(std::move(engine));
+        current->setAnalytics(std::move(engine));
     }
-    KX_LOG_DEBUG("Analytics started!");
+    KX_LOG_AS(KXLogLevel::Debug, kEnableAnalytics, "Analytics started!");
 }
-
-namespace {
-
-// Observes launch and termination as soon as the library is loaded, before the application
-// runs.
-[[maybe_unused]] const bool kObserversRegistered = [] {
-    KXClientFramework::load();
-    return true;
-}();
-
-}  // namespace

@@ -3,6 +3,7 @@
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXPlatform.h>
 #include <KXClientFramework/KXSettings.h>
+#include <KXClientFramework/KXProcessWide.h>
 
 #include <algorithm>
 #include <cstring>
@@ -30,9 +31,7 @@ std::string describe(const std::optional<std::string>& value) {
 }  // namespace
 
 KXDevice& KXDevice::currentDevice() {
-    // Never destroyed: any thread may still ask for the token while the process ends.
-    static KXDevice* const device = new KXDevice();
-    return *device;
+    return kxProcessWide<KXDevice>();
 }
 
 KXDevice::KXDevice() = default;

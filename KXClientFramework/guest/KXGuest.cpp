@@ -5,6 +5,7 @@
 #include <KXClientFramework/KXGuestManager.h>
 #include <KXClientFramework/KXGuestParser.h>
 #include <KXClientFramework/KXLog.h>
+#include <KXClientFramework/KXProcessWide.h>
 
 #include "guest/internal/KXGuestAnalytics.h"
 
@@ -23,12 +24,15 @@ bool isPresent(const std::optional<std::string>& text) {
     return text && !text->empty();
 }
 
+// The one guest of the process; the record itself is replaced in place, never the pointer.
+struct CurrentGuest {
+    const std::shared_ptr<KXGuest> guest = std::make_shared<KXGuest>();
+};
+
 }  // namespace
 
 std::shared_ptr<KXGuest> KXGuest::currentGuest() {
-    // Never destroyed: callbacks may still reach the guest while the process ends.
-    static const auto* const guest = new std::shared_ptr<KXGuest>(std::make_shared<KXGuest>());
-    return *guest;
+    return kxProcessWide<CurrentGuest>().guest;
 }
 
 void KXGuest::guestWithDictionary(const KXJSON& dictionary) {

@@ -1,14 +1,13 @@
 #include <KXClientFramework/KXInbox.h>
 #include <KXClientFramework/KXLog.h>
+#include <KXClientFramework/KXProcessWide.h>
 
 #include "inbox/internal/KXPaging.h"
 
 #include <algorithm>
 
 KXInbox& KXInbox::shared() {
-    // Never destroyed: callbacks still queued at exit may reach it.
-    static auto* const inbox = new KXInbox();
-    return *inbox;
+    return kxProcessWide<KXInbox>();
 }
 
 KXInbox::KXInbox() : summary_(std::make_shared<KXInboxSummary>()) {}

@@ -103,6 +103,8 @@ public:
     std::size_t unreadCount() const;
 
 private:
+    template <typename T, typename... Args>
+    friend T& kxProcessWide(Args&&... args);
     KXInbox();
 
     KXInboxMessages messages_;

@@ -1,12 +1,11 @@
 #include <KXClientFramework/KXNotificationCenter.h>
+#include <KXClientFramework/KXProcessWide.h>
 
 #include <utility>
 #include <vector>
 
 KXNotificationCenter& KXNotificationCenter::defaultCenter() {
-    // Never destroyed: observers may still be removed by other static objects at exit.
-    static auto* center = new KXNotificationCenter();
-    return *center;
+    return kxProcessWide<KXNotificationCenter>();
 }
 
 KXNotificationCenter::Token KXNotificationCenter::addObserver(KXApplicationEvent name,

@@ -1,5 +1,6 @@
 #include <KXClientFramework/KXNotificationActions.h>
 #include <KXClientFramework/KXPlatform.h>
+#include <KXClientFramework/KXProcessWide.h>
 
 namespace {
 
@@ -18,8 +19,7 @@ KXNotificationAction backgroundAction(const char* identifier, const char* title)
 }  // namespace
 
 KXNotificationActions& KXNotificationActions::sharedManager() {
-    static KXNotificationActions* const shared = new KXNotificationActions();
-    return *shared;
+    return kxProcessWide<KXNotificationActions>();
 }
 
 void KXNotificationActions::registerActions() {

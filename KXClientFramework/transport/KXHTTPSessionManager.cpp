@@ -4,6 +4,7 @@
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXPlatform.h>
 #include <KXClientFramework/KXSettings.h>
+#include <KXClientFramework/KXProcessWide.h>
 
 #include "transport/internal/KXURLUtilities.h"
 
@@ -38,9 +39,7 @@ void showActivityIndicator(bool visible) {
 }  // namespace
 
 KXHTTPSessionManager& KXHTTPSessionManager::sharedManager() {
-    // Never destroyed: completions may still refer to it while the process winds down.
-    static KXHTTPSessionManager* const manager = new KXHTTPSessionManager();
-    return *manager;
+    return kxProcessWide<KXHTTPSessionManager>();
 }
 
 KXJSON KXHTTPSessionManager::JSONObjectWithData(const std::string& body) {

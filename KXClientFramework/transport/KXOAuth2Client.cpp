@@ -6,6 +6,7 @@
 #include <KXClientFramework/KXOAuth2Client.h>
 #include <KXClientFramework/KXOAuthCredential.h>
 #include <KXClientFramework/KXPlatform.h>
+#include <KXClientFramework/KXProcessWide.h>
 #include <KXClientFramework/KXSettings.h>
 
 #include <chrono>
@@ -68,9 +69,7 @@ std::string describe(const std::shared_ptr<KXBearerToken>& token) {
 }  // namespace
 
 KXOAuth2Client& KXOAuth2Client::client() {
-    // Never destroyed: the renewal timer may tick until the process ends.
-    static KXOAuth2Client* const shared = new KXOAuth2Client();
-    return *shared;
+    return kxProcessWide<KXOAuth2Client>();
 }
 
 KXOAuth2Client::KXOAuth2Client() = default;
@@ -86,10 +85,8 @@ KXOAuth2Client::~KXOAuth2Client() {
 
 KXOAuth2Client& KXOAuth2Client::initWithClientId(std::optional<std::string> clientId,
                                                  std::optional<std::string> secret) {
-    std::lock_guard lock(mutex_);
-    keychainId_ = std::string(kKeychainServicePrefix) + clientId.value_or("");
-    clientId_ = std::move(clientId);
-    secret_ = std::move(secret);
+    std::string keychainId = std::string(kKeychainServicePrefix) + clientId.value_or("");
+    identity_.set({std::move(keychainId), std::move(clientId), std::move(secret)});
     return *this;
 }
 
@@ -222,14 +219,10 @@ void KXOAuth2Client::fetchToken(const KXJSON& parameters, SuccessBlock success,
 }
 
 bool KXOAuth2Client::createAndStoreAuthCredentials(const KXJSON& /*response*/) {
-    std::string identifier;
-    std::shared_ptr<KXOAuthCredential> credential;
-    {
-        std::lock_guard lock(mutex_);
-        identifier = keychainId_;
-        credential = KXOAuthCredential::credentialWithClientId(clientId_, secret_);
-    }
-    return KXOAuthCredential::storeCredential(credential, identifier);
+    const Identity identity = identity_.get();
+    return KXOAuthCredential::storeCredential(
+        KXOAuthCredential::credentialWithClientId(identity.clientId, identity.secret),
+        identity.keychainId);
 }
 
 void KXOAuth2Client::saveBearerToken(const KXJSON& response) {
@@ -330,28 +323,22 @@ void KXOAuth2Client::refreshBearerTokenWithSuccess(TokenBlock success, FailureBl
 }
 
 std::string KXOAuth2Client::keychainId() const {
-    std::lock_guard lock(mutex_);
-    return keychainId_;
+    return identity_.get().keychainId;
 }
 void KXOAuth2Client::setKeychainId(std::string keychainId) {
-    std::lock_guard lock(mutex_);
-    keychainId_ = std::move(keychainId);
+    identity_.modify([&](Identity& identity) { identity.keychainId = std::move(keychainId); });
 }
 std::optional<std::string> KXOAuth2Client::clientId() const {
-    std::lock_guard lock(mutex_);
-    return clientId_;
+    return identity_.get().clientId;
 }
 void KXOAuth2Client::setClientId(std::optional<std::string> clientId) {
-    std::lock_guard lock(mutex_);
-    clientId_ = std::move(clientId);
+    identity_.modify([&](Identity& identity) { identity.clientId = std::move(clientId); });
 }
 std::optional<std::string> KXOAuth2Client::secret() const {
-    std::lock_guard lock(mutex_);
-    return secret_;
+    return identity_.get().secret;
 }
 void KXOAuth2Client::setSecret(std::optional<std::string> secret) {
-    std::lock_guard lock(mutex_);
-    secret_ = std::move(secret);
+    identity_.modify([&](Identity& identity) { identity.secret = std::move(secret); });
 }
 KXBackgroundTimer* KXOAuth2Client::backgroundTimer() const {
     std::lock_guard lock(mutex_);

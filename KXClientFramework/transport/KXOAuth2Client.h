@@ -3,6 +3,7 @@
 #include <KXClientFramework/KXBearerToken.h>
 #include <KXClientFramework/KXError.h>
 #include <KXClientFramework/KXExport.h>
+#include <KXClientFramework/KXGuarded.h>
 #include <KXClientFramework/KXJSON.h>
 
 #include <atomic>
@@ -129,9 +130,14 @@ private:
     std::vector<Waiter> waiting_;
     /// An authentication is under way: renewals asked for meanwhile wait for its token.
     bool authenticating_ = false;
-    std::string keychainId_;
-    std::optional<std::string> clientId_;
-    std::optional<std::string> secret_;
+    /// The client's identity; set together by initWithClientId() and read together when the
+    /// credential is stored.
+    struct Identity {
+        std::string keychainId;
+        std::optional<std::string> clientId;
+        std::optional<std::string> secret;
+    };
+    KXGuarded<Identity> identity_;
     std::atomic<std::int64_t> expireInMinutes_{0};
     std::atomic<std::int64_t> countOfMinutes_{0};
     std::unique_ptr<KXBackgroundTimer> backgroundTimer_;

@@ -2,6 +2,7 @@
 #include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXOAuth2Client.h>
+#include <KXClientFramework/KXProcessWide.h>
 #include <KXClientFramework/KXSessionManager.h>
 #include <KXClientFramework/KXSettings.h>
 #include <KXClientFramework/KXTransportActivity.h>
@@ -39,8 +40,7 @@ std::string formValue(const KXJSON& value) {
 }  // namespace
 
 KXSessionManager& KXSessionManager::sharedInstance() {
-    static KXSessionManager* const instance = new KXSessionManager();
-    return *instance;
+    return kxProcessWide<KXSessionManager>();
 }
 
 std::string KXSessionManager::kxBaseURI() {
@@ -222,23 +222,19 @@ std::shared_ptr<KXURLSession> KXSessionManager::session() const {
 }
 
 std::string KXSessionManager::baseURL() const {
-    std::lock_guard lock(mutex_);
-    return baseURL_;
+    return baseURL_.get();
 }
 
 void KXSessionManager::setBaseURL(std::string baseURL) {
-    std::lock_guard lock(mutex_);
-    baseURL_ = std::move(baseURL);
+    baseURL_.set(std::move(baseURL));
 }
 
 std::shared_ptr<KXBearerToken> KXSessionManager::bearerToken() const {
-    std::lock_guard lock(mutex_);
-    return bearerToken_;
+    return bearerToken_.get();
 }
 
 void KXSessionManager::setBearerToken(std::shared_ptr<KXBearerToken> bearerToken) {
-    std::lock_guard lock(mutex_);
-    bearerToken_ = std::move(bearerToken);
+    bearerToken_.set(std::move(bearerToken));
 }
 
 KXSessionConfiguration KXSessionManager::configuration() const {

@@ -3,6 +3,7 @@
 #include <KXClientFramework/KXBearerToken.h>
 #include <KXClientFramework/KXError.h>
 #include <KXClientFramework/KXExport.h>
+#include <KXClientFramework/KXGuarded.h>
 #include <KXClientFramework/KXJSON.h>
 #include <KXClientFramework/KXURLSession.h>
 
@@ -114,6 +115,6 @@ private:
     mutable std::mutex mutex_;
     KXSessionConfiguration configuration_;
     std::shared_ptr<KXURLSession> session_;
-    std::string baseURL_;
-    std::shared_ptr<KXBearerToken> bearerToken_;
+    KXGuarded<std::string> baseURL_;
+    KXGuarded<std::shared_ptr<KXBearerToken>> bearerToken_;
 };

@@ -11,6 +11,7 @@
 #include <KXClientFramework/KXClientFrameworkAppDelegateProxy.h>
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXDevice.h>
+#include <KXClientFramework/KXEngagement.h>
 #include <KXClientFramework/KXException.h>
 #include <KXClientFramework/KXFileUserDefaults.h>
 #include <KXClientFramework/KXHTTPSessionManager.h>
@@ -512,6 +513,65 @@ TEST_F(KXEngagementTest, TerminationEjectsOnce) {
     application().postEvent(KXApplicationEvent::WillTerminate);
     EXPECT_NE(manager().sharedZandrel(), nullptr);
     EXPECT_NE(installedProxy(), nullptr);
+}
+
+TEST_F(KXEngagementTest, AnEngagementOfItsOwnWorksWithTheCollaboratorsItIsGiven) {
+    Scenario setup;
+    setup.entries += "<key>analyticsEnabled</key><true/>\n";
+    start(setup);
+    KXConfig configuration;
+    KXOAuth2Client tokenClient;
+    KXLocationService location;
+    KXNotificationCenter center;
+    int dispatchersMade = 0;
+    int enginesMade = 0;
+    KXClientFramework caller;  // settings of its own, not the process's
+    {
+        KXEngagement engagement({
+            .platform = [&]() -> KXPlatform& { return *platform; },
+            .configuration = configuration,
+            .tokenClient = tokenClient,
+            .location = location,
+            .notificationCenter = center,
+            .makeDispatcher =
+                [&] {
+                    ++dispatchersMade;
+                    return std::make_shared<KXClientFrameworkAppDelegateProxy>();
+                },
+            .makeAnalytics =
+                [&] {
+                    ++enginesMade;
+                    return KXAnalytics::create();
+                },
+        });
+        engagement.observeLaunchAndTermination();
+        engagement.engage(caller, kKey);
+
+        ASSERT_NE(engagement.engaged(), nullptr);
+        EXPECT_EQ(manager().sharedZandrel(), nullptr);  // the façade's engagement is untouched
+        EXPECT_EQ(dispatchersMade, 1);
+        EXPECT_EQ(installedProxy(), engagement.engaged()->appDelegate());
+        EXPECT_EQ(configuration.stageClientId(), "stage-id");
+        EXPECT_EQ(KXConfig::defaultConfig().stageClientId(), std::nullopt);
+        EXPECT_EQ(caller.clientId(), "stage-id");
+        EXPECT_EQ(manager().clientId(), std::nullopt);
+        EXPECT_EQ(tokenClient.clientId(), "stage-id");
+        EXPECT_EQ(KXOAuth2Client::client().clientId(), std::nullopt);
+        ASSERT_TRUE(waitForReady());
+        EXPECT_EQ(service.requestsTo("/staging/token").size(), 1u);
+
+        // Launch is observed on the engagement's own centre, not the process's.
+        application().postEvent(KXApplicationEvent::DidFinishLaunching);
+        EXPECT_EQ(enginesMade, 0);
+        center.post(KXApplicationEvent::DidFinishLaunching);
+        EXPECT_EQ(enginesMade, 1);
+        EXPECT_NE(engagement.engaged()->analytics(), nullptr);
+        center.post(KXApplicationEvent::DidFinishLaunching);  // observed once
+        EXPECT_EQ(enginesMade, 1);
+        EXPECT_EQ(sink->linesContaining("[DEBUG] KXClientFramework::enableAnalytics ").size(), 1u);
+    }
+    // Gone while engaged: the application has its own delegate back.
+    EXPECT_EQ(application().delegate(), appDelegate);
 }
 
 // ---------------------------------------------------------------------------------------------
