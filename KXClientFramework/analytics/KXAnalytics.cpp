@@ -2,6 +2,7 @@
 #include <KXClientFramework/KXAnalyticsManager.h>
 #include <KXClientFramework/KXBackgroundTimer.h>
 #include <KXClientFramework/KXConfig.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLocationService.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXPlatform.h>
@@ -27,7 +28,7 @@ EngagedEngine& engagedEngine() {
 }
 
 std::string dumpPayload(const KXJSON& payload) {
-    return payload.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    return KXJSONReader::dump(payload);
 }
 
 std::string bundleVersion() {
