@@ -3,8 +3,12 @@
 # and runs every fuzz_* program for SECONDS seconds each, starting from a seed corpus generated
 # here. Exits non-zero as soon as a target reports a finding; its input is kept under
 # build/fuzz/findings/<target>/.
-# fuzz_json_answer runs the decoder of the service's answers; the others the sealed-data and
-# configuration readers.
+# Targets: fuzz_json_answer (the decoder of the service's answers), fuzz_guest_parser,
+# fuzz_inbox_page, fuzz_inbox_message, fuzz_inbox_domain and fuzz_list (the replies of those
+# services), fuzz_push_payload (what analytics takes from a push), fuzz_config_loader (the sealed
+# configuration), fuzz_salted_decryptor, fuzz_container_key and fuzz_container_password (sealed
+# data) and fuzz_sandbox_request (the sandbox's reading of requests). Hand-written seeds from
+# tests/fuzz/seeds/<target>/ join the generated ones.
 # Usage: scripts/fuzz.sh [SECONDS]   (default 30)
 set -euo pipefail
 cd "$(dirname "$0")/.."

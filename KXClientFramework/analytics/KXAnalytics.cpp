@@ -3,6 +3,7 @@
 #include <KXClientFramework/KXBackgroundTimer.h>
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXGuarded.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLocationService.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXPlatform.h>
@@ -21,7 +22,7 @@ namespace {
 struct EngagedEngine : KXGuarded<std::shared_ptr<KXAnalytics>> {};
 
 std::string dumpPayload(const KXJSON& payload) {
-    return payload.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    return KXJSONReader::dump(payload);
 }
 
 std::string bundleVersion() {

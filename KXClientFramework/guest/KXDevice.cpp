@@ -1,5 +1,6 @@
 #include <KXClientFramework/KXDevice.h>
 #include <KXClientFramework/KXGlobals.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXPlatform.h>
 #include <KXClientFramework/KXSettings.h>
@@ -109,9 +110,8 @@ void KXDevice::printDeviceTokensSavedInUserDefaults() const {
     KX_LOG_DEBUG("retrieveDeviceTokenFromUserDefaults: {}",
                  describe(retrieveDeviceTokenFromUserDefaults()));
     KX_LOG_DEBUG("retrieveDeviceTokenListFromUserDefaults: {}",
-                 KXJSON(retrieveDeviceTokenListFromUserDefaults()).dump());
-    KX_LOG_DEBUG("deviceUserAgent: {}",
-                 deviceData().dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+                 KXJSONReader::dump(KXJSON(retrieveDeviceTokenListFromUserDefaults())));
+    KX_LOG_DEBUG("deviceUserAgent: {}", KXJSONReader::dump(deviceData()));
 }
 
 KXJSON KXDevice::deviceData() const {

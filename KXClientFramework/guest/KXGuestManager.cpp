@@ -2,6 +2,7 @@
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXDevice.h>
 #include <KXClientFramework/KXGuestManager.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXPlatform.h>
 
@@ -98,7 +99,8 @@ void repointStoredTokenProfiles(const std::string& guestId, const std::shared_pt
     const std::vector<std::string> stored =
         KXDevice::currentDevice().retrieveDeviceTokenListFromUserDefaults();
     KX_LOG_DEBUG("Delivery profile exists with storedApplicationToken: {}", token);
-    KX_LOG_DEBUG("Delivery profile exists with storedApplicationTokens: {}", KXJSON(stored).dump());
+    KX_LOG_DEBUG("Delivery profile exists with storedApplicationTokens: {}",
+                 KXJSONReader::dump(KXJSON(stored)));
     for (const std::string& storedToken : stored) {
         if (auto profile = guest->APNSDeliveryProfileWithApplicationToken(storedToken)) {
             KXGuestManager::updateAPNSGuestWithId(

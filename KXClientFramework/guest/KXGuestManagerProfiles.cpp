@@ -1,6 +1,7 @@
 // Delivery profiles (adding, switching on and off) and list memberships.
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXGuestManager.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLog.h>
 
 #include "guest/internal/KXGuestRequests.h"
@@ -235,7 +236,7 @@ void KXGuestManager::addInboxDeliveryProfileForGuestWithId(const OptionalString&
     KX_LOG_DEBUG("addInboxDeliveryProfileWithInboxId: {}, {}", describe(guestId),
                  describe(inboxId));
     KX_LOG_DEBUG("addInboxDeliveryProfileWithInboxId urlString: {}", url);
-    KX_LOG_DEBUG("addInboxDeliveryProfileWithInboxId postParams: {}", body.dump());
+    KX_LOG_DEBUG("addInboxDeliveryProfileWithInboxId postParams: {}", KXJSONReader::dump(body));
     addProfile(guest, body, std::move(success), std::move(failure));
 }
 

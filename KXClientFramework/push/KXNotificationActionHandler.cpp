@@ -1,5 +1,6 @@
 #include <KXClientFramework/KXGuest.h>
 #include <KXClientFramework/KXGuestManager.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXNotificationActionHandler.h>
 
@@ -20,7 +21,7 @@ std::string describe(const KXJSON& value) {
     if (value.is_string()) {
         return value.get<std::string>();
     }
-    return value.dump(-1, ' ', false, KXJSON::error_handler_t::replace);
+    return KXJSONReader::dump(value);
 }
 
 const KXJSON& entry(const KXJSON& object, const char* key) {

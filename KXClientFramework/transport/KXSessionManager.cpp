@@ -9,6 +9,8 @@
 
 #include "transport/internal/KXURLUtilities.h"
 
+#include <fmt/format.h>
+
 #include <utility>
 
 namespace {
@@ -135,13 +137,22 @@ KXURLRequest KXSessionManager::requestWithMethod(const std::string& method, cons
     setAuthorizationHeader(token ? token->token() : std::nullopt);
 
     if (!parameters.is_null()) {
-        try {
-            request.HTTPBody = parameters.dump();
-        } catch (const KXJSON::exception& exception) {
-            if (error != nullptr) {
-                *error = KXError("NSCocoaErrorDomain", 3840,
-                                 KXJSON{{"NSLocalizedDescription", exception.what()}});
+        // Like a value JSON cannot represent, parameters nested beyond the reader's limit give
+        // no body: writing them out would recurse once per level.
+        const std::size_t deepest = KXJSONLimits{}.maximumDepth;
+        std::string problem;
+        if (KXJSONReader::depth(parameters) > deepest) {
+            problem = fmt::format("JSON nested deeper than {} levels", deepest);
+        } else {
+            try {
+                request.HTTPBody = parameters.dump();
+            } catch (const KXJSON::exception& exception) {
+                problem = exception.what();
             }
+        }
+        if (!problem.empty() && error != nullptr) {
+            *error =
+                KXError("NSCocoaErrorDomain", 3840, KXJSON{{"NSLocalizedDescription", problem}});
         }
     }
 

@@ -9,20 +9,26 @@
 // The tour covers the parts of the library this build has: the guest, inbox and analytics
 // steps are compiled in when their headers are part of the library.
 //
-// Exit status: 0 when every step worked, 1 when one failed, 2 for a usage error.
+// Exit status: 0 when every step worked, 1 when one failed or the configuration does not open
+// with the key, 2 for a usage error.
 
 #include "KXDemoSteps.h"
 #include "KXDemoTour.h"
 
 #include <KXClientFramework/KXApplication.h>
 #include <KXClientFramework/KXClientFramework.h>
+#include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXDevice.h>
 #include <KXClientFramework/KXHTTPSessionManager.h>
 #include <KXClientFramework/KXLinuxPlatform.h>
 #include <KXClientFramework/KXLog.h>
 
+#include <cstdint>
 #include <cstdio>
+#include <exception>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <random>
@@ -38,6 +44,40 @@ struct Options {
     std::string businessUnit = "DEMO";
     bool verbose = false;
 };
+
+constexpr const char* kUsage =
+    "usage: example_demo --config DIR/KXConfig.enc --key KEY --service URL\n"
+    "                    [--business-unit DEMO] [--verbose]\n"
+    "Tours the library against the local sandbox service at URL (see scripts/demo.sh).\n";
+
+bool wantsHelp(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        const std::string argument = argv[i];
+        if (argument == "--help" || argument == "-h") {
+            return true;
+        }
+    }
+    return false;
+}
+
+// The library stops the process on a configuration that does not open with the key (an
+// application must not run with the wrong one); the demo says so and exits instead.
+bool configurationOpens(const Options& options) {
+    std::ifstream in(options.config, std::ios::binary);
+    if (!in) {
+        std::fprintf(stderr, "demo: cannot read %s\n", options.config.c_str());
+        return false;
+    }
+    const std::vector<std::uint8_t> sealed{std::istreambuf_iterator<char>(in),
+                                           std::istreambuf_iterator<char>()};
+    const auto opened = KXConfig::openSealedConfiguration(sealed, options.key);
+    if (!opened || !opened->is_object()) {
+        std::fprintf(stderr, "demo: %s does not open with the key: wrong key or damaged file\n",
+                     options.config.c_str());
+        return false;
+    }
+    return true;
+}
 
 bool parse(int argc, char** argv, Options& options) {
     std::map<std::string, std::string*> values = {{"--config", &options.config},
@@ -79,12 +119,30 @@ std::vector<std::uint8_t> randomPushToken() {
 
 }  // namespace
 
+int run(const Options& options);
+
 int main(int argc, char** argv) {
+    if (wantsHelp(argc, argv)) {
+        std::fputs(kUsage, stdout);
+        return 0;
+    }
     Options options;
     if (!parse(argc, argv, options)) {
+        std::fputs(kUsage, stderr);
         return 2;
     }
+    if (!configurationOpens(options)) {
+        return 1;
+    }
+    try {
+        return run(options);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "demo: %s\n", error.what());
+        return 1;
+    }
+}
 
+int run(const Options& options) {
     KXLinuxPlatformOptions platformOptions;
     platformOptions.applicationId = "com.example.demo";
     platformOptions.resourceDirectories = {std::filesystem::absolute(options.config).parent_path()};

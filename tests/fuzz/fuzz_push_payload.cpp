@@ -1,10 +1,12 @@
 // Fuzzes what the analytics engine takes from outside: a push payload (its broadcast identifier
 // goes into the session documents and back to the service) and the session identifier the
-// service answers with (it becomes part of later URLs). Nothing may crash or throw, and a
-// document built from any payload must serialise.
+// service answers with (it becomes part of later URLs). The payload is read within the JSON
+// limits, as everything from outside is. Nothing may crash or throw, and a document built from
+// any payload must serialise.
 
 #include <KXClientFramework/KXAnalytics.h>
 #include <KXClientFramework/KXAnalyticsManager.h>
+#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXSession.h>
 
 #include <chrono>
@@ -17,7 +19,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string text(reinterpret_cast<const char*>(data), size);
     (void)KXAnalyticsManager::isUsableSessionIdentifier(text);
 
-    const KXJSON payload = KXJSON::parse(text, nullptr, false);
+    const KXJSON payload = KXJSONReader::parse(text).value_or(KXJSON());
     const KXJSON identifier = KXAnalytics::parseBroadcastId(payload);
     // Dates from about 1780 to 2160: within the clock's range, across the 32-bit seconds limit.
     const std::int64_t seconds =

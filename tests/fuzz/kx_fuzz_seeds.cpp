@@ -1,7 +1,8 @@
 // Writes the seed corpus of the fuzz targets: valid sealed data of several sizes in each format,
 // made by the library with the targets' fixed keys and password, behind a byte that picks the
-// streaming piece size; and for the parsers, the hostile cases: nesting just over and far over
-// the limit, and a flat array just over the value limit.
+// streaming piece size; and for every JSON reader (service answers, guest, inbox, list and
+// push payload targets) and the configuration loader, the hostile cases: nesting at, just over
+// and far over the limit, and a flat array just over the value limit.
 //
 // Usage: kx_fuzz_seeds DIRECTORY   (creates DIRECTORY/<target name>/seed-N)
 #include "TZFuzzCommon.h"
@@ -12,6 +13,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -105,11 +107,21 @@ int main(int argc, char** argv) {
     writeSeeds(root / "fuzz_container_key", keyed);
     writeSeeds(root / "fuzz_container_password", withPassword);
 
-    writeFiles(root / "fuzz_json_answer",
-               {bytes(R"({"access_token":"t","expires_in":3600})"),
-                bytes(R"({"access_token":"t","expires_in":0})"), bytes(R"({"error":[1,2.5,null]})"),
-                bytes(nested(512, "[", "]")), bytes(nested(513, "[", "]")),
-                bytes(nested(100000, "{\"a\":", "}")), bytes(flatArray(1'000'001))});
+    // Every target that reads the service's JSON starts from nesting at, just over and far over
+    // the limit and a flat array just over the value limit; its realistic replies are the
+    // hand-written seeds in tests/fuzz/seeds/.
+    const std::vector<std::vector<std::uint8_t>> hostile = {
+        bytes(nested(512, "[", "]")), bytes(nested(513, "[", "]")),
+        bytes(nested(100000, "{\"a\":", "}")), bytes(flatArray(1'000'001))};
+    for (const char* target : {"fuzz_guest_parser", "fuzz_inbox_page", "fuzz_inbox_message",
+                               "fuzz_inbox_domain", "fuzz_list", "fuzz_push_payload"}) {
+        writeFiles(root / target, hostile);
+    }
+    std::vector<std::vector<std::uint8_t>> answers = {
+        bytes(R"({"access_token":"t","expires_in":3600})"),
+        bytes(R"({"access_token":"t","expires_in":0})"), bytes(R"({"error":[1,2.5,null]})")};
+    answers.insert(answers.end(), hostile.begin(), hostile.end());
+    writeFiles(root / "fuzz_json_answer", answers);
 
     const auto plist = [](const std::string& body) {
         return bytes("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">" + body +

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -64,6 +65,17 @@ void PrintTo(const ActionCase& c, std::ostream* os) {
 const KXJSON kInvite = {{"aps", {{"listId", "L1"}, {"alert", "Join?"}}}};
 const char* const kInviteText = R"(User Info: {"aps":{"alert":"Join?","listId":"L1"}})";
 const char* const kSubscription = "/guests/g1/profiles/AP-1/memberships/L1?createList=true";
+
+/// An invitation that also carries a value nested beyond the JSON reader's limit.
+KXJSON inviteNestedTooDeeply() {
+    KXJSON nested = KXJSON::array();
+    for (int level = 1; level < 600; ++level) {
+        KXJSON outer = KXJSON::array();
+        outer.push_back(std::move(nested));
+        nested = std::move(outer);
+    }
+    return {{"aps", {{"listId", "L1"}}}, {"nested", std::move(nested)}};
+}
 
 const ActionCase kActionCases[] = {
     {"AcceptSubscribesThisDevicesProfile",
@@ -137,6 +149,15 @@ const ActionCase kActionCases[] = {
      200,
      {"Action Identifer: DECLINE_IDENTIFIER", kInviteText, "Current KXGuest: g1", "ListId KX: L1",
       "Handling decline..."},
+     {}},
+    {"DeclineWithUserInfoNestedTooDeeply",
+     "DECLINE_IDENTIFIER",
+     inviteNestedTooDeeply(),
+     true,
+     200,
+     {"Action Identifer: DECLINE_IDENTIFIER",
+      R"(User Info: "<JSON nested deeper than 512 levels>")", "Current KXGuest: g1",
+      "ListId KX: L1", "Handling decline..."},
      {}},
     {"UnknownIdentifier",
      "accept_identifier",

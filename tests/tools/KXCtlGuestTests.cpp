@@ -371,6 +371,9 @@ TEST_F(KXCtlGuestTool, TheAutomaticGuestIsRegisteredOnceAndFetchedByLaterRuns) {
     ASSERT_EQ(inProduction.exitCode, 0) << inProduction.err;
     EXPECT_EQ(jsonLines(inProduction.out), std::vector<KXJSON>{printedGuest("P1")});
     EXPECT_EQ(service.requestsTo(production + "/guests").size(), 1u);
+    const KXJSON bothIds = jsonLines(kxctl({"defaults"}).out).at(0);
+    EXPECT_EQ(bothIds["prod-id-GUEST-ID"], "P1");
+    EXPECT_EQ(bothIds["stage-id-GUEST-ID"], "N1");
 
     // Switched off, the entry is removed and there is no guest.
     writeConfiguration(false, false);

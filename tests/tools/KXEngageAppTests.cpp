@@ -1,5 +1,6 @@
 // The engage example run as a child process against the loopback service: it launches,
-// engages from its delegate, waits for the token and terminates cleanly.
+// engages from its delegate, waits for the token and terminates cleanly. Every example answers
+// --help and ends a wrong key with a reason.
 #include "KXLoopbackService.h"
 #include "KXProcess.h"
 #include "KXSealedFiles.h"
@@ -70,18 +71,24 @@ TEST_F(KXEngageApp, ARefusedTokenEndsWithoutTokenButStillTerminates) {
     EXPECT_NE(result.out.find("delegate restored: yes\n"), std::string::npos) << result.out;
 }
 
-TEST_F(KXEngageApp, AWrongKeyEndsTheExampleWithAReasonBeforeAnyRequest) {
+TEST_F(KXEngageApp, AWrongKeyEndsTheExamplesWithAReasonBeforeAnyRequest) {
     service.scriptToken("app-token");
-    const auto result = run("not-the-key");
-    EXPECT_EQ(result.exitCode, 1) << result.err;
-    EXPECT_NE(result.err.find("wrong key or damaged file"), std::string::npos) << result.err;
+    const kxtest::ProcessResult results[] = {
+        run("not-the-key"),
+        kxtest::runProcess(kxtest::builtProgram("examples/demo/example_demo"),
+                           {"--config", (directory / "KXConfig.enc").string(), "--key",
+                            "not-the-key", "--service", service.baseURL()})};
+    for (const auto& result : results) {
+        EXPECT_EQ(result.exitCode, 1) << result.err;
+        EXPECT_NE(result.err.find("wrong key or damaged file"), std::string::npos) << result.err;
+    }
     EXPECT_TRUE(service.requests().empty());
 }
 
 TEST_F(KXEngageApp, EveryExampleAnswersHelpAndRefusesUnknownOptions) {
     for (const char* name :
          {"engage_app/example_engage_app", "custom_main_loop/example_custom_main_loop",
-          "log_routing/example_log_routing"}) {
+          "log_routing/example_log_routing", "demo/example_demo"}) {
         const auto example = kxtest::builtProgram(std::string("examples/") + name);
         const auto help = kxtest::runProcess(example, {"--help"});
         EXPECT_EQ(help.exitCode, 0) << name << help.err;

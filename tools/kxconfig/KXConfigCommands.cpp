@@ -144,7 +144,7 @@ int check(const OpenOptions& options) {
         {"locationFuzzEnabled", config.locationFuzzEnabled()},
         {"analyticsSessionInterval", config.analyticsSessionInterval()},
     };
-    printText(settings.dump() + "\n");
+    printText(KXJSONReader::dump(settings) + "\n");
     return problems.empty() ? 0 : 1;
 }
 

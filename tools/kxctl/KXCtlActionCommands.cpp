@@ -7,13 +7,21 @@
 #include <KXClientFramework/KXApplication.h>
 #include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXDevice.h>
+#include <KXClientFramework/KXFileUserDefaults.h>
 #include <KXClientFramework/KXPlatform.h>
 
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace kxctl {
+namespace {
+
+/// How the user-defaults keys of the automatic guest's id end ("<client id>-GUEST-ID").
+constexpr std::string_view kGuestIdSuffix = "-GUEST-ID";
+
+}  // namespace
 
 void addActionCommands(CLI::App& app, Command& chosen) {
     auto identifier = std::make_shared<std::string>();
@@ -42,10 +50,20 @@ void addActionCommands(CLI::App& app, Command& chosen) {
         chosen.start = [](Run& run) {
             KXUserDefaults& store = KXPlatform::current().userDefaults();
             KXJSON entries = KXJSON::object();
+            // The current environment's guest id and the tokens are printed even when absent
+            // (as null); the guest ids other environments' client ids keep are added.
             for (const std::string& key : {KXClientFramework::autoGuestStorageKey(),
                                            std::string(kKXApplicationDeviceTokenKey),
                                            std::string(kKXApplicationDeviceTokenListKey)}) {
                 entries[key] = store.objectForKey(key);
+            }
+            if (const auto* file = dynamic_cast<const KXFileUserDefaults*>(&store)) {
+                const KXJSON stored = file->dictionaryRepresentation();
+                for (const auto& [key, value] : stored.items()) {
+                    if (key.ends_with(kGuestIdSuffix)) {
+                        entries[key] = value;
+                    }
+                }
             }
             run.print(entries);
         };

@@ -5,18 +5,26 @@
 #include "KXCtlOptions.h"
 
 #include <KXClientFramework/KXJSON.h>
+#include <KXClientFramework/KXJSONReader.h>
 
+#include <optional>
 #include <string>
+#include <utility>
 
 namespace kxctl {
 
-/// `text` parsed as JSON; a UsageError naming `option` when it is not JSON.
+/// `text` parsed as JSON within the library's limits (so nothing that prints or sends the value
+/// later recurses without a bound); a UsageError naming `option` when it is not JSON or exceeds
+/// a limit.
 inline KXJSON parseJSONArgument(const std::string& option, const std::string& text) {
-    KXJSON value = KXJSON::parse(text, nullptr, false);
-    if (value.is_discarded()) {
-        throw UsageError{option + " is not JSON: " + text};
+    KXJSONReadError problem;
+    std::optional<KXJSON> parsed = KXJSONReader::parse(text, KXJSONLimits{}, &problem);
+    if (!parsed) {
+        throw UsageError{problem.kind == KXJSONReadError::Kind::Malformed
+                             ? option + " is not JSON: " + text
+                             : option + ": " + problem.message};
     }
-    return value;
+    return std::move(*parsed);
 }
 
 }  // namespace kxctl

@@ -1,10 +1,10 @@
 // lists, list get and list create: the business unit's subscription lists through
 // KXListManager, one JSON line per answer.
 
+#include "KXCtlArguments.h"
 #include "KXCtlCommands.h"
 #include "KXCtlRecords.h"
 
-#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXListManager.h>
 
 #include <memory>
@@ -30,19 +30,9 @@ struct ListOptions {
     KXJSON buProperties;
 };
 
-/// `text` parsed as JSON; a usage error names `option` when it is not JSON.
+/// `text` parsed as JSON, or null when the option was not given.
 KXJSON parseJSONOption(const std::optional<std::string>& text, const char* option) {
-    if (!text) {
-        return nullptr;
-    }
-    KXJSONReadError problem;
-    std::optional<KXJSON> parsed = KXJSONReader::parse(*text, KXJSONLimits{}, &problem);
-    if (!parsed) {
-        throw UsageError{problem.kind == KXJSONReadError::Kind::Malformed
-                             ? std::string(option) + " is not JSON: " + *text
-                             : std::string(option) + ": " + problem.message};
-    }
-    return std::move(*parsed);
+    return text ? parseJSONArgument(option, *text) : KXJSON();
 }
 
 KXListManager::FailureBlock printFailure(Run& run) {

@@ -1,6 +1,7 @@
 // engage, token, call and device-token: where the library is connected, its bearer token, raw
 // REST calls through its transport, and handing it a push token.
 
+#include "KXCtlArguments.h"
 #include "KXCtlCommands.h"
 #include "KXCtlHints.h"
 
@@ -8,7 +9,6 @@
 #include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXDevice.h>
 #include <KXClientFramework/KXHTTPSessionManager.h>
-#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXPlatform.h>
 #include <KXClientFramework/KXSessionManager.h>
 
@@ -153,15 +153,7 @@ void addServiceCommands(CLI::App& app, Command& chosen) {
         auto parameters = std::make_shared<KXJSON>();
         chosen.validate = [callOptions, parameters] {
             if (callOptions->data) {
-                KXJSONReadError problem;
-                std::optional<KXJSON> parsed =
-                    KXJSONReader::parse(*callOptions->data, KXJSONLimits{}, &problem);
-                if (!parsed) {
-                    throw UsageError{problem.kind == KXJSONReadError::Kind::Malformed
-                                         ? "--data is not JSON: " + *callOptions->data
-                                         : "--data: " + problem.message};
-                }
-                *parameters = std::move(*parsed);
+                *parameters = parseJSONArgument("--data", *callOptions->data);
             }
         };
         chosen.start = [callOptions, parameters](Run& run) {
