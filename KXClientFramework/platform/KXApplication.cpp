@@ -289,6 +289,21 @@ void KXApplication::deliverRemoteNotification(
     }
 }
 
+void KXApplication::deliverRemoteNotification(
+    const KXJSON& userInfo, KXApplicationState state,
+    std::function<void(KXBackgroundFetchResult)> completion) {
+    KXApplicationState own{};
+    {
+        std::lock_guard lock(lock_);
+        own = std::exchange(state_, state);
+    }
+    deliverRemoteNotification(userInfo, std::move(completion));
+    std::lock_guard lock(lock_);
+    if (state_ == state) {
+        state_ = own;
+    }
+}
+
 void KXApplication::deliverAction(const std::string& identifier, const KXJSON& userInfo,
                                   std::function<void()> completion) {
     const std::shared_ptr<KXApplicationDelegate> target = delegate();

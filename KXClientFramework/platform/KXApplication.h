@@ -83,6 +83,13 @@ public:
     /// the delegate implements it, else the older one (and then NoData to the handler).
     void deliverRemoteNotification(const KXJSON& userInfo,
                                    std::function<void(KXBackgroundFetchResult)> completion = {});
+    /// The same for a notification that arrives while the application is in `state`, whatever
+    /// its state now: the application reports `state` while the delegate handles it, then its
+    /// own state again (unless the delegate posted an event meanwhile). A host whose push
+    /// service tells the state with the notification (one opened from the background is handled
+    /// while the application is inactive) hands it in this way.
+    void deliverRemoteNotification(const KXJSON& userInfo, KXApplicationState state,
+                                   std::function<void(KXBackgroundFetchResult)> completion = {});
     /// Hands a tapped notification action to the delegate.
     void deliverAction(const std::string& identifier, const KXJSON& userInfo,
                        std::function<void()> completion = {});

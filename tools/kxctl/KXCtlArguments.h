@@ -13,18 +13,26 @@
 
 namespace kxctl {
 
-/// `text` parsed as JSON within the library's limits (so nothing that prints or sends the value
-/// later recurses without a bound); a UsageError naming `option` when it is not JSON or exceeds
-/// a limit.
+/// `text` read as JSON with the library's limits; a UsageError naming `option` when it is not
+/// JSON or goes beyond the limits.
 inline KXJSON parseJSONArgument(const std::string& option, const std::string& text) {
     KXJSONReadError problem;
-    std::optional<KXJSON> parsed = KXJSONReader::parse(text, KXJSONLimits{}, &problem);
-    if (!parsed) {
+    std::optional<KXJSON> value = KXJSONReader::parse(text, KXJSONLimits{}, &problem);
+    if (!value) {
         throw UsageError{problem.kind == KXJSONReadError::Kind::Malformed
                              ? option + " is not JSON: " + text
                              : option + ": " + problem.message};
     }
-    return std::move(*parsed);
+    return std::move(*value);
+}
+
+/// A remote notification's payload: `text` read as a JSON object (see parseJSONArgument).
+inline KXJSON parseNotificationArgument(const std::string& option, const std::string& text) {
+    KXJSON payload = parseJSONArgument(option, text);
+    if (!payload.is_object()) {
+        throw UsageError{option + " takes a notification payload, a JSON object: " + text};
+    }
+    return payload;
 }
 
 }  // namespace kxctl

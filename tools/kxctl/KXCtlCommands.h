@@ -31,4 +31,8 @@ void addInboxCommands(CLI::App& app, Command& chosen);
 /// lists, list get, list create: the business unit's subscription lists.
 void addListCommands(CLI::App& app, Command& chosen);
 
+/// lifecycle EVENT...: the application's life as the platform drives it, and the analytics
+/// session after each event.
+void addLifecycleCommands(CLI::App& app, Command& chosen);
+
 }  // namespace kxctl

@@ -25,6 +25,8 @@ struct Options {
     bool verbose = false;
     /// The guest to fetch (as the current guest) before the command runs.
     std::optional<std::string> guest;
+    /// A remote notification (JSON text) the application is launched with.
+    std::optional<std::string> launchNotification;
 };
 
 /// A usage error found after parsing (exit status 2).

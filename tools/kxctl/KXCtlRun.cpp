@@ -2,6 +2,7 @@
 
 #include "KXCtlHints.h"
 
+#include <KXClientFramework/KXAnalytics.h>
 #include <KXClientFramework/KXAsioMainQueue.h>
 #include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXTransportActivity.h>
@@ -45,7 +46,11 @@ std::optional<std::function<void()>> Run::takeIdleStep() {
 }
 
 bool Run::libraryIsIdle() const {
-    return KXTransportActivity::requestsUnderWay() == 0 && !mainQueue_.hasWorkDue();
+    if (KXTransportActivity::requestsUnderWay() != 0 || mainQueue_.hasWorkDue()) {
+        return false;
+    }
+    const std::shared_ptr<KXAnalytics> analytics = KXAnalytics::engaged();
+    return !analytics || !analytics->isTimerTickPending();
 }
 
 }  // namespace kxctl

@@ -46,7 +46,8 @@ public:
     /// The next queued step, if any (for the run loop).
     std::optional<std::function<void()>> takeIdleStep();
 
-    /// No request under way in the transport and no work due on the main queue.
+    /// No request under way in the transport, no work due on the main queue and no tick of
+    /// the analytics session timer due or queued.
     bool libraryIsIdle() const;
 
 private:
@@ -67,6 +68,9 @@ struct Command {
     std::function<void(const std::string& key)> engage;
     /// The launch options the application is started with (null: none).
     KXJSON launchOptions;
+    /// Whether the application becomes active once it has launched, before the command starts.
+    /// A command that posts the life-cycle events itself says false.
+    bool becomesActive = true;
     /// Starts the command on the main queue once the library has started. kxctl then waits
     /// until the library is idle and every step queued with Run::whenIdle() has run.
     std::function<void(Run& run)> start;

@@ -1,5 +1,6 @@
 #include "KXCtlStartup.h"
 
+#include "KXCtlArguments.h"
 #include "KXCtlHints.h"
 #include "KXCtlPlatform.h"
 
@@ -119,7 +120,9 @@ private:
 };
 
 /// kxctl's application delegate: engages the library while the application finishes
-/// launching, as every application does.
+/// launching, as every application does. Like a current application it takes remote
+/// notifications with a completion handler (it has no work of its own for them), so the
+/// library's delegate receives them whatever the information dictionary declares.
 class KXCtlAppDelegate final : public KXApplicationDelegate {
 public:
     KXCtlAppDelegate(std::string key, std::function<void(const std::string&)> engage)
@@ -127,7 +130,15 @@ public:
 
     bool respondsTo(KXApplicationDelegateCallback callback) const override {
         return callback == KXApplicationDelegateCallback::DidFinishLaunching ||
+               callback == KXApplicationDelegateCallback::
+                               DidReceiveRemoteNotificationWithCompletionHandler ||
                KXApplicationDelegate::respondsTo(callback);
+    }
+
+    void didReceiveRemoteNotification(
+        KXApplication& /*application*/, const KXJSON& /*userInfo*/,
+        std::function<void(KXBackgroundFetchResult)> completionHandler) override {
+        completionHandler(KXBackgroundFetchResult::NoData);
     }
 
     bool didFinishLaunching(KXApplication& /*application*/, const KXJSON& /*options*/) override {
@@ -160,6 +171,14 @@ int startAndRun(Options options, const Command& command) {
     }
     if (command.validate) {
         command.validate();
+    }
+    KXJSON launchOptions = command.launchOptions;
+    if (options.launchNotification) {
+        if (!launchOptions.is_object()) {
+            launchOptions = KXJSON::object();
+        }
+        launchOptions[UIApplicationLaunchOptionsRemoteNotificationKey] =
+            parseNotificationArgument("--launch-notification", *options.launchNotification);
     }
     const KXServiceEndpoints endpoints = parseEndpoints(options.endpoints);
 
@@ -217,11 +236,13 @@ int startAndRun(Options options, const Command& command) {
         std::_Exit(kTimedOut);  // requests may still be under way; do not wait for them
     };
 
-    // Start-up: the application launches, its delegate engages the library, the library
-    // authenticates.
+    // Start-up: the application launches, its delegate engages the library (the library's
+    // launch handler runs once that callback has returned), the library authenticates.
     application.setDelegate(std::make_shared<KXCtlAppDelegate>(options.key, command.engage));
-    application.postEvent(KXApplicationEvent::DidFinishLaunching, command.launchOptions);
-    application.postEvent(KXApplicationEvent::DidBecomeActive);
+    application.postEvent(KXApplicationEvent::DidFinishLaunching, launchOptions);
+    if (command.becomesActive) {
+        application.postEvent(KXApplicationEvent::DidBecomeActive);
+    }
     runUntil([&] {
         return KXHTTPSessionManager::sharedManager().bearerToken() != nullptr ||
                watcher->failure().has_value();

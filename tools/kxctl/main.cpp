@@ -33,6 +33,8 @@ int main(int argc, char** argv) {
     app.add_flag("-v", options.verbose, "library log at DEBUG on standard error");
     app.add_option("--guest", options.guest,
                    "fetch this guest before the command, which then acts on it");
+    app.add_option("--launch-notification", options.launchNotification,
+                   "launch the application from this remote notification (a JSON object)");
 
     Command chosen;
     addServiceCommands(app, chosen);
@@ -41,6 +43,7 @@ int main(int argc, char** argv) {
     addActionCommands(app, chosen);
     addInboxCommands(app, chosen);
     addListCommands(app, chosen);
+    addLifecycleCommands(app, chosen);
 
     try {
         app.parse(argc, argv);
