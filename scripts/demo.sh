@@ -3,18 +3,39 @@
 # port, seals a demo KXConfig.enc, runs examples/demo against it, shows what the sandbox
 # recorded and stops the sandbox. Exits 0 only when every step of the demo worked.
 #
+# With --gui it builds the Qt screens too and opens examples/qt_inbox (a window with the inbox,
+# the message viewer and the subscription lists) instead of the console tour; arguments in
+# KX_DEMO_GUI_ARGS go to that window (scripts/screenshots.sh passes --screenshots DIR).
+#
 #     scripts/demo.sh            (KX_DEMO_PRESET=debug to reuse a debug build)
+#     scripts/demo.sh --gui      (the ui preset unless KX_DEMO_PRESET says otherwise)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-preset=${KX_DEMO_PRESET:-release}
+gui=false
+case "${1:-}" in
+    --gui) gui=true ;;
+    "") ;;
+    *) echo "usage: scripts/demo.sh [--gui]" >&2; exit 2 ;;
+esac
+
+if $gui; then
+    preset=${KX_DEMO_PRESET:-ui}
+    targets="kxconfig kxsandbox example_qt_inbox"
+    echo "== Installing the Debian packages the build needs, with Qt"
+    scripts/install-deps.sh --ui
+else
+    preset=${KX_DEMO_PRESET:-release}
+    targets="kxconfig kxsandbox example_demo"
+    echo "== Installing the Debian packages the build needs"
+    scripts/install-deps.sh
+fi
 build=build/$preset
 
-echo "== Installing the Debian packages the build needs"
-scripts/install-deps.sh
-echo "== Building ($preset): the library, kxconfig, kxsandbox and the demo"
+echo "== Building ($preset): $targets"
 cmake --preset "$preset" > /dev/null
-cmake --build --preset "$preset" --target kxconfig kxsandbox example_demo
+# shellcheck disable=SC2086
+cmake --build --preset "$preset" --target $targets
 
 work=$(mktemp -d)
 sandbox_pid=""
@@ -61,8 +82,14 @@ echo "   $service"
 echo
 
 status=0
-"$build/examples/demo/example_demo" --config "$work/app/KXConfig.enc" --key "$key" \
-    --service "$service" --business-unit DEMO || status=$?
+if $gui; then
+    # shellcheck disable=SC2086
+    "$build/examples/qt_inbox/example_qt_inbox" --config "$work/app/KXConfig.enc" --key "$key" \
+        --service "$service" --business-unit DEMO ${KX_DEMO_GUI_ARGS:-} || status=$?
+else
+    "$build/examples/demo/example_demo" --config "$work/app/KXConfig.enc" --key "$key" \
+        --service "$service" --business-unit DEMO || status=$?
+fi
 
 kxsandbox() { "$build/tools/kxsandbox/kxsandbox" --db "$work/sandbox.db" "$@"; }
 echo

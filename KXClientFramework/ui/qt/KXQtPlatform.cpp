@@ -5,8 +5,9 @@
 #include <KXClientFramework/KXBadgeTitle.h>
 #include <KXClientFramework/KXLifeCycleEvents.h>
 
-#include <QGuiApplication>
+#include <QApplication>
 #include <QMessageBox>
+#include <QPushButton>
 
 #include <vector>
 
@@ -56,20 +57,52 @@ private:
     std::vector<BadgeWindow> windows_;
 };
 
-// Alerts as Qt message boxes that do not block the event loop.
+// Alerts as Qt message boxes that do not block the event loop. An action sheet belongs to the
+// window the user is working in, so it is modal to that window only.
 class KXQtAlertPresenter final : public KXAlertPresenter {
 public:
     void present(const KXAlert& alert) override {
-        auto* box = new QMessageBox(QMessageBox::NoIcon, QString::fromStdString(alert.title),
-                                    QString::fromStdString(alert.message));
+        QWidget* owner =
+            alert.style == KXAlertStyle::ActionSheet ? QApplication::activeWindow() : nullptr;
+        auto* box =
+            new QMessageBox(QMessageBox::NoIcon, QString::fromStdString(alert.title),
+                            QString::fromStdString(alert.message), QMessageBox::NoButton, owner);
         box->setAttribute(Qt::WA_DeleteOnClose);
-        for (const std::string& button : alert.buttons) {
-            box->addButton(QString::fromStdString(button), QMessageBox::AcceptRole);
+        if (owner != nullptr) {
+            box->setWindowModality(Qt::WindowModal);
+        }
+        QList<QAbstractButton*> buttons;
+        for (std::size_t index = 0; index < alert.buttons.size(); ++index) {
+            QMessageBox::ButtonRole role = QMessageBox::AcceptRole;
+            if (alert.cancelButton == index) {
+                role = QMessageBox::RejectRole;
+            } else if (alert.destructiveButton == index) {
+                role = QMessageBox::DestructiveRole;
+            }
+            buttons.push_back(box->addButton(QString::fromStdString(alert.buttons[index]), role));
         }
         if (alert.buttons.empty()) {
             box->addButton(QMessageBox::Ok);
         }
+        if (alert.cancelButton && *alert.cancelButton < alert.buttons.size()) {
+            // Enter must not confirm a destructive action by accident: the default is Cancel.
+            box->setEscapeButton(buttons[static_cast<qsizetype>(*alert.cancelButton)]);
+            box->setDefaultButton(
+                qobject_cast<QPushButton*>(buttons[static_cast<qsizetype>(*alert.cancelButton)]));
+        }
         box->setAccessibleName(QString::fromStdString(alert.title));
+        if (alert.onDismiss) {
+            QObject::connect(
+                box, &QMessageBox::finished, box,
+                [box, buttons, onDismiss = alert.onDismiss, cancel = alert.cancelButton] {
+                    const qsizetype pressed = buttons.indexOf(box->clickedButton());
+                    if (pressed >= 0) {
+                        onDismiss(static_cast<std::size_t>(pressed));
+                    } else if (cancel) {
+                        onDismiss(*cancel);
+                    }
+                });
+        }
         box->open();
     }
 };

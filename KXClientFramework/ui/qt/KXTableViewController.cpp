@@ -16,3 +16,7 @@ void KXTableViewController::showHUD(bool show) {
         hud_->hideOverlay();
     }
 }
+
+KXProgressOverlay* KXTableViewController::hud() const {
+    return hud_;
+}

@@ -21,7 +21,7 @@ public:
     /// The overlay is made on first use over the window this screen is in.
     void showHUD(bool show);
     /// The overlay, null before the first showHUD().
-    KXProgressOverlay* hud() const { return hud_; }
+    KXProgressOverlay* hud() const;
 
 private:
     bool showLoadingIndicator_ = true;
