@@ -92,19 +92,17 @@ std::optional<JSON> listRecord(Connection& db, const std::string& tenant, const 
 
 std::string createList(Connection& db, const std::string& tenant, const JSON& body) {
     const std::string name = requiredString(body, "name");
-    std::optional<std::string> id = optionalString(body, "externalId");
+    // An empty identifier counts as none.
+    std::string id = optionalString(body, "externalId").value_or(std::string());
     const std::optional<std::string> description = optionalString(body, "description");
     const std::optional<std::string> type = optionalString(body, "type");
     const std::optional<JSON> tags = optionalStringArray(body, "tags");
     const std::optional<JSON> properties = optionalObject(body, "buProperties");
     const std::optional<JSON> counts = optionalObject(body, "channelCounts");
-    if (id && id->empty()) {
-        id.reset();
-    }
-    if (id) {
-        for (const unsigned char c : *id) {
+    if (!id.empty()) {
+        for (const unsigned char c : id) {
             if (std::isspace(c) != 0 || c == '/' || c == '?' || c == '#' || c < 0x20) {
-                badRequest("\"externalId\" \"" + *id +
+                badRequest("\"externalId\" \"" + id +
                            "\" must not contain blanks, slashes, '?' or '#'");
             }
         }
@@ -116,20 +114,20 @@ std::string createList(Connection& db, const std::string& tenant, const JSON& bo
             }
         }
     }
-    if (!id) {
+    if (id.empty()) {
         id = newIdentifier("list-");
     }
-    if (listRecord(db, tenant, *id)) {
-        throw APIError(409, "conflict", "a list \"" + *id + "\" already exists");
+    if (listRecord(db, tenant, id)) {
+        throw APIError(409, "conflict", "a list \"" + id + "\" already exists");
     }
     db.run(
         "INSERT INTO lists(tenant, external_id, name, description, type, tags, bu_properties, "
         "base_counts, created_at) VALUES(?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)",
-        {tenant, *id, name, description ? Value(*description) : Value(nullptr),
+        {tenant, id, name, description ? Value(*description) : Value(nullptr),
          type.value_or("SUBSCRIPTION"), tags.value_or(JSON::array()).dump(),
          properties.value_or(JSON::object()).dump(), counts.value_or(JSON::object()).dump(),
          nowMilliseconds()});
-    return *id;
+    return id;
 }
 
 void seedLists(Connection& db, const std::string& tenant) {

@@ -130,8 +130,10 @@ nlohmann::json listGuests(Database& database, const std::optional<std::string>& 
         nlohmann::json record = *guestRecord(*lease, guestTenant, id);
         std::string channels;
         for (const auto& profile : record["deliveryProfiles"]) {
-            channels +=
-                (channels.empty() ? "" : " ") + profile["address"]["channel"].get<std::string>();
+            if (!channels.empty()) {
+                channels += ' ';
+            }
+            channels += profile["address"]["channel"].get<std::string>();
         }
         Statement counts = lease
                                ->prepare(
@@ -232,11 +234,17 @@ nlohmann::json listLists(Database& database, const std::optional<std::string>& t
         nlohmann::json record = *listRecord(*lease, listTenant, id);
         std::string tags;
         for (const auto& tag : record["tags"]) {
-            tags += (tags.empty() ? "" : ",") + tag.get<std::string>();
+            if (!tags.empty()) {
+                tags += ',';
+            }
+            tags += tag.get<std::string>();
         }
         std::string counts;
         for (const auto& [channel, count] : record["channelCounts"].items()) {
-            counts += (counts.empty() ? "" : " ") + channel + "=" + count.dump();
+            if (!counts.empty()) {
+                counts += ' ';
+            }
+            counts += channel + "=" + count.dump();
         }
         record["tenant"] = listTenant;
         record["tagText"] = tags;
