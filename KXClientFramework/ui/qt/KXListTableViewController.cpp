@@ -34,7 +34,7 @@ QColor colourOf(KXListColour colour) {
         case KXListColour::Green:
             return Qt::green;
         case KXListColour::LightGrey:
-            return QColor(170, 170, 170);  // the phone's light grey
+            return {170, 170, 170};  // the phone's light grey
         case KXListColour::Blue:
             return Qt::blue;
         case KXListColour::Default:
@@ -145,8 +145,9 @@ void KXListTableViewController::setFont(std::optional<QFont> font) {
     reloadData();
 }
 
-void KXListTableViewController::setAlternateTableViewCellColor(std::optional<QColor> colour) {
-    alternateColour_ = std::move(colour);
+void KXListTableViewController::setAlternateTableViewCellColor(
+    const std::optional<QColor>& colour) {
+    alternateColour_ = colour;
     reloadData();
 }
 
@@ -307,13 +308,20 @@ void KXListTableViewController::reloadData() {
     column->addStretch();
     delete scroll_->takeWidget();
     scroll_->setWidget(rows);
-    rows_ = rows;
     scroll_->verticalScrollBar()->setValue(keptScroll);
 }
 
 QCheckBox* KXListTableViewController::switchForRow(int row, const std::string& listExternalId) {
     auto* toggle = new QCheckBox;
     toggle->setObjectName("KXListSwitch");
+    // Drawn as the phone's switch: a track with a knob, green when on.
+    toggle->setStyleSheet(
+        "QCheckBox::indicator { width: 40px; height: 24px; }"
+        "QCheckBox::indicator:unchecked { image: "
+        "url(:/com.brellix.KXClientFramework/switch_off.svg); }"
+        "QCheckBox::indicator:checked { image: url(:/com.brellix.KXClientFramework/switch_on.svg); "
+        "}"
+        "QCheckBox:focus { border: 1px dotted palette(highlight); border-radius: 4px; }");
     toggle->setProperty("row", row);  // the phone's switch tag
     const std::string text = KXListScreenController::rowText(
         lists_[static_cast<std::size_t>(row)]->name(), listExternalId);

@@ -17,9 +17,7 @@
 #include <string>
 #include <vector>
 
-class QLabel;
 class QScrollArea;
-class QVBoxLayout;
 
 /// The list subscription screen: the business unit's lists, optionally filtered by a tag, each
 /// with a switch that shows and changes whether the guest is subscribed. Every decision comes
@@ -56,7 +54,7 @@ public:
     /// The rows' text font; absent: the default face.
     void setFont(std::optional<QFont> font);
     /// The odd rows' background; absent: none.
-    void setAlternateTableViewCellColor(std::optional<QColor> colour);
+    void setAlternateTableViewCellColor(const std::optional<QColor>& colour);
 
     /// The switch of each shown row, in row order.
     QList<QCheckBox*> switches() const { return switches_; }
@@ -98,7 +96,6 @@ private:
     QColor tableBackground_ = Qt::white;
 
     QScrollArea* scroll_;
-    QWidget* rows_ = nullptr;
     QList<QCheckBox*> switches_;
     QAction* filter_;
     QAction* refresh_;
