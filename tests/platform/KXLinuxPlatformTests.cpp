@@ -177,37 +177,6 @@ TEST(KXPlatform, WithoutAnApplicationIdTheProgramNameIsUsed) {
               fs::read_symlink("/proc/self/exe").filename().string());
 }
 
-TEST(KXTestPlatform, InstallMakesItTheCurrentPlatformWithRealStoresAndFakes) {
-    auto platform = KXTestPlatform::install();
-    EXPECT_EQ(&KXPlatform::current(), platform.get());
-    EXPECT_TRUE(fs::is_directory(platform->resourceDirectory()));
-    platform->userDefaults().setObject("k", 1);
-    ASSERT_TRUE(platform->userDefaults().synchronize());
-    EXPECT_TRUE(fs::exists(platform->configDirectory() / "UserDefaults.plist"));
-
-    platform->fakeClock().advance(90s);
-    EXPECT_EQ(platform->clock().now().time_since_epoch(), 1577836800s + 90s);
-    platform->fakeDeviceFacts().model = "Kiosk 3000";
-    EXPECT_EQ(platform->deviceFacts().model, "Kiosk 3000");
-
-    bool granted = true;
-    platform->fakeNotificationAuthorizer().deny();
-    platform->notificationAuthorizer().requestAuthorization(
-        KXUserNotificationTypeAlert, [&](bool g, const std::optional<KXError>&) { granted = g; });
-    EXPECT_TRUE(platform->runUntil([&] { return !granted; }));
-    EXPECT_EQ(platform->fakeNotificationAuthorizer().requests(),
-              std::vector<std::uint32_t>{KXUserNotificationTypeAlert});
-
-    auto source = platform->makeLocationSource();
-    RecordingLocationDelegate delegate;
-    source->setDelegate(&delegate);
-    source->startUpdatingLocation();
-    ASSERT_EQ(platform->locationSources().size(), 1u);
-    EXPECT_EQ(platform->locationSources()[0]->calls().startUpdatingLocation, 1);
-    platform->locationSources()[0]->deliver({{1.0, 2.0, {}}});
-    EXPECT_EQ(delegate.fixes.size(), 1u);
-}
-
 TEST(KXLinuxLocationSource, DeliversFedFixesOnTheMainQueueWhileUpdatesAreOn) {
     KXAsioMainQueue queue;
     KXSystemClock clock;

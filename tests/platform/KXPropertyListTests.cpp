@@ -36,30 +36,18 @@ KXJSON sample() {
 
 }  // namespace
 
-TEST(KXPropertyList, RoundTripsEveryTypeThroughXMLAndBinary) {
+// Equality of numbers ignores their kind, so signedness and types are checked one by one.
+TEST(KXPropertyList, RoundTripsEveryTypeWithItsSignednessThroughXMLAndBinary) {
     const KXJSON value = sample();
-
     const std::string xml = KXPropertyList::toXML(value);
-    ASSERT_FALSE(xml.empty());
     EXPECT_NE(xml.find("<!DOCTYPE plist"), std::string::npos);
-    auto fromXML = KXPropertyList::parse(xml);
-    ASSERT_TRUE(fromXML.has_value());
-    EXPECT_EQ(*fromXML, value);
-
     const std::vector<std::uint8_t> binary = KXPropertyList::toBinary(value);
     ASSERT_TRUE(KXPropertyList::isBinary(binary));
-    auto fromBinary = KXPropertyList::parse(binary);
-    ASSERT_TRUE(fromBinary.has_value());
-    EXPECT_EQ(*fromBinary, value);
-}
-
-TEST(KXPropertyList, KeepsIntegerSignednessAndTypes) {
-    for (const auto& text : {KXPropertyList::toXML(sample()), [] {
-                                 auto b = KXPropertyList::toBinary(sample());
-                                 return std::string(b.begin(), b.end());
-                             }()}) {
+    for (const auto& text : {xml, std::string(binary.begin(), binary.end())}) {
+        SCOPED_TRACE(text.substr(0, 8));
         auto parsed = KXPropertyList::parse(text);
         ASSERT_TRUE(parsed.has_value());
+        EXPECT_EQ(*parsed, value);
         EXPECT_TRUE((*parsed)["negative"].is_number_integer());
         EXPECT_EQ((*parsed)["negative"].get<std::int64_t>(), -42);
         EXPECT_TRUE((*parsed)["uint64max"].is_number_unsigned());
@@ -71,6 +59,7 @@ TEST(KXPropertyList, KeepsIntegerSignednessAndTypes) {
         EXPECT_TRUE((*parsed)["yes"].is_boolean());
         EXPECT_TRUE((*parsed)["data"].is_binary());
     }
+    EXPECT_EQ(KXPropertyList::parse(binary), value);
 }
 
 TEST(KXPropertyList, ReadsHandWrittenXMLWithDatesAndRootsOfAnyType) {

@@ -22,41 +22,11 @@ constexpr auto kIdleLimit = std::chrono::seconds(30);
 constexpr auto kPollSlice = std::chrono::milliseconds(50);
 
 std::string trim(std::string_view text) {
-    std::size_t begin = 0;
-    std::size_t end = text.size();
-    while (begin < end && (text[begin] == ' ' || text[begin] == '\t')) {
-        ++begin;
-    }
-    while (end > begin &&
-           (text[end - 1] == ' ' || text[end - 1] == '\t' || text[end - 1] == '\r')) {
-        --end;
-    }
-    return std::string(text.substr(begin, end - begin));
-}
-
-const char* reason(int status) {
-    switch (status) {
-        case 200:
-            return "OK";
-        case 201:
-            return "Created";
-        case 204:
-            return "No Content";
-        case 300:
-            return "Multiple Choices";
-        case 304:
-            return "Not Modified";
-        case 400:
-            return "Bad Request";
-        case 401:
-            return "Unauthorized";
-        case 404:
-            return "Not Found";
-        case 500:
-            return "Internal Server Error";
-        default:
-            return "Status";
-    }
+    const std::size_t begin = text.find_first_not_of(" \t");
+    const std::size_t last = text.find_last_not_of(" \t\r");
+    return last == std::string_view::npos || last < begin
+               ? std::string()
+               : std::string(text.substr(begin, last + 1 - begin));
 }
 
 bool sendAll(int socket, std::string_view data) {
@@ -282,8 +252,8 @@ struct KXLoopbackService::Impl {
                     break;
             }
 
-            std::string response =
-                "HTTP/1.1 " + std::to_string(answer.status) + " " + reason(answer.status) + "\r\n";
+            std::string response = "HTTP/1.1 " + std::to_string(answer.status) +
+                                   " Scripted\r\n";  // any reason phrase will do
             bool hasContentType = false;
             for (const auto& [name, value] : answer.headers) {
                 response += name + ": " + value + "\r\n";

@@ -16,7 +16,14 @@ namespace fs = std::filesystem;
 
 std::chrono::system_clock::time_point KXFakeClock::now() const {
     std::lock_guard lock(mutex_);
-    return now_;
+    const auto reading = now_;
+    now_ += step_;
+    return reading;
+}
+
+void KXFakeClock::setStepPerReading(std::chrono::system_clock::duration step) {
+    std::lock_guard lock(mutex_);
+    step_ = step;
 }
 
 void KXFakeClock::set(std::chrono::system_clock::time_point time) {

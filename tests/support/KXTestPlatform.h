@@ -33,16 +33,20 @@
 #include <string>
 #include <vector>
 
-/// A clock that stands still until the test sets or advances it. Starts at 2020-01-01 00:00 UTC.
+/// A clock that stands still until the test sets or advances it, or moves on by a step at every
+/// reading once the test sets one (as a device's clock does between two readings). Starts at
+/// 2020-01-01 00:00 UTC.
 class KXFakeClock final : public KXClock {
 public:
     std::chrono::system_clock::time_point now() const override;
     void set(std::chrono::system_clock::time_point time);
     void advance(std::chrono::system_clock::duration by);
+    void setStepPerReading(std::chrono::system_clock::duration step);
 
 private:
     mutable std::mutex mutex_;
-    std::chrono::system_clock::time_point now_{std::chrono::seconds(1577836800)};
+    mutable std::chrono::system_clock::time_point now_{std::chrono::seconds(1577836800)};
+    std::chrono::system_clock::duration step_{};
 };
 
 /// Records every alert instead of showing it.

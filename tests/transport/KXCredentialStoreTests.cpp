@@ -35,9 +35,8 @@ TEST_F(CredentialStore, StoringTwiceUpdatesTheOneItem) {
     EXPECT_TRUE(KXOAuthCredential::deleteCredentialWithIdentifier(identifier));
     EXPECT_EQ(itemsFor(identifier), 0u) << "one delete removed everything: there was one item";
     EXPECT_FALSE(KXOAuthCredential::deleteCredentialWithIdentifier(identifier));
-}
 
-TEST_F(CredentialStore, StoringNoCredentialDeletesTheItem) {
+    // Storing no credential deletes the item.
     ASSERT_TRUE(KXOAuthCredential::storeCredential(
         KXOAuthCredential::credentialWithClientId("id", "secret"), "svc"));
     EXPECT_TRUE(KXOAuthCredential::storeCredential(nullptr, "svc"));
@@ -60,14 +59,6 @@ TEST_F(CredentialStore, TheArchiveIsAPropertyListWithTheArchiveKeys) {
               "<KXOAuthCredential clientId:\"id-1\" secret:\"s&<cret>\">");
 }
 
-TEST_F(CredentialStore, DataThatIsNotAnArchiveReadsAsAbsent) {
-    const std::vector<std::uint8_t> junk = {'n', 'o', 't', ' ', 'a', ' ', 'p', 'l', 'i', 's', 't'};
-    ASSERT_EQ(keychain().add(KXKeychainQuery{"broken", std::nullopt}, junk),
-              KXKeychainStatus::Success);
-    EXPECT_FALSE(KXOAuthCredential::retrieveCredentialWithIdentifier("broken"));
-    EXPECT_FALSE(KXOAuthCredential::unarchive({}));
-}
-
 TEST_F(CredentialStore, TheWrapperKeepsOneValuePerKey) {
     const KXKeychainWrapper::Query query = KXKeychainWrapper::getKeychainQuery("prefs");
     EXPECT_EQ(query.item.service, "prefs");
@@ -84,10 +75,15 @@ TEST_F(CredentialStore, TheWrapperKeepsOneValuePerKey) {
     EXPECT_TRUE(KXKeychainWrapper::fetchValueForKey("prefs").is_null());
 }
 
-TEST_F(CredentialStore, TheWrapperLogsAValueThatDoesNotUnarchive) {
+TEST_F(CredentialStore, DataThatIsNotAnArchiveReadsAsAbsentAndTheWrapperLogsIt) {
     auto sink = KXCapturingSink::install();
-    const std::vector<std::uint8_t> junk = {0xde, 0xad, 0xbe, 0xef};
-    ASSERT_EQ(keychain().add(KXKeychainWrapper::getKeychainQuery("bad").item, junk),
+    const std::vector<std::uint8_t> junk = {'n', 'o', 't', ' ', 'a', ' ', 'p', 'l', 'i', 's', 't'};
+    ASSERT_EQ(keychain().add(KXKeychainQuery{"broken", std::nullopt}, junk),
+              KXKeychainStatus::Success);
+    EXPECT_FALSE(KXOAuthCredential::retrieveCredentialWithIdentifier("broken"));
+    EXPECT_FALSE(KXOAuthCredential::unarchive({}));
+
+    ASSERT_EQ(keychain().add(KXKeychainWrapper::getKeychainQuery("bad").item, {0xde, 0xad}),
               KXKeychainStatus::Success);
     EXPECT_TRUE(KXKeychainWrapper::fetchValueForKey("bad").is_null());
     EXPECT_TRUE(logged(*sink, "Unarchive of bad failed: "));

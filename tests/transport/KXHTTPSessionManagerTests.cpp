@@ -378,20 +378,17 @@ TEST_F(TokenGate, WithoutATokenOneIsFetchedFirstAndThenUsed) {
     ASSERT_TRUE(transport().bearerToken());
     EXPECT_EQ(transport().bearerToken()->token(), "fresh-token");
 
-    // A valid token is used as it is.
+    // A valid token is used as it is; an expired one is replaced before the request.
     get("/inbox");
     EXPECT_EQ(service.requestsTo("/token").size(), 1u);
-}
-
-TEST_F(TokenGate, AnExpiredTokenIsReplacedBeforeTheRequest) {
     service.scriptToken("renewed-token");
-    const auto now = clock.now();
-    transport().setBearerToken(std::make_shared<KXBearerToken>("stale-token", now - 1s));
+    transport().setBearerToken(std::make_shared<KXBearerToken>("stale-token", clock.now() - 1s));
     get("/inbox");
     const auto inbox = service.requestsTo("/inbox");
-    ASSERT_EQ(inbox.size(), 1u);
-    EXPECT_EQ(inbox[0].headers.at("Authorization"), "BEARER renewed-token");
-    EXPECT_EQ(service.requestsTo("/token").size(), 1u);
+    ASSERT_EQ(inbox.size(), 3u);
+    EXPECT_EQ(inbox[1].headers.at("Authorization"), "BEARER fresh-token");
+    EXPECT_EQ(inbox[2].headers.at("Authorization"), "BEARER renewed-token");
+    EXPECT_EQ(service.requestsTo("/token").size(), 2u);
 }
 
 TEST_F(TokenGate, ATokenFailureReachesTheCallerWithoutAResponseAndIsLogged) {

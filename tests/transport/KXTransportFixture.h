@@ -15,7 +15,6 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -32,69 +31,28 @@ struct KXCallOutcome {
     int callbacks() const { return successes + failures; }
 };
 
+/// What the callbacks of one or more operations saw, in order: "success" (or what a subclass
+/// records) and "failure:<code>:<description>".
+struct KXEventLog {
+    std::vector<std::string> seen;
+
+    std::function<void(const KXError&)> failure() {
+        return [this](const KXError& error) {
+            seen.push_back("failure:" + std::to_string(error.code) + ":" +
+                           error.localizedDescription());
+        };
+    }
+    void succeeded() { seen.emplace_back("success"); }
+    std::function<void()> done() {
+        return [this] { succeeded(); };
+    }
+    std::size_t count() const { return seen.size(); }
+};
+
 /// True when some captured log line contains `text`.
 inline bool logged(const KXCapturingSink& sink, std::string_view text) {
     return !sink.linesContaining(text).empty();
 }
-
-/// A clock the test sets, which can also move on by a step at every reading, as a device's clock
-/// does between two readings.
-class KXSteppingClock final : public KXClock {
-public:
-    std::chrono::system_clock::time_point now() const override {
-        std::lock_guard lock(mutex_);
-        const auto reading = now_;
-        now_ += step_;
-        return reading;
-    }
-    void set(std::chrono::system_clock::time_point time) {
-        std::lock_guard lock(mutex_);
-        now_ = time;
-    }
-    void advance(std::chrono::system_clock::duration by) {
-        std::lock_guard lock(mutex_);
-        now_ += by;
-    }
-    void setStepPerReading(std::chrono::system_clock::duration step) {
-        std::lock_guard lock(mutex_);
-        step_ = step;
-    }
-
-private:
-    mutable std::mutex mutex_;
-    mutable std::chrono::system_clock::time_point now_{std::chrono::seconds(1577836800)};
-    std::chrono::system_clock::duration step_{};
-};
-
-/// The test platform with the stepping clock in place of its fake clock.
-class KXSteppingClockPlatform final : public KXPlatform {
-public:
-    explicit KXSteppingClockPlatform(std::shared_ptr<KXTestPlatform> inner)
-        : inner_(std::move(inner)) {}
-
-    KXMainQueue& mainQueue() override { return inner_->mainQueue(); }
-    KXBackgroundQueue& backgroundQueue() override { return inner_->backgroundQueue(); }
-    KXApplication& application() override { return inner_->application(); }
-    KXBundle& mainBundle() override { return inner_->mainBundle(); }
-    KXUserDefaults& userDefaults() override { return inner_->userDefaults(); }
-    KXKeychain& keychain() override { return inner_->keychain(); }
-    KXDeviceFacts deviceFacts() const override { return inner_->deviceFacts(); }
-    std::filesystem::path cachesDirectory() const override { return inner_->cachesDirectory(); }
-    std::unique_ptr<KXLocationSource> makeLocationSource() override {
-        return inner_->makeLocationSource();
-    }
-    KXNotificationAuthorizer& notificationAuthorizer() override {
-        return inner_->notificationAuthorizer();
-    }
-    KXAlertPresenter& alertPresenter() override { return inner_->alertPresenter(); }
-    const KXClock& clock() const override { return clock_; }
-
-    KXSteppingClock& steppingClock() { return clock_; }
-
-private:
-    std::shared_ptr<KXTestPlatform> inner_;
-    KXSteppingClock clock_;
-};
 
 /// A test platform, a loopback service that every endpoint points at, and helpers to call the
 /// shared transport and run the main queue until the answer arrived.
@@ -102,16 +60,11 @@ class KXTransportTest : public ::testing::Test {
 protected:
     static constexpr std::chrono::milliseconds kPatience{15000};
 
-    std::shared_ptr<KXTestPlatform> platform = std::make_shared<KXTestPlatform>();
-    std::shared_ptr<KXSteppingClockPlatform> installed =
-        std::make_shared<KXSteppingClockPlatform>(platform);
-    KXSteppingClock& clock = installed->steppingClock();
+    std::shared_ptr<KXTestPlatform> platform = KXTestPlatform::install();
+    KXFakeClock& clock = platform->fakeClock();
     KXLoopbackService service;
 
-    KXTransportTest() {
-        KXPlatform::install(installed);
-        pointEveryEndpointAt(service.baseURL());
-    }
+    KXTransportTest() { pointEveryEndpointAt(service.baseURL()); }
 
     static void pointEveryEndpointAt(const std::string& baseURL) {
         KXServiceEndpoints endpoints;
@@ -150,6 +103,13 @@ protected:
 
     /// Lets queued work run for a moment, to catch a callback that arrives twice.
     void drain() { platform->asioMainQueue().runFor(std::chrono::milliseconds(50)); }
+
+    /// Runs the main queue until `events` holds `count` entries, then a moment more to catch
+    /// extra callbacks.
+    void waitForEvents(const KXEventLog& events, std::size_t count) {
+        EXPECT_TRUE(runUntil([&] { return events.count() >= count; }));
+        drain();
+    }
 
     using Verb = void (KXHTTPSessionManager::*)(const std::string&, const KXJSON&,
                                                 KXHTTPSessionManager::SuccessBlock,
