@@ -1,10 +1,12 @@
 // Inbox replies turned into KXInboxMessage objects, against parsing the same bytes as JSON
 // alone, in the same run:
 //
-//   JSONOnly/<n>    KXJSON::parse of a page reply of n message headers (the baseline: what any
-//                   client must do with the bytes)
-//   Messages/<n>    the same parse, then KXInboxParser::parse into n KXInboxMessage objects
-//                   (what every page or full fetch does on the main queue)
+//   JSONOnly/<n>    nlohmann::json::parse of a page reply of n message headers (the baseline:
+//                   what any client must do with the bytes)
+//   ReaderOnly/<n>  KXJSONReader::parse with the transport's limits, alone (the decoder's share)
+//   Messages/<n>    what every page or full fetch does with the body: KXJSONReader::parse with
+//                   the transport's limits (KXHTTPSessionManager's decoder), then
+//                   KXInboxParser::parse into n KXInboxMessage objects
 //
 // n is 20 (one page) and 1,000 (a full fetch). The interesting number is Messages / JSONOnly.
 //
@@ -15,12 +17,15 @@
 
 #include <KXClientFramework/KXInbox.h>
 #include <KXClientFramework/KXInboxParser.h>
+#include <KXClientFramework/KXJSONReader.h>
 
 #include <benchmark/benchmark.h>
 
 #include <atomic>
 #include <cstdlib>
+#include <memory>
 #include <new>
+#include <optional>
 #include <string>
 
 namespace {
@@ -67,7 +72,16 @@ std::string pageReply(int count) {
 void JSONOnly(benchmark::State& state) {
     const std::string bytes = pageReply(static_cast<int>(state.range(0)));
     for (auto _ : state) {
-        KXJSON reply = KXJSON::parse(bytes);
+        nlohmann::json reply = nlohmann::json::parse(bytes);
+        benchmark::DoNotOptimize(reply);
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes.size()));
+}
+
+void ReaderOnly(benchmark::State& state) {
+    const std::string bytes = pageReply(static_cast<int>(state.range(0)));
+    for (auto _ : state) {
+        std::optional<KXJSON> reply = KXJSONReader::parse(bytes, KXJSONLimits{});
         benchmark::DoNotOptimize(reply);
     }
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes.size()));
@@ -76,8 +90,8 @@ void JSONOnly(benchmark::State& state) {
 void Messages(benchmark::State& state) {
     const std::string bytes = pageReply(static_cast<int>(state.range(0)));
     for (auto _ : state) {
-        const KXJSON reply = KXJSON::parse(bytes);
-        auto messages = KXInboxParser::parse(reply);
+        const std::optional<KXJSON> reply = KXJSONReader::parse(bytes, KXJSONLimits{});
+        auto messages = KXInboxParser::parse(*reply);
         benchmark::DoNotOptimize(messages);
     }
     state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * bytes.size()));
@@ -91,7 +105,7 @@ void LoadedInbox(benchmark::State& state) {
     for (auto _ : state) {
         KXInbox::shared().setMessages({});
         const std::int64_t before = liveBytes.load();
-        auto reply = std::make_unique<KXJSON>(KXJSON::parse(bytes));
+        auto reply = std::make_unique<KXJSON>(*KXJSONReader::parse(bytes, KXJSONLimits{}));
         const std::int64_t withDocument = liveBytes.load();
         KXInbox::shared().setMessages(*KXInboxParser::parse(*reply));
         reply.reset();
@@ -127,5 +141,6 @@ void operator delete[](void* pointer, std::size_t) noexcept {
 }
 
 BENCHMARK(JSONOnly)->Arg(20)->Arg(1000);
+BENCHMARK(ReaderOnly)->Arg(20)->Arg(1000);
 BENCHMARK(Messages)->Arg(20)->Arg(1000);
 BENCHMARK(LoadedInbox)->Arg(10000)->Iterations(3);
