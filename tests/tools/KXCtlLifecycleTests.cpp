@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -30,10 +31,19 @@ KXJSON sessionLine(const std::string& event, const KXJSON& sessionId, int state,
               {"receivedBroadcasts", received}}}};
 }
 
-KXScriptedAnswer createdAs(const std::string& id) {
+KXScriptedAnswer createdAs(const std::string& id,
+                           std::chrono::milliseconds delay = std::chrono::milliseconds(0)) {
     KXScriptedAnswer answer = KXScriptedAnswer::empty(201);
     answer.headers = {{"newRecordId", id}};
+    answer.delay = delay;
     return answer;
+}
+
+// The activation's start answered slowly: the timer's first tick, due at once, then certainly
+// finds the session still new and posts the start document again (a quick answer could come
+// before the tick reaches the main queue, and the tick would post an update instead).
+KXScriptedAnswer slowlyCreatedAs(const std::string& id) {
+    return createdAs(id, std::chrono::milliseconds(800));
 }
 
 // Every "time" of a document, at any depth, is a JSON string of digits naming a whole minute.
@@ -91,6 +101,7 @@ protected:
 };
 
 TEST_F(KXCtlLifecycle, AFullSessionSendsStartTwiceThenTheUpdateAndTheEnd) {
+    service.script("POST", kSessions, slowlyCreatedAs("S1"));
     service.script("POST", kSessions, createdAs("S1"));
     service.script("POST", kSessions + "/S1", KXScriptedAnswer::empty(200));
     const std::string push = R"(push:active:{"kx":{"bcastId":"B1"}})";
@@ -129,7 +140,7 @@ TEST_F(KXCtlLifecycle, AFullSessionSendsStartTwiceThenTheUpdateAndTheEnd) {
 // update; a push opened from the background triggers the next session, whose activation finds
 // the timer's tick not yet due again.
 TEST_F(KXCtlLifecycle, StatesOfPushesFixesAndGuestChangesReachTheDocuments) {
-    service.script("POST", kSessions, createdAs("S1"));
+    service.script("POST", kSessions, slowlyCreatedAs("S1"));
     service.script("POST", kSessions, createdAs("S1"));
     service.script("POST", kSessions, createdAs("S2"));
     service.script("POST", kSessions + "/S1", KXScriptedAnswer::empty(200));
