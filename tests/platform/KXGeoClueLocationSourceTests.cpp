@@ -226,7 +226,6 @@ public:
             g_main_context_push_thread_default(context_);
             registered.set_value(connect(busAddress));
             g_main_loop_run(loop_);
-            g_clear_object(&connection_);
             g_main_context_pop_thread_default(context_);
         });
         registered_ = answer.get();
@@ -256,6 +255,7 @@ public:
             },
             loop_);
         thread_.join();
+        g_clear_object(&connection_);
         g_main_loop_unref(loop_);
         g_main_context_unref(context_);
     }
