@@ -11,7 +11,7 @@
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 
-#include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -28,8 +28,6 @@
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
-
-extern char** environ;
 
 namespace {
 
@@ -65,7 +63,8 @@ TEST(KXGeoClueLocationSource, AccuracyLevelsMapToGeoClueLevels) {
     }
 }
 
-/// A child process, ended (SIGTERM) and reaped when this goes.
+/// A child process, ended (SIGTERM) and reaped when this goes, and killed by the system should
+/// the test process end first (a sanitizer's halt, a crash), so no daemon is left behind.
 class Child {
 public:
     explicit Child(const std::vector<std::string>& arguments) {
@@ -75,8 +74,15 @@ public:
             argv.push_back(const_cast<char*>(argument.c_str()));
         }
         argv.push_back(nullptr);
-        if (posix_spawnp(&pid_, argv[0], nullptr, nullptr, argv.data(), environ) != 0) {
-            pid_ = -1;
+        const pid_t parent = getpid();
+        pid_ = fork();
+        if (pid_ == 0) {
+            // The test process has threads: nothing but these few calls before exec.
+            prctl(PR_SET_PDEATHSIG, SIGKILL);
+            if (getppid() == parent) {
+                execvp(argv[0], argv.data());
+            }
+            _exit(127);
         }
     }
     ~Child() {
