@@ -6,6 +6,8 @@ find_package(CURL REQUIRED)
 find_package(fmt REQUIRED)
 find_package(nlohmann_json 3.10 REQUIRED)
 pkg_check_modules(PLIST REQUIRED IMPORTED_TARGET libplist-2.0)
+# The Linux platform's location source reads the desktop's location service (GeoClue 2).
+pkg_check_modules(GEOCLUE REQUIRED IMPORTED_TARGET libgeoclue-2.0)
 
 find_path(ASIO_INCLUDE_DIR asio.hpp REQUIRED)
 add_library(kx_asio INTERFACE)

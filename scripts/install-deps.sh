@@ -8,9 +8,11 @@ set -euo pipefail
 packages=(
     build-essential cmake ninja-build pkg-config ccache clang libclang-rt-14-dev
     libssl-dev openssl libcurl4-openssl-dev nlohmann-json3-dev libplist-dev libasio-dev
-    libfmt-dev libcli11-dev libcpp-httplib-dev libsqlite3-dev
+    libfmt-dev libcli11-dev libcpp-httplib-dev libsqlite3-dev libgeoclue-2-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     curl python3 nghttp2-server wrk
+    # The GeoClue location source's tests run the real daemon on a private bus.
+    geoclue-2.0 dbus-daemon
 )
 if [ "${1:-}" = "--ui" ]; then
     packages+=(

@@ -6,6 +6,8 @@ std::unique_ptr<KXLinuxPlatform> makeLinuxPlatform(const std::filesystem::path& 
     KXLinuxPlatformOptions options;
     options.applicationId = "kxctl";
     options.resourceDirectories = {configuration.parent_path()};
+    // Fixes come from the command line (lifecycle location:LAT,LON) or $KX_FIXED_LOCATION.
+    options.desktopLocationService = false;
     return std::make_unique<KXLinuxPlatform>(std::move(options));
 }
 

@@ -1,4 +1,5 @@
 #include <KXClientFramework/KXException.h>
+#include <KXClientFramework/KXGeoClueLocationSource.h>
 #include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLinuxPlatform.h>
 #include <KXClientFramework/KXLog.h>
@@ -171,6 +172,13 @@ fs::path KXLinuxPlatform::cachesDirectory() const {
 }
 
 std::unique_ptr<KXLocationSource> KXLinuxPlatform::makeLocationSource() {
+    const KXLinuxPlatformOptions& options = impl_->options;
+    if (options.desktopLocationService && !impl_->fixedLocation) {
+        if (auto desktop = KXGeoClueLocationSource::connect(
+                *impl_->mainQueue, options.applicationId, options.locationServiceTimeout)) {
+            return desktop;
+        }
+    }
     return std::make_unique<KXLinuxLocationSource>(*impl_->mainQueue, impl_->clock,
                                                    impl_->fixedLocation);
 }

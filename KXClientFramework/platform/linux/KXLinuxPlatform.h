@@ -43,6 +43,11 @@ struct KXLinuxPlatformOptions {
     std::chrono::milliseconds backgroundTimeLimit = std::chrono::seconds(30);
     /// The main queue to use; null makes a KXAsioMainQueue.
     std::shared_ptr<KXMainQueue> mainQueue;
+    /// Whether location sources read the desktop's location service (GeoClue 2 on the system
+    /// bus) when it answers within locationServiceTimeout. Without it, without an answer, or
+    /// with a fixed position ($KX_FIXED_LOCATION), they are sources the host feeds.
+    bool desktopLocationService = true;
+    std::chrono::milliseconds locationServiceTimeout = std::chrono::milliseconds(500);
 };
 
 /// The Linux default platform: runs on desktops, kiosks and embedded devices with no set-up
