@@ -178,7 +178,9 @@ struct Fixture {
         KXClientFramework::setLogging(false);
     }
 
-    ~Fixture() {
+    /// Removes the temporary folder. The fixture itself is never destroyed: the library may
+    /// still reach the platform while the process ends.
+    void removeFiles() {
         std::error_code ignored;
         fs::remove_all(root, ignored);
     }
@@ -296,5 +298,6 @@ int main(int argc, char** argv) {
     measureResidentMemory();
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
+    fixture().removeFiles();
     return 0;
 }

@@ -1,7 +1,7 @@
 // The baseline of the sandbox's load figure: cpp-httplib answering every GET with the same
-// bytes from memory, configured as kxsandbox configures it (thread pool, keep-alive), so the
-// difference to kxsandbox is what the sandbox does per request (token check, routing, SQLite,
-// JSON).
+// bytes from memory, configured as kxsandbox configures it (thread pool, keep-alive,
+// TCP_NODELAY), so the difference to kxsandbox is what the sandbox does per request (token check,
+// routing, SQLite, JSON).
 //
 //     kx_static_endpoint PORT BODY_FILE
 #include <httplib.h>
@@ -22,6 +22,7 @@ int main(int argc, char** argv) {
     httplib::Server server;
     server.new_task_queue = [] { return new httplib::ThreadPool(64); };
     server.set_keep_alive_max_count(100000);
+    server.set_tcp_nodelay(true);
     server.Get(".*", [&body](const httplib::Request&, httplib::Response& response) {
         response.set_content(body, "application/json");
     });

@@ -2,9 +2,11 @@
 // kxsandbox process: what each answers, and that writes are visible to the next reads.
 #include "KXSandboxFixture.h"
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <regex>
+#include <thread>
 
 namespace {
 
@@ -337,12 +339,22 @@ TEST_F(SandboxResources, EveryRequestIsLoggedWithMethodPathStatusAndMilliseconds
     get("/guests/nobody");
     const std::regex line(R"(^(GET|POST|PUT|DELETE) (/\S*) (\d{3}) \d+\.\dms$)");
     std::vector<std::string> logged;
-    for (const std::string& text : sandbox->lines()) {
-        std::smatch match;
-        if (std::regex_match(text, match, line)) {
-            logged.push_back(match[1].str() + " " + match[2].str() + " " + match[3].str());
+    // The service writes a request's line once its answer is sent, so the last line may still
+    // be on its way when the answer arrives.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    do {
+        logged.clear();
+        for (const std::string& text : sandbox->lines()) {
+            std::smatch match;
+            if (std::regex_match(text, match, line)) {
+                logged.push_back(match[1].str() + " " + match[2].str() + " " + match[3].str());
+            }
         }
-    }
+        if (logged.size() >= 4) {
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    } while (std::chrono::steady_clock::now() < deadline);
     EXPECT_EQ(logged, (std::vector<std::string>{
                           "POST /token 200",
                           "POST /ZandrelService/rest/bu/BU1/guests 201",

@@ -44,8 +44,10 @@ CREATE TABLE IF NOT EXISTS messages(
     subject TEXT NOT NULL, content_type TEXT NOT NULL, content TEXT NOT NULL,
     sender TEXT NOT NULL, date_received INTEGER NOT NULL, read INTEGER NOT NULL,
     PRIMARY KEY(tenant, id));
-CREATE INDEX IF NOT EXISTS messages_by_inbox
-    ON messages(tenant, guest_id, domain_id, date_received DESC, id);
+DROP INDEX IF EXISTS messages_by_inbox;
+CREATE INDEX IF NOT EXISTS messages_by_inbox_covering
+    ON messages(tenant, guest_id, domain_id, date_received DESC, id, subject, content_type, sender,
+                read);
 CREATE TABLE IF NOT EXISTS sessions(
     tenant TEXT NOT NULL, id TEXT NOT NULL, guest_id TEXT, started_at INTEGER NOT NULL,
     updated_at INTEGER NOT NULL, closed INTEGER NOT NULL, updates INTEGER NOT NULL,
@@ -117,6 +119,14 @@ std::optional<std::string> Statement::text(int column) const {
     }
     const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
     return std::string(bytes, static_cast<std::size_t>(sqlite3_column_bytes(statement_, column)));
+}
+
+std::string_view Statement::view(int column) const {
+    const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
+    if (bytes == nullptr) {
+        return {};
+    }
+    return {bytes, static_cast<std::size_t>(sqlite3_column_bytes(statement_, column))};
 }
 
 bool Statement::isNull(int column) const {
@@ -204,7 +214,29 @@ void Transaction::commit() {
     done_ = true;
 }
 
+ReadTransaction::ReadTransaction(Connection& connection) : connection_(connection) {
+    connection_.run("BEGIN");
+}
+
+ReadTransaction::~ReadTransaction() {
+    try {
+        connection_.run("COMMIT");
+    } catch (const DatabaseError&) {
+        // Nothing was written: ending it either way leaves the connection ready for the next
+        // borrower.
+        try {
+            connection_.execute("ROLLBACK");
+        } catch (const DatabaseError&) {
+            // Already ended.
+        }
+    }
+}
+
 Database::Database(std::filesystem::path file) : file_(std::move(file)) {
+    // Before SQLite initialises: without memory statistics, its allocations take no mutex that
+    // every connection shares.
+    static std::once_flag configured;
+    std::call_once(configured, [] { sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0); });
     if (file_.has_parent_path()) {
         std::filesystem::create_directories(file_.parent_path());
     }

@@ -54,6 +54,8 @@ public:
     std::optional<std::string> text(int column) const;
     /// Text of a NOT NULL column (empty when NULL).
     std::string string(int column) const { return text(column).value_or(std::string()); }
+    /// The text of a column without a copy (empty when NULL), valid until the next step or reset.
+    std::string_view view(int column) const;
     bool isNull(int column) const;
 
 private:
@@ -97,6 +99,19 @@ public:
 private:
     Connection& connection_;
     bool done_ = false;
+};
+
+/// A read transaction: BEGIN now, COMMIT when dropped. The queries made meanwhile see one
+/// snapshot of the database and share one acquisition of its locks.
+class ReadTransaction {
+public:
+    explicit ReadTransaction(Connection& connection);
+    ~ReadTransaction();
+    ReadTransaction(const ReadTransaction&) = delete;
+    ReadTransaction& operator=(const ReadTransaction&) = delete;
+
+private:
+    Connection& connection_;
 };
 
 /// Connections to one database file, handed out one per borrower.

@@ -1,5 +1,6 @@
 #include "KXSandboxHTTP.h"
 
+#include <algorithm>
 #include <array>
 #include <cctype>
 #include <charconv>
@@ -176,6 +177,33 @@ std::optional<bool> optionalFlag(const JSON& object, const char* key) {
     badRequest(std::string("\"") + key + "\" must be true, false, 0 or 1");
 }
 
+void appendJSONString(std::string& out, std::string_view text) {
+    // Printable ASCII other than the quote and the backslash stands for itself; anything else
+    // (escapes, UTF-8, ill-formed bytes) is left to the JSON library's own writer.
+    static constexpr auto kPlain = [] {
+        std::array<bool, 256> plain{};
+        for (int byte = 0x20; byte < 0x7f; ++byte) {
+            plain[static_cast<std::size_t>(byte)] = byte != '"' && byte != '\\';
+        }
+        return plain;
+    }();
+    for (const char c : text) {
+        if (!kPlain[static_cast<unsigned char>(c)]) {
+            out += JSON(std::string(text)).dump(-1, ' ', false, JSON::error_handler_t::replace);
+            return;
+        }
+    }
+    out += '"';
+    out += text;
+    out += '"';
+}
+
+void appendJSONInteger(std::string& out, std::int64_t value) {
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+    out.append(digits, end);
+}
+
 std::int64_t nowMilliseconds() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
                std::chrono::system_clock::now().time_since_epoch())
@@ -252,14 +280,9 @@ Router::Match Router::match(const std::string& method,
         if (route.pattern.size() != segments.size()) {
             continue;
         }
-        std::vector<std::string> arguments;
         bool matches = true;
         for (std::size_t i = 0; i < segments.size() && matches; ++i) {
-            if (route.pattern[i] == "{}") {
-                arguments.push_back(segments[i]);
-            } else {
-                matches = route.pattern[i] == segments[i];
-            }
+            matches = route.pattern[i] == "{}" || route.pattern[i] == segments[i];
         }
         if (!matches) {
             continue;
@@ -267,7 +290,11 @@ Router::Match Router::match(const std::string& method,
         result.allowed.push_back(route.method);
         if (route.method == method && result.handler == nullptr) {
             result.handler = &route.handler;
-            result.arguments = std::move(arguments);
+            for (std::size_t i = 0; i < segments.size(); ++i) {
+                if (route.pattern[i] == "{}") {
+                    result.arguments.push_back(segments[i]);
+                }
+            }
         }
     }
     return result;

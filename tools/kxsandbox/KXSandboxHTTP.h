@@ -14,6 +14,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -68,6 +69,12 @@ std::optional<JSON> optionalStringArray(const JSON& object, const char* key);
 /// A boolean, also given as the number 0 or 1.
 std::optional<bool> optionalFlag(const JSON& object, const char* key);
 
+/// Appends `text` as a JSON string, byte for byte as JSON::dump(-1, ' ', false,
+/// JSON::error_handler_t::replace) writes it.
+void appendJSONString(std::string& out, std::string_view text);
+/// Appends `value` as JSON::dump writes an integer.
+void appendJSONInteger(std::string& out, std::int64_t value);
+
 /// Milliseconds since 1970 (UTC).
 std::int64_t nowMilliseconds();
 /// A new identifier: `prefix` followed by 16 random hexadecimal digits.
@@ -87,8 +94,9 @@ struct Context {
     std::vector<std::string> segments;
     /// Values of the pattern's "{}" segments, in order.
     std::vector<std::string> arguments;
-    std::multimap<std::string, std::string> query;
-    std::string body;
+    /// The request's query parameters and body, which outlive the handler's call.
+    const std::multimap<std::string, std::string>& query;
+    const std::string& body;
     Connection& db;
     const ServiceSettings& settings;
 
@@ -104,9 +112,16 @@ struct Context {
 };
 
 struct Reply {
+    Reply(int replyStatus = 200, JSON replyBody = JSON::object(),
+          std::vector<std::pair<std::string, std::string>> replyHeaders = {})
+        : status(replyStatus), body(std::move(replyBody)), headers(std::move(replyHeaders)) {}
+
     int status = 200;
     JSON body = JSON::object();
     std::vector<std::pair<std::string, std::string>> headers;
+    /// When not empty, the body's JSON text as the handler rendered it, sent instead of `body`:
+    /// for answers whose many records would cost more as JSON values than as text.
+    std::string text;
 
     /// 201 with the new record's id in "newRecordId" and the record as body.
     static Reply created(const std::string& id, JSON record);

@@ -52,6 +52,22 @@ JSON header(const Statement& row) {
             {"flags", {{"read", row.integer(5) != 0}}}};
 }
 
+/// The members of header(row) as JSON text, in the order JSON::dump writes them, without the
+/// braces.
+void appendHeaderFields(std::string& out, const Statement& row) {
+    out += R"("contentType":)";
+    appendJSONString(out, row.view(2));
+    out += R"(,"dateReceived":)";
+    appendJSONInteger(out, row.integer(4));
+    out += row.integer(5) != 0 ? R"(,"flags":{"read":true},"id":)"
+                               : R"(,"flags":{"read":false},"id":)";
+    appendJSONString(out, row.view(0));
+    out += R"(,"sender":)";
+    appendJSONString(out, row.view(3));
+    out += R"(,"subject":)";
+    appendJSONString(out, row.view(1));
+}
+
 Reply summary(Context& ctx) {
     const Domain domain = requireInbox(ctx);
     Statement counts = ctx.db
@@ -85,20 +101,36 @@ Reply messages(Context& ctx) {
                 "ORDER BY date_received DESC, id LIMIT ?4 OFFSET ?5")
             .bind({ctx.tenant, ctx.arguments[0], ctx.arguments[1],
                    limit < 0 ? std::int64_t{-1} : limit + 1, offset});
-    JSON records = JSON::array();
+    // The page is rendered as text, as JSON::dump would write {"hasMoreRecords", "limit",
+    // "offset", "records"} with each record's keys in order: building a JSON value for every
+    // record and then writing it cost several times what the three queries cost.
+    std::string records;
+    records.reserve(4096);
+    std::size_t count = 0;
     bool more = false;
     while (rows.step()) {
-        if (limit >= 0 && static_cast<std::int64_t>(records.size()) == limit) {
+        if (limit >= 0 && static_cast<std::int64_t>(count) == limit) {
             more = true;
             break;
         }
-        records.push_back(header(rows));
+        records += count++ == 0 ? "{" : ",{";
+        appendHeaderFields(records, rows);
+        records += '}';
     }
-    JSON body = {{"records", std::move(records)}, {"hasMoreRecords", more}, {"offset", offset}};
+    Reply reply;
+    std::string& text = reply.text;
+    text.reserve(records.size() + 96);
+    text = more ? R"({"hasMoreRecords":true)" : R"({"hasMoreRecords":false)";
     if (limit >= 0) {
-        body["limit"] = limit;
+        text += R"(,"limit":)";
+        appendJSONInteger(text, limit);
     }
-    return {200, std::move(body), {}};
+    text += R"(,"offset":)";
+    appendJSONInteger(text, offset);
+    text += R"(,"records":[)";
+    text += records;
+    text += "]}";
+    return reply;
 }
 
 Reply details(Context& ctx) {

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <random>
 #include <set>
+#include <shared_mutex>
 #include <thread>
 
 namespace kxsandbox {
@@ -23,6 +24,10 @@ void writeReply(httplib::Response& response, const Reply& reply) {
     response.status = reply.status;
     for (const auto& [name, value] : reply.headers) {
         response.set_header(name, value);
+    }
+    if (!reply.text.empty()) {
+        response.set_content(reply.text, "application/json");
+        return;
     }
     response.set_content(reply.body.dump(-1, ' ', false, JSON::error_handler_t::replace),
                          "application/json");
@@ -88,13 +93,16 @@ Server::Server(Database& database, ServeOptions options)
     };
     http_->set_payload_max_length(kMaxBodyBytes);
     http_->set_keep_alive_max_count(100000);
+    // cpp-httplib writes an answer's header and body separately: without TCP_NODELAY a kept-alive
+    // connection holds the body back on Nagle's algorithm until the client's delayed ACK, about
+    // 40 ms.
+    http_->set_tcp_nodelay(true);
     http_->set_pre_routing_handler([](const httplib::Request&, httplib::Response&) {
         requestStart = std::chrono::steady_clock::now();
         return httplib::Server::HandlerResponse::Unhandled;
     });
     const auto handler = [this](const httplib::Request& request, httplib::Response& response) {
-        std::multimap<std::string, std::string> query(request.params.begin(), request.params.end());
-        const Reply reply = answer(request.method, request.path, query, request.body,
+        const Reply reply = answer(request.method, request.path, request.params, request.body,
                                    request.get_header_value("Authorization"));
         writeReply(response, reply);
         const std::string length = request.get_header_value("Content-Length");
@@ -206,8 +214,8 @@ Reply Server::dispatch(const std::string& method, const std::string& tenant,
                        const std::string& rest,
                        const std::multimap<std::string, std::string>& query,
                        const std::string& body) {
-    const std::vector<std::string> segments = splitPath(rest);
-    const Router::Match match = router_.match(method, segments);
+    std::vector<std::string> segments = splitPath(rest);
+    Router::Match match = router_.match(method, segments);
     if (match.handler == nullptr) {
         if (match.allowed.empty()) {
             return errorReply(404, "not_found", "no resource at " + tenant + "/" + rest);
@@ -221,8 +229,12 @@ Reply Server::dispatch(const std::string& method, const std::string& tenant,
         ensureTenant(tenant);
     }
     auto lease = database_.borrow();
-    Context context{tenant, method, segments, match.arguments, query, body, *lease, settings_};
+    Context context{tenant, method,   std::move(segments), std::move(match.arguments), query, body,
+                    *lease, settings_};
     if (method == "GET") {
+        // One snapshot for all the handler's queries: the database's locks are taken once per
+        // request instead of once per query.
+        ReadTransaction snapshot(*lease);
         return (*match.handler)(context);
     }
     Transaction transaction(*lease);
@@ -232,6 +244,13 @@ Reply Server::dispatch(const std::string& method, const std::string& tenant,
 }
 
 void Server::ensureTenant(const std::string& tenant) {
+    {
+        // Every request asks; once a tenant is known, readers do not wait for each other.
+        std::shared_lock known(tenantsMutex_);
+        if (knownTenants_.count(tenant) != 0) {
+            return;
+        }
+    }
     std::lock_guard lock(tenantsMutex_);
     if (knownTenants_.count(tenant) != 0) {
         return;

@@ -14,6 +14,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <shared_mutex>
 #include <string>
 #include <utility>
 
@@ -64,7 +65,7 @@ private:
     Router router_;
     std::unique_ptr<httplib::Server> http_;
     /// Tenants seen (and seeded) since start.
-    std::mutex tenantsMutex_;
+    std::shared_mutex tenantsMutex_;
     std::set<std::string> knownTenants_;
 };
 
