@@ -33,23 +33,7 @@ std::shared_ptr<KXInboxMessage> messageWithId(const std::string& id) {
     return message;
 }
 
-/// What the callbacks of one or more operations saw, in order: "success",
-/// "failure:<code>: <message>".
-struct Events {
-    std::vector<std::string> seen;
-
-    KXInboxManager::FailureBlock failure() {
-        return [this](const KXError& error) {
-            seen.push_back("failure:" + std::to_string(error.code) + ":" +
-                           error.localizedDescription());
-        };
-    }
-    void succeeded() { seen.emplace_back("success"); }
-    KXInboxManager::DoneBlock done() {
-        return [this] { succeeded(); };
-    }
-    std::size_t count() const { return seen.size(); }
-};
+using Events = KXEventLog;
 
 class KXInboxServiceTest : public KXTransportTest {
 protected:
@@ -57,13 +41,6 @@ protected:
         giveToken();
         KXConfig::defaultConfig().setInboxDomainId("d1");
         KXGuest::currentGuest()->setExternalId("g1");
-    }
-
-    /// Runs the main queue until `events` holds `count` entries, then a moment
-    /// more to catch extra callbacks.
-    void waitForEvents(const Events& events, std::size_t count) {
-        EXPECT_TRUE(runUntil([&] { return events.count() >= count; }));
-        drain();
     }
 
     /// Fetches page `page` of `limit` messages into the shared inbox, answered

@@ -13,18 +13,10 @@ namespace {
 
 const std::string kLists = "/KXFrontier-stg/lists";
 
-/// What the callbacks saw, in order: "success", "success:<list name>",
-/// "failure:<code>:<text>".
-struct Events {
-    std::vector<std::string> seen;
+/// The callbacks also record "success:<list name>".
+struct Events : KXEventLog {
     std::shared_ptr<KXList> list;
 
-    KXListManager::FailureBlock failure() {
-        return [this](const KXError& error) {
-            seen.push_back("failure:" + std::to_string(error.code) + ":" +
-                           error.localizedDescription());
-        };
-    }
     KXListManager::ListSuccessBlock listSuccess() {
         return [this](std::shared_ptr<KXList> l) {
             seen.push_back("success:" + l->name().value_or("(none)"));
@@ -32,18 +24,13 @@ struct Events {
         };
     }
     KXListManager::ListsSuccessBlock listsSuccess() {
-        return [this](const std::optional<KXLists>&, bool) { seen.emplace_back("success"); };
+        return [this](const std::optional<KXLists>&, bool) { succeeded(); };
     }
 };
 
 class KXListManagerTest : public KXTransportTest {
 protected:
     KXListManagerTest() { giveToken(); }
-
-    void waitForEvents(const Events& events, std::size_t count) {
-        EXPECT_TRUE(runUntil([&] { return events.seen.size() >= count; }));
-        drain();
-    }
 };
 
 }  // namespace

@@ -213,31 +213,19 @@ TEST_F(KXAppDelegateProxyTest, ACallbackBothImplementRunsOnTheLibraryDelegateFir
     EXPECT_EQ(KXDevice::currentDevice().deviceToken(), expected);
 }
 
-TEST_F(KXAppDelegateProxyTest, ACallbackOfOneDelegateReachesOnlyThatOne) {
-    install({Callback::DidBecomeActive});
+TEST_F(KXAppDelegateProxyTest, OtherCallbacksAndResultsGoToTheApplicationDelegateOnly) {
+    install({Callback::DidBecomeActive, Callback::DidFinishLaunching});
     application().postEvent(KXApplicationEvent::DidBecomeActive);
-    application().deliverDeviceToken({0x01});
-    EXPECT_EQ(log, (Strings{"app didBecomeActive", "library token 1"}));
-}
-
-TEST_F(KXAppDelegateProxyTest, AnUnclaimedCallbackStillGoesToTheApplicationDelegate) {
+    application().deliverDeviceToken({0x01});  // the library's alone
+    for (const bool result : {false, true}) {
+        app->launchResult = result;
+        EXPECT_EQ(proxy->didFinishLaunching(application(), KXJSON::object()), result);
+    }
     install({});
-    proxy->didBecomeActive(application());
-    EXPECT_EQ(log, (Strings{"app didBecomeActive"}));
-}
-
-TEST_F(KXAppDelegateProxyTest, AResultComesFromTheApplicationDelegate) {
-    install({Callback::DidFinishLaunching});
-    app->launchResult = false;
-    EXPECT_FALSE(proxy->didFinishLaunching(application(), KXJSON::object()));
-    app->launchResult = true;
-    EXPECT_TRUE(proxy->didFinishLaunching(application(), KXJSON::object()));
-}
-
-TEST_F(KXAppDelegateProxyTest, DescriptionNeverReachesTheLibraryDelegate) {
-    install({});
+    proxy->didBecomeActive(application());  // unclaimed, still the application's
     EXPECT_EQ(proxy->description(), "<AppDelegate>");
-    EXPECT_EQ(log, (Strings{"app description"}));
+    EXPECT_EQ(log, (Strings{"app didBecomeActive", "library token 1", "app didFinishLaunching",
+                            "app didFinishLaunching", "app didBecomeActive", "app description"}));
 }
 
 TEST_F(KXAppDelegateProxyTest, ForwardingWithoutAnApplicationDelegateThrows) {
@@ -409,12 +397,20 @@ TEST(KXClientFrameworkAppDelegate, TokenBytesBecomeLowercaseHexWithoutSeparators
     EXPECT_EQ(text.substr(56), "0c0d0e0f");
 }
 
-TEST(KXClientFrameworkAppDelegate, ANewTokenIsSavedMarkedAndLogged) {
-    auto platform = KXTestPlatform::install();
-    kxLogLevel = 3;
-    auto sink = KXCapturingSink::install();
-    KXClientFrameworkAppDelegate delegate;
+namespace {
 
+class LibraryDelegate : public testing::Test {
+protected:
+    LibraryDelegate() { kxLogLevel = 3; }
+
+    std::shared_ptr<KXTestPlatform> platform = KXTestPlatform::install();
+    KXCapturingSink::Guard sink = KXCapturingSink::install();
+    KXClientFrameworkAppDelegate delegate;
+};
+
+}  // namespace
+
+TEST_F(LibraryDelegate, ANewTokenIsSavedMarkedAndLogged) {
     delegate.didRegisterForRemoteNotificationsWithDeviceToken(platform->application(),
                                                               {0xde, 0xad, 0xbe, 0xef});
     EXPECT_TRUE(KXClientFramework::sharedManager().pushEnabledOnDevice());
@@ -429,22 +425,15 @@ TEST(KXClientFrameworkAppDelegate, ANewTokenIsSavedMarkedAndLogged) {
         << lines[0];
 }
 
-TEST(KXClientFrameworkAppDelegate, AnEmptyTokenIsRefusedButStillMarksTheDevice) {
-    auto platform = KXTestPlatform::install();
-    kxLogLevel = 3;
-    auto sink = KXCapturingSink::install();
-    KXClientFrameworkAppDelegate delegate;
+TEST_F(LibraryDelegate, AnEmptyTokenIsRefusedButStillMarksTheDevice) {
     delegate.didRegisterForRemoteNotificationsWithDeviceToken(platform->application(), {});
     EXPECT_TRUE(KXClientFramework::sharedManager().pushEnabledOnDevice());
     EXPECT_EQ(sink->linesContaining("No device token found").size(), 1u);
     EXPECT_EQ(sink->linesContaining("APNS device applicationToken: (null)").size(), 1u);
 }
 
-TEST(KXClientFrameworkAppDelegate, ARegistrationFailureIsOnlyLogged) {
-    auto platform = KXTestPlatform::install();
+TEST_F(LibraryDelegate, ARegistrationFailureIsOnlyLogged) {
     kxLogLevel = 1;
-    auto sink = KXCapturingSink::install();
-    KXClientFrameworkAppDelegate delegate;
     delegate.didFailToRegisterForRemoteNotificationsWithError(
         platform->application(), KXError("NSCocoaErrorDomain", 3010, {{"message", "no push"}}));
     const auto lines = sink->lines();
@@ -458,11 +447,7 @@ TEST(KXClientFrameworkAppDelegate, ARegistrationFailureIsOnlyLogged) {
     EXPECT_EQ(KXDevice::currentDevice().deviceToken(), std::nullopt);
 }
 
-TEST(KXClientFrameworkAppDelegate, AnActionIsLoggedAndCompletedAtOnce) {
-    auto platform = KXTestPlatform::install();
-    kxLogLevel = 3;
-    auto sink = KXCapturingSink::install();
-    KXClientFrameworkAppDelegate delegate;
+TEST_F(LibraryDelegate, AnActionIsLoggedAndCompletedAtOnce) {
     int completions = 0;
     delegate.handleActionWithIdentifier(platform->application(), "DECLINE_IDENTIFIER",
                                         {{"aps", {{"listId", "L1"}}}}, [&] { ++completions; });
@@ -475,9 +460,7 @@ TEST(KXClientFrameworkAppDelegate, AnActionIsLoggedAndCompletedAtOnce) {
     delegate.handleActionWithIdentifier(platform->application(), "X", nullptr, {});
 }
 
-TEST(KXClientFrameworkAppDelegate, RegisteredSettingsRegisterForRemoteNotifications) {
-    auto platform = KXTestPlatform::install();
-    KXClientFrameworkAppDelegate delegate;
+TEST_F(LibraryDelegate, RegisteredSettingsRegisterForRemoteNotifications) {
     EXPECT_EQ(platform->recordingApplication().registerForRemoteNotificationsCount(), 0);
     delegate.didRegisterUserNotificationSettings(platform->application(), {});
     EXPECT_EQ(platform->recordingApplication().registerForRemoteNotificationsCount(), 1);

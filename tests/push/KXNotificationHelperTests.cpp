@@ -17,35 +17,33 @@ void drain(KXTestPlatform& platform) {
 
 }  // namespace
 
-TEST(KXNotificationHelper, GrantedAuthorisationRegistersForRemoteNotifications) {
-    auto platform = KXTestPlatform::install();
-    KXNotificationHelper::registerUNNotifications();
-
-    EXPECT_EQ(platform->fakeNotificationAuthorizer().requests(), std::vector<std::uint32_t>{7});
-    // The answer arrives later, on the main queue.
-    EXPECT_EQ(platform->recordingApplication().registerForRemoteNotificationsCount(), 0);
-    ASSERT_TRUE(platform->runUntil([&] {
-        return platform->recordingApplication().registerForRemoteNotificationsCount() > 0;
-    }));
-    drain(*platform);
-    EXPECT_EQ(platform->recordingApplication().registerForRemoteNotificationsCount(), 1);
-    EXPECT_FALSE(platform->application().currentUserNotificationSettings().has_value());
-}
-
-TEST(KXNotificationHelper, RefusedAuthorisationDoesNotRegister) {
-    auto platform = KXTestPlatform::install();
-    platform->fakeNotificationAuthorizer().deny();
-    KXNotificationHelper::registerUNNotifications();
-    drain(*platform);
-
-    EXPECT_EQ(platform->fakeNotificationAuthorizer().requests(), std::vector<std::uint32_t>{7});
-    EXPECT_EQ(platform->recordingApplication().registerForRemoteNotificationsCount(), 0);
-    EXPECT_FALSE(platform->application().isRegisteredForRemoteNotifications());
-
-    platform->fakeNotificationAuthorizer().deny(KXError("UNErrorDomain", 1));
-    KXNotificationHelper::registerUNNotifications();
-    drain(*platform);
-    EXPECT_EQ(platform->recordingApplication().registerForRemoteNotificationsCount(), 0);
+TEST(KXNotificationHelper, OnlyAGrantedAuthorisationRegistersForRemoteNotifications) {
+    struct Case {
+        const char* name;
+        bool granted;
+        std::optional<KXError> error;
+    };
+    for (const Case& c : {Case{"granted", true, {}}, Case{"refused", false, {}},
+                          Case{"refused with an error", false, KXError("UNErrorDomain", 1)}}) {
+        SCOPED_TRACE(c.name);
+        auto platform = KXTestPlatform::install();
+        const auto registrations = [&] {
+            return platform->recordingApplication().registerForRemoteNotificationsCount();
+        };
+        if (!c.granted) {
+            platform->fakeNotificationAuthorizer().deny(c.error);
+        }
+        KXNotificationHelper::registerUNNotifications();
+        EXPECT_EQ(platform->fakeNotificationAuthorizer().requests(), std::vector<std::uint32_t>{7});
+        EXPECT_EQ(registrations(), 0) << "the answer arrives later, on the main queue";
+        if (c.granted) {
+            ASSERT_TRUE(platform->runUntil([&] { return registrations() > 0; }));
+        }
+        drain(*platform);
+        EXPECT_EQ(registrations(), c.granted ? 1 : 0);
+        EXPECT_EQ(platform->application().isRegisteredForRemoteNotifications(), c.granted);
+        EXPECT_FALSE(platform->application().currentUserNotificationSettings().has_value());
+    }
 }
 
 TEST(KXNotificationHelper, OlderRegistrationAsksForBadgeSoundAndAlertWithoutCategories) {
