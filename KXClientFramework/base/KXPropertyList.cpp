@@ -165,33 +165,44 @@ private:
         std::uint64_t count = 0;
     };
 
+    // Reads the size field of the object at `at`: the marker's low nibble, or when that is 0x0F
+    // the integer object that follows it. Leaves `at` just past the field; false when the field
+    // is malformed or runs past the object table.
+    bool readSize(std::uint64_t& at, std::uint64_t& size) const {
+        size = data_[at] & 0x0F;
+        ++at;
+        if (size != 0x0F) {
+            return true;
+        }
+        if (at >= tableOffset_) {
+            return false;
+        }
+        const std::uint8_t intMarker = data_[at];
+        if ((intMarker >> 4) != 0x1 || (intMarker & 0x0F) > 3) {
+            return false;
+        }
+        const std::size_t width = std::size_t{1} << (intMarker & 0x0F);
+        ++at;
+        if (at + width > tableOffset_) {
+            return false;
+        }
+        size = readBigEndian(data_.data() + at, width);
+        at += width;
+        return true;
+    }
+
     // Where the child references of object `index` start and how many there are; a count of
     // zero for scalars. False when the object's header runs out of bounds.
     bool children(std::uint64_t index, Children& out) const {
         std::uint64_t at = offsets_[index];
-        const std::uint8_t marker = data_[at];
-        const std::uint8_t type = marker >> 4;
+        const std::uint8_t type = data_[at] >> 4;
         if (type != 0xA && type != 0xB && type != 0xC && type != 0xD) {
             out = {};
             return true;
         }
-        std::uint64_t count = marker & 0x0F;
-        ++at;
-        if (count == 0x0F) {
-            if (at >= tableOffset_) {
-                return false;
-            }
-            const std::uint8_t intMarker = data_[at];
-            if ((intMarker >> 4) != 0x1 || (intMarker & 0x0F) > 3) {
-                return false;
-            }
-            const std::size_t width = std::size_t{1} << (intMarker & 0x0F);
-            ++at;
-            if (at + width > tableOffset_) {
-                return false;
-            }
-            count = readBigEndian(data_.data() + at, width);
-            at += width;
+        std::uint64_t count = 0;
+        if (!readSize(at, count)) {
+            return false;
         }
         const std::uint64_t refs = type == 0xD ? 2 : 1;
         const std::uint64_t room = (tableOffset_ - at) / refSize_;
@@ -214,28 +225,13 @@ private:
     // Dictionary keys must be strings without U+0000 (libplist asserts on such keys).
     bool isUsableKey(std::uint64_t index) const {
         std::uint64_t at = offsets_[index];
-        const std::uint8_t marker = data_[at];
-        const std::uint8_t type = marker >> 4;
+        const std::uint8_t type = data_[at] >> 4;
         if (type != 0x5 && type != 0x6) {
             return false;
         }
-        std::uint64_t length = marker & 0x0F;
-        ++at;
-        if (length == 0x0F) {
-            if (at >= tableOffset_) {
-                return false;
-            }
-            const std::uint8_t intMarker = data_[at];
-            if ((intMarker >> 4) != 0x1 || (intMarker & 0x0F) > 3) {
-                return false;
-            }
-            const std::size_t width = std::size_t{1} << (intMarker & 0x0F);
-            ++at;
-            if (at + width > tableOffset_) {
-                return false;
-            }
-            length = readBigEndian(data_.data() + at, width);
-            at += width;
+        std::uint64_t length = 0;
+        if (!readSize(at, length)) {
+            return false;
         }
         const std::uint64_t unit = type == 0x6 ? 2 : 1;
         if (length > (tableOffset_ - at) / unit) {
@@ -540,31 +536,25 @@ plist_t toPlist(const KXJSON& value, std::size_t depth, bool& ok) {
         return nullptr;
     }
     switch (value.type()) {
-        case KXJSON::value_t::object: {
-            PlistPtr dict(plist_new_dict());
-            for (const auto& [key, item] : value.items()) {
-                plist_t child = toPlist(item, depth + 1, ok);
-                if (!ok) {
-                    return nullptr;
-                }
-                if (child != nullptr) {
-                    plist_dict_set_item(dict.get(), sanitizedUTF8(key).c_str(), child);
-                }
-            }
-            return dict.release();
-        }
+        case KXJSON::value_t::object:
         case KXJSON::value_t::array: {
-            PlistPtr array(plist_new_array());
-            for (const auto& item : value) {
-                plist_t child = toPlist(item, depth + 1, ok);
+            const bool isObject = value.is_object();
+            PlistPtr container(isObject ? plist_new_dict() : plist_new_array());
+            for (auto it = value.begin(); it != value.end(); ++it) {
+                plist_t child = toPlist(*it, depth + 1, ok);
                 if (!ok) {
                     return nullptr;
                 }
-                if (child != nullptr) {
-                    plist_array_append_item(array.get(), child);
+                if (child == nullptr) {
+                    continue;
+                }
+                if (isObject) {
+                    plist_dict_set_item(container.get(), sanitizedUTF8(it.key()).c_str(), child);
+                } else {
+                    plist_array_append_item(container.get(), child);
                 }
             }
-            return array.release();
+            return container.release();
         }
         case KXJSON::value_t::string:
             return plist_new_string(sanitizedUTF8(value.get_ref<const std::string&>()).c_str());
@@ -597,6 +587,24 @@ PlistPtr rootFor(const KXJSON& value) {
         root.reset(plist_new_dict());
     }
     return root;
+}
+
+// `value` written by one of libplist's writers into `Bytes`; empty when it cannot be written.
+template <typename Bytes, typename Writer, typename Release>
+Bytes written(const KXJSON& value, Writer write, Release release) {
+    PlistPtr root = rootFor(value);
+    if (!root) {
+        return {};
+    }
+    char* bytes = nullptr;
+    std::uint32_t length = 0;
+    write(root.get(), &bytes, &length);
+    if (bytes == nullptr) {
+        return {};
+    }
+    Bytes out(bytes, bytes + length);
+    release(bytes);
+    return out;
 }
 
 }  // namespace
@@ -641,34 +649,9 @@ std::optional<KXJSON> KXPropertyList::parse(std::span<const std::uint8_t> bytes)
 }
 
 std::string KXPropertyList::toXML(const KXJSON& value) {
-    PlistPtr root = rootFor(value);
-    if (!root) {
-        return {};
-    }
-    char* xml = nullptr;
-    std::uint32_t length = 0;
-    plist_to_xml(root.get(), &xml, &length);
-    if (xml == nullptr) {
-        return {};
-    }
-    std::string out(xml, length);
-    plist_to_xml_free(xml);
-    return out;
+    return written<std::string>(value, plist_to_xml, plist_to_xml_free);
 }
 
 std::vector<std::uint8_t> KXPropertyList::toBinary(const KXJSON& value) {
-    PlistPtr root = rootFor(value);
-    if (!root) {
-        return {};
-    }
-    char* bin = nullptr;
-    std::uint32_t length = 0;
-    plist_to_bin(root.get(), &bin, &length);
-    if (bin == nullptr) {
-        return {};
-    }
-    std::vector<std::uint8_t> out(reinterpret_cast<const std::uint8_t*>(bin),
-                                  reinterpret_cast<const std::uint8_t*>(bin) + length);
-    plist_to_bin_free(bin);
-    return out;
+    return written<std::vector<std::uint8_t>>(value, plist_to_bin, plist_to_bin_free);
 }

@@ -110,6 +110,11 @@ void KXClientFramework::engageUsingKey(const std::string& key) {
     KXEngagement::shared().engage(*this, key);
 }
 
+void KXClientFramework::setEngagementAuthenticationHandler(
+    std::function<void(const std::optional<KXError>&)> handler) {
+    KXEngagement::shared().setAuthenticationHandler(std::move(handler));
+}
+
 void KXClientFramework::engageWithAutoGuestUsingKey(
     const std::string& key, std::function<void(const std::shared_ptr<KXGuest>&)> success,
     std::function<void(const KXError&)> failure) {

@@ -102,6 +102,13 @@ public:
     /// requests made meanwhile wait for it in the transport. Only the first call engages; later
     /// ones only recompute backgroundNotificationEnabled().
     void engageUsingKey(const std::string& key);
+    /// Tells the application how the authentication that engageUsingKey() starts ended: on the
+    /// main queue, with std::nullopt once the bearer token arrived, or with the error (after the
+    /// ERROR line "Error Zandrel had trouble starting."). Set it before engaging; an empty
+    /// function removes it. Engaging without a configuration starts no authentication, and the
+    /// handler is not called.
+    static void setEngagementAuthenticationHandler(
+        std::function<void(const std::optional<KXError>&)> handler);
 
     /// engageUsingKey(), then makes sure a guest exists for this installation. With the
     /// configuration's autoGuestEnabled, the guest id stored under autoGuestStorageKey() is

@@ -147,6 +147,11 @@ KXPlatform& KXEngagement::platform() const {
     return collaborators_.platform();
 }
 
+void KXEngagement::setAuthenticationHandler(AuthenticationHandler handler) {
+    std::lock_guard lock(mutex_);
+    authenticationHandler_ = std::move(handler);
+}
+
 std::shared_ptr<KXClientFramework> KXEngagement::engaged() const {
     std::lock_guard lock(mutex_);
     return engaged_;
@@ -211,12 +216,25 @@ void KXEngagement::engage(KXClientFramework& caller, const std::string& key) {
         }
         KX_LOG_AS(KXLogLevel::Debug, kEngageUsingKey, "Authenticating KX iOS SDK");
         chooseCredentials(caller);
+        AuthenticationHandler told;
+        {
+            std::lock_guard lock(mutex_);
+            told = authenticationHandler_;
+        }
         authenticate(
             caller.clientId(), caller.clientSecret(),
-            [] { KX_LOG_AS(KXLogLevel::Debug, kEngageUsingKey, "\n\nKX iOS SDK Ready!\n\n"); },
-            [](const KXError& error) {
+            [told] {
+                KX_LOG_AS(KXLogLevel::Debug, kEngageUsingKey, "\n\nKX iOS SDK Ready!\n\n");
+                if (told) {
+                    told(std::nullopt);
+                }
+            },
+            [told](const KXError& error) {
                 KX_LOG_AS(KXLogLevel::Error, kEngageUsingKey,
                           "Error Zandrel had trouble starting.\n{}", error.description());
+                if (told) {
+                    told(error);
+                }
             });
     }
 

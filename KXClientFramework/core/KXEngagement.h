@@ -44,6 +44,10 @@ public:
         std::function<std::shared_ptr<KXAnalytics>()> makeAnalytics;
     };
 
+    /// Told how the authentication that engaging starts ended: std::nullopt once the token
+    /// arrived, or the error.
+    using AuthenticationHandler = std::function<void(const std::optional<KXError>&)>;
+
     explicit KXEngagement(Collaborators collaborators);
     ~KXEngagement();
     KXEngagement(const KXEngagement&) = delete;
@@ -68,6 +72,10 @@ public:
                       const std::optional<std::string>& secret, std::function<void()> success,
                       std::function<void(const KXError&)> failure);
 
+    /// Replaces the handler told of engaging's authentication (empty: none). Engaging takes the
+    /// handler set at that moment.
+    void setAuthenticationHandler(AuthenticationHandler handler);
+
     /// Observes launch and termination on the notification centre; only the first call
     /// registers, and each handler runs at most once.
     void observeLaunchAndTermination();
@@ -88,6 +96,7 @@ private:
     Collaborators collaborators_;
     mutable std::mutex mutex_;
     std::shared_ptr<KXClientFramework> engaged_;
+    AuthenticationHandler authenticationHandler_;
     bool observing_ = false;
     std::optional<KXNotificationCenter::Token> launchObserver_;
     std::optional<KXNotificationCenter::Token> terminationObserver_;

@@ -6,6 +6,7 @@
 
 #include "KXCapturingSink.h"
 #include "KXLoopbackService.h"
+#include "KXServiceAddress.h"
 #include "KXTestPlatform.h"
 
 #include <KXClientFramework/KXAnalytics.h>
@@ -31,13 +32,7 @@ protected:
 
     explicit KXAnalyticsTest(KXTestPlatformOptions options = {})
         : platform(KXTestPlatform::install(std::move(options))) {
-        KXServiceEndpoints endpoints;
-        for (std::string* url :
-             {&endpoints.production, &endpoints.test, &endpoints.staging, &endpoints.localServer,
-              &endpoints.development, &endpoints.productionToken, &endpoints.stagingToken}) {
-            *url = service.baseURL();
-        }
-        KXClientFramework::setServiceEndpoints(endpoints);
+        kxtest::pointServiceAt(service.baseURL());
         KXHTTPSessionManager::sharedManager().setBearerToken(
             std::make_shared<KXBearerToken>("test-token", std::nullopt));
         // Long enough that only the tick due at each resume fires during a test.

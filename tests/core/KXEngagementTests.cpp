@@ -187,35 +187,78 @@ TEST_F(KXEngagementTest, EngagingPutsTheDispatcherAroundTheApplicationDelegateAn
               position("[DEBUG] KXClientFramework::engageUsingKey [Line "));
 }
 
-TEST_F(KXEngagementTest, ProductionConfigurationAuthenticatesWithTheProductionCredentials) {
-    Scenario setup;
-    setup.entries += "<key>inProduction</key><true/>\n";
-    start(setup);
-    manager().engageUsingKey(kKey);
-    ASSERT_TRUE(waitForReady());
-    EXPECT_EQ(manager().clientId(), "prod-id");
-    EXPECT_EQ(manager().clientSecret(), "prod-secret");
-    const auto requests = service.requestsTo("/production/token");
-    ASSERT_EQ(requests.size(), 1u);
-    EXPECT_EQ(kxtest::formFields(requests[0].body).at("client_id"), "prod-id");
-    EXPECT_EQ(kxtest::formFields(requests[0].body).at("client_secret"), "prod-secret");
-    EXPECT_TRUE(service.requestsTo("/staging/token").empty());
+// How engaging's authentication ends, each row in a process of its own (the token it gets
+// stays with the process).
+struct AuthenticationRow {
+    const char* name;
+    bool inProduction;
+    KXScriptedAnswer tokenAnswer;
+    std::optional<std::int64_t> failureCode;  // none: the token arrives
+};
+
+void PrintTo(const AuthenticationRow& row, std::ostream* out) {
+    *out << row.name;
 }
 
-TEST_F(KXEngagementTest, AFailedAuthenticationIsOnlyLogged) {
+class KXEngagementAuthenticationTest : public KXEngagementTest,
+                                       public testing::WithParamInterface<AuthenticationRow> {};
+
+TEST_P(KXEngagementAuthenticationTest, IsLoggedAndToldToTheApplicationOnceOnTheMainQueue) {
+    const AuthenticationRow& row = GetParam();
     Scenario setup;
-    setup.stagingTokenAnswer = KXScriptedAnswer::json(401, {{"error", "invalid_client"}});
+    if (row.inProduction) {
+        setup.entries += "<key>inProduction</key><true/>\n";
+    }
+    setup.stagingTokenAnswer = row.tokenAnswer;
     start(setup);
+    std::vector<std::optional<KXError>> told;
+    bool onMainThread = true;
+    KXClientFramework::setEngagementAuthenticationHandler([&](const std::optional<KXError>& error) {
+        onMainThread = onMainThread && platform->mainQueue().isMainThread();
+        told.push_back(error);
+    });
     manager().engageUsingKey(kKey);
-    ASSERT_TRUE(waitFor(
-        [&] { return !sink->linesContaining("Error Zandrel had trouble starting.").empty(); }));
-    const auto lines =
+    ASSERT_TRUE(waitFor([&] { return !told.empty(); }));
+    drain();
+    KXClientFramework::setEngagementAuthenticationHandler(nullptr);
+
+    ASSERT_EQ(told.size(), 1u);
+    EXPECT_TRUE(onMainThread);
+    const std::string used = row.inProduction ? "/production/token" : "/staging/token";
+    const std::string unused = row.inProduction ? "/staging/token" : "/production/token";
+    const auto requests = service.requestsTo(used);
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(kxtest::formFields(requests[0].body).at("client_id"),
+              row.inProduction ? "prod-id" : "stage-id");
+    EXPECT_TRUE(service.requestsTo(unused).empty());
+    const auto troubleLines =
         sink->linesContaining("] Error Zandrel had trouble starting.\nError Domain=");
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].rfind("[ERROR] ", 0), 0u);
-    EXPECT_NE(lines[0].find("Code=401"), std::string::npos) << lines[0];
-    EXPECT_NE(manager().sharedZandrel(), nullptr);  // still engaged
+    if (row.failureCode) {
+        ASSERT_TRUE(told[0].has_value());
+        EXPECT_EQ(told[0]->code, *row.failureCode);
+        ASSERT_EQ(troubleLines.size(), 1u);
+        EXPECT_EQ(troubleLines[0].rfind("[ERROR] ", 0), 0u);
+        EXPECT_NE(troubleLines[0].find("Code=" + std::to_string(*row.failureCode)),
+                  std::string::npos)
+            << troubleLines[0];
+        EXPECT_NE(manager().sharedZandrel(), nullptr);  // still engaged
+    } else {
+        EXPECT_FALSE(told[0].has_value()) << told[0]->description();
+        EXPECT_TRUE(troubleLines.empty());
+        EXPECT_EQ(manager().clientSecret(), row.inProduction ? "prod-secret" : "stage-secret");
+    }
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    Outcomes, KXEngagementAuthenticationTest,
+    testing::Values(
+        AuthenticationRow{"Staging", false, Scenario{}.stagingTokenAnswer, std::nullopt},
+        AuthenticationRow{"Production", true, Scenario{}.stagingTokenAnswer, std::nullopt},
+        AuthenticationRow{"Refused", false,
+                          KXScriptedAnswer::json(401, {{"error", "invalid_client"}}), 401},
+        AuthenticationRow{"ServerError", false, KXScriptedAnswer::text(503, "<html>", "text/html"),
+                          503}),
+    [](const testing::TestParamInfo<AuthenticationRow>& info) { return info.param.name; });
 
 TEST_F(KXEngagementTest, ASecondEngageChangesNothingButTheBackgroundFlag) {
     Scenario setup;

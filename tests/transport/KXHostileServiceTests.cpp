@@ -138,7 +138,6 @@ TEST_F(HostileService, TokenAnswersWithoutAUsableTokenFailEveryWaitingRequestOnc
     for (const Case& c : cases) {
         KXLoopbackService fresh;
         pointEveryEndpointAt(fresh.baseURL());
-        transport().setBaseURL(fresh.baseURL());
         fresh.script("GET", "/inbox", KXScriptedAnswer::json(200, KXJSON::object()));
         fresh.script("POST", "/token", c.answer);
 

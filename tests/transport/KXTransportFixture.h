@@ -2,6 +2,7 @@
 
 #include "KXCapturingSink.h"
 #include "KXLoopbackService.h"
+#include "KXServiceAddress.h"
 #include "KXTestPlatform.h"
 
 #include <KXClientFramework/KXClientFramework.h>
@@ -64,18 +65,13 @@ protected:
     KXFakeClock& clock = platform->fakeClock();
     KXLoopbackService service;
 
-    KXTransportTest() { pointEveryEndpointAt(service.baseURL()); }
+    KXTransportTest() {
+        pointEveryEndpointAt(service.baseURL());
+        transport().setBearerToken(nullptr);  // a token left by a test before in this process
+    }
 
     static void pointEveryEndpointAt(const std::string& baseURL) {
-        KXServiceEndpoints endpoints;
-        endpoints.production = baseURL;
-        endpoints.test = baseURL;
-        endpoints.staging = baseURL;
-        endpoints.localServer = baseURL;
-        endpoints.development = baseURL;
-        endpoints.productionToken = baseURL;
-        endpoints.stagingToken = baseURL;
-        KXClientFramework::setServiceEndpoints(endpoints);
+        kxtest::pointServiceAt(baseURL);
     }
 
     KXHTTPSessionManager& transport() { return KXHTTPSessionManager::sharedManager(); }

@@ -5,6 +5,7 @@
 // error. `check` also exits with 1 when the library would not read a setting as written.
 
 #include "KXConfigCommands.h"
+#include "KXToolMain.h"
 
 #include <CLI/CLI.hpp>
 
@@ -12,8 +13,8 @@
 
 namespace {
 
-constexpr int kFailure = 1;
-constexpr int kUsage = 2;
+using kxtool::kFailure;
+using kxtool::kUsage;
 
 struct CryptArguments {
     std::string format;
@@ -89,16 +90,10 @@ int main(int argc, char** argv) {
     auto* encrypt = addCryptCommand(app, "encrypt", "Seal data", encryptArguments);
     auto* decrypt = addCryptCommand(app, "decrypt", "Open sealed data", decryptArguments);
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
-    } catch (const CLI::ParseError& error) {
-        app.exit(error);
-        return kUsage;
+    if (const auto status = kxtool::parseCommandLine(app, argc, argv)) {
+        return *status;
     }
-
-    try {
+    return kxtool::runReportingFailures("kxconfig", [&] {
         for (auto* command : {encrypt, decrypt}) {
             const auto& arguments = command == encrypt ? encryptArguments : decryptArguments;
             if (command->parsed() && arguments.password.empty() && arguments.key.empty()) {
@@ -119,11 +114,5 @@ int main(int argc, char** argv) {
             return kxconfig::encrypt(cryptOptions(encryptArguments));
         }
         return kxconfig::decrypt(cryptOptions(decryptArguments));
-    } catch (const kxconfig::Failure& failure) {
-        std::cerr << "kxconfig: " << failure.what() << "\n";
-        return kFailure;
-    } catch (const std::exception& error) {
-        std::cerr << "kxconfig: " << error.what() << "\n";
-        return kFailure;
-    }
+    });
 }

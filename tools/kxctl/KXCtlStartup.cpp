@@ -8,7 +8,6 @@
 #include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXHTTPSessionManager.h>
-#include <KXClientFramework/KXJSONReader.h>
 #include <KXClientFramework/KXLog.h>
 #include <KXClientFramework/KXLogSink.h>
 #include <KXClientFramework/KXTransportActivity.h>
@@ -16,13 +15,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdlib>
-#include <fstream>
 #include <iostream>
-#include <iterator>
 #include <map>
 #include <memory>
-#include <mutex>
-#include <string_view>
 
 namespace kxctl {
 namespace {
@@ -62,62 +57,6 @@ void loadConfiguration(const Options& options) {
     }
     KXConfig::defaultConfig().applyConfiguration(configuration);
 }
-
-/// The error of a line "Error Domain=D Code=C "text" UserInfo=JSON" (KXError::description()).
-std::optional<KXError> errorFromDescription(std::string_view text) {
-    constexpr std::string_view kDomain = "Error Domain=";
-    constexpr std::string_view kCode = " Code=";
-    constexpr std::string_view kUserInfo = " UserInfo=";
-    const std::size_t domainAt = text.find(kDomain);
-    if (domainAt == std::string_view::npos) {
-        return std::nullopt;
-    }
-    const std::size_t codeAt = text.find(kCode, domainAt);
-    const std::size_t userInfoAt = text.rfind(kUserInfo);
-    if (codeAt == std::string_view::npos || userInfoAt == std::string_view::npos ||
-        userInfoAt < codeAt) {
-        return std::nullopt;
-    }
-    KXError error;
-    error.domain =
-        std::string(text.substr(domainAt + kDomain.size(), codeAt - domainAt - kDomain.size()));
-    const std::string code(text.substr(codeAt + kCode.size()));
-    error.code = std::strtoll(code.c_str(), nullptr, 10);
-    const KXJSON userInfo = KXJSONReader::parse(text.substr(userInfoAt + kUserInfo.size()))
-                                .value_or(KXJSON(KXJSON::value_t::discarded));
-    // The description writes an absent user info as {}.
-    if (!userInfo.is_discarded() && !(userInfo.is_object() && userInfo.empty())) {
-        error.userInfo = userInfo;
-    }
-    return error;
-}
-
-/// Passes every library log line on to standard error and notices the line with which the
-/// library reports that engaging could not authenticate (the library reports it nowhere else).
-class StartupWatcher final : public KXLogSink {
-public:
-    void write(std::string_view line) override {
-        standardError_.write(line);
-        constexpr std::string_view kTrouble = "] Error Zandrel had trouble starting.\n";
-        const std::size_t at = line.find(kTrouble);
-        if (at == std::string_view::npos) {
-            return;
-        }
-        std::lock_guard lock(mutex_);
-        failure_ = errorFromDescription(line.substr(at + kTrouble.size()))
-                       .value_or(KXError::withMessage(std::string(line)));
-    }
-
-    std::optional<KXError> failure() const {
-        std::lock_guard lock(mutex_);
-        return failure_;
-    }
-
-private:
-    KXStandardErrorSink standardError_;
-    mutable std::mutex mutex_;
-    std::optional<KXError> failure_;
-};
 
 /// kxctl's application delegate: engages the library while the application finishes
 /// launching, as every application does. Like a current application it takes remote
@@ -190,8 +129,11 @@ int startAndRun(Options options, const Command& command) {
         throw UsageError{*problem};
     }
 
-    auto watcher = std::make_shared<StartupWatcher>();
-    KXLog::setSink(watcher);
+    // How engaging's authentication ended, told by the library on the main queue.
+    std::optional<std::optional<KXError>> authentication;
+    KXClientFramework::setEngagementAuthenticationHandler(
+        [&authentication](const std::optional<KXError>& error) { authentication = error; });
+    KXLog::setSink(std::make_shared<KXStandardErrorSink>());
     KXClientFramework::setLogging(true);
     KXClientFramework::setLogLevel(options.verbose ? 4 : 1);
     auto platform = std::make_shared<KXCtlPlatform>(options.configPath);
@@ -244,14 +186,13 @@ int startAndRun(Options options, const Command& command) {
         application.postEvent(KXApplicationEvent::DidBecomeActive);
     }
     runUntil([&] {
-        return KXHTTPSessionManager::sharedManager().bearerToken() != nullptr ||
-               watcher->failure().has_value();
+        return authentication.has_value() ||
+               KXHTTPSessionManager::sharedManager().bearerToken() != nullptr;
     });
 
     int status = kSuccess;
-    if (auto failure = watcher->failure();
-        failure && !KXHTTPSessionManager::sharedManager().bearerToken()) {
-        printLine(errorLine(*failure));
+    if (authentication && *authentication && !KXHTTPSessionManager::sharedManager().bearerToken()) {
+        printLine(errorLine(**authentication));
         status = kFailure;
     } else {
         Run run(options, mainQueue, application);
@@ -270,6 +211,7 @@ int startAndRun(Options options, const Command& command) {
 
     // The application ends; the library gives the delegate slot back.
     application.postEvent(KXApplicationEvent::WillTerminate);
+    KXClientFramework::setEngagementAuthenticationHandler(nullptr);
     return status;
 }
 

@@ -9,6 +9,7 @@
 #include "KXCtlCommands.h"
 #include "KXCtlOptions.h"
 #include "KXCtlStartup.h"
+#include "KXToolMain.h"
 
 #include <CLI/CLI.hpp>
 
@@ -45,26 +46,18 @@ int main(int argc, char** argv) {
     addListCommands(app, chosen);
     addLifecycleCommands(app, chosen);
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
-    } catch (const CLI::ParseError& error) {
-        app.exit(error);
-        return kUsage;
+    if (const auto status = kxtool::parseCommandLine(app, argc, argv)) {
+        return *status;
     }
-
-    try {
-        return startAndRun(options, options.guest ? onGuest(*options.guest, chosen) : chosen);
-    } catch (const UsageError& error) {
-        std::cerr << "kxctl: " << error.message << '\n';
-        return kUsage;
-    } catch (const Failure& failure) {
-        std::cerr << "kxctl: " << failure.message << '\n';
-        return kFailure;
-    } catch (const std::exception& error) {
-        // Anything else is a failure with its text too, never an abort.
-        std::cerr << "kxctl: " << error.what() << '\n';
-        return kFailure;
-    }
+    return kxtool::runReportingFailures("kxctl", [&] {
+        try {
+            return startAndRun(options, options.guest ? onGuest(*options.guest, chosen) : chosen);
+        } catch (const UsageError& error) {
+            std::cerr << "kxctl: " << error.message << '\n';
+            return kUsage;
+        } catch (const Failure& failure) {
+            std::cerr << "kxctl: " << failure.message << '\n';
+            return kFailure;
+        }
+    });
 }

@@ -7,6 +7,7 @@
 #include "KXSandboxOperator.h"
 #include "KXSandboxServer.h"
 #include "KXSandboxTokens.h"
+#include "KXToolMain.h"
 
 #include <CLI/CLI.hpp>
 
@@ -180,19 +181,14 @@ int main(int argc, char** argv) {
     createCommand->add_option("--description", listDescription, "description");
     createCommand->add_option("--tag", listTags, "tag (repeatable)");
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
-    } catch (const CLI::ParseError& error) {
-        app.exit(error);
-        return 2;
+    if (const auto status = kxtool::parseCommandLine(app, argc, argv)) {
+        return *status;
     }
 
     if (!serveCommand->parsed()) {
         pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
     }
-    try {
+    return kxtool::runReportingFailures("kxsandbox", [&] {
         Database database(databaseFile);
         if (serveCommand->parsed()) {
             return serve(database, serveArguments, signals);
@@ -269,8 +265,5 @@ int main(int argc, char** argv) {
             }
         }
         return 0;
-    } catch (const std::exception& error) {
-        std::cerr << "kxsandbox: " << error.what() << '\n';
-        return 1;
-    }
+    });
 }

@@ -393,20 +393,14 @@ void KXListTableViewController::filterListPressed() {
 }
 
 void KXListTableViewController::handleDoubleTapGesture() {
-    const KXListDialog& dialog = KXListScreenController::kAlternatingCellsDialog;
-    KXAlert alert{dialog.title, "", {dialog.cancelButton, dialog.otherButton}};
-    alert.cancelButton = 0;
-    QPointer<KXListTableViewController> self(this);
-    alert.onDismiss = [self, tag = dialog.tag](std::size_t button) {
-        if (self) {
-            self->dialogDismissed(tag, static_cast<int>(button), "");
-        }
-    };
-    KXPlatform::current().alertPresenter().present(alert);
+    presentYesNoDialog(KXListScreenController::kAlternatingCellsDialog);
 }
 
 void KXListTableViewController::handleTripleTapGesture() {
-    const KXListDialog& dialog = KXListScreenController::kAlternatingColourDialog;
+    presentYesNoDialog(KXListScreenController::kAlternatingColourDialog);
+}
+
+void KXListTableViewController::presentYesNoDialog(const KXListDialog& dialog) {
     KXAlert alert{dialog.title, "", {dialog.cancelButton, dialog.otherButton}};
     alert.cancelButton = 0;
     QPointer<KXListTableViewController> self(this);

@@ -83,6 +83,8 @@ private:
     QWidget* makeHeader();
     QCheckBox* switchForRow(int row, const std::string& listExternalId);
     void switchToggled(int row, bool on);
+    /// The two-button dialogs of the double and triple tap, answered through dialogDismissed().
+    void presentYesNoDialog(const KXListDialog& dialog);
     void dialogDismissed(int tag, int buttonIndex, const std::string& text);
     void scrollViewDidScroll();
 

@@ -3,6 +3,7 @@
 // The Qt platform installed and the whole library pointed at a loopback service, as a Qt
 // application that engaged would be: a token in hand, guest "g1", inbox domain "d1".
 #include "KXLoopbackService.h"
+#include "KXServiceAddress.h"
 
 #include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXHTTPSessionManager.h>
@@ -26,13 +27,7 @@ protected:
     KXLoopbackService service;
 
     KXQtServiceTest() {
-        KXServiceEndpoints endpoints;
-        for (std::string* url :
-             {&endpoints.production, &endpoints.test, &endpoints.staging, &endpoints.localServer,
-              &endpoints.development, &endpoints.productionToken, &endpoints.stagingToken}) {
-            *url = service.baseURL();
-        }
-        KXClientFramework::setServiceEndpoints(endpoints);
+        kxtest::pointServiceAt(service.baseURL());
         KXHTTPSessionManager::sharedManager().setBearerToken(
             std::make_shared<KXBearerToken>("test-token", std::nullopt));
         KXConfig::defaultConfig().setInboxDomainId("d1");
