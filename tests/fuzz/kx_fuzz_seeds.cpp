@@ -108,11 +108,13 @@ int main(int argc, char** argv) {
     writeSeeds(root / "fuzz_container_password", withPassword);
 
     // Every target that reads the service's JSON starts from nesting at, just over and far over
-    // the limit and a flat array just over the value limit; its realistic replies are the
-    // hand-written seeds in tests/fuzz/seeds/.
+    // the limit and a long flat array; its realistic replies are the hand-written seeds in
+    // tests/fuzz/seeds/. The array stays far below the value limit: libFuzzer cuts inputs to
+    // 1 MiB, and a megabyte of array costs seconds per run under the sanitizers, which starves
+    // the short CI runs (the limit itself is a unit test of the JSON reader).
     const std::vector<std::vector<std::uint8_t>> hostile = {
         bytes(nested(512, "[", "]")), bytes(nested(513, "[", "]")),
-        bytes(nested(100000, "{\"a\":", "}")), bytes(flatArray(1'000'001))};
+        bytes(nested(100000, "{\"a\":", "}")), bytes(flatArray(20'000))};
     for (const char* target : {"fuzz_guest_parser", "fuzz_inbox_page", "fuzz_inbox_message",
                                "fuzz_inbox_domain", "fuzz_list", "fuzz_push_payload"}) {
         writeFiles(root / target, hostile);
