@@ -104,19 +104,22 @@ const std::array<Fault, 9> kFaults = {{
 
 // Outcome letters: F the failure block, S the success block, N neither (the answer is dropped,
 // as documented for the token client), C success that rewrites shared state as documented (a
-// reply of the wrong shape reads as an empty inbox or summary).
+// reply of the wrong shape reads as an empty inbox or summary), B success and then the failure
+// of work that success does not wait for (as documented for a guest fetch with several tokens).
 constexpr const char* kAny2xxSucceeds = "FFSSSFFFF";
 // A 2xx answer without "newRecordId" names no new record: a failure as well.
 constexpr const char* kNeedsNewRecord = "FFFFFFFFF";
 constexpr const char* kTokenAnswer = "FFNNNFFFF";
 constexpr const char* kWrongShapeEmpties = "FFSSCFFFF";
+constexpr const char* kLateFailure = "BBSSSBBBB";
 
 struct Row {
     const char* name;
     std::function<void(Tally&)> run;
     const char* outcomes;
     int replies = 1;  // callbacks per outcome
-    void (*setUp)() = nullptr;
+    /// Changes to the standard state, and routes answered well before the fault comes.
+    void (*setUp)(KXLoopbackService& service) = nullptr;
 };
 
 void PrintTo(const Row& row, std::ostream* os) {
@@ -136,9 +139,28 @@ std::shared_ptr<KXInboxMessage> message(const std::string& id) {
 }
 
 /// The request waits in the token gate for a new token, which the faulty service does not give.
-void expireToken() {
+void expireToken(KXLoopbackService& /*service*/) {
     KXHTTPSessionManager::sharedManager().setBearerToken(std::make_shared<KXBearerToken>(
         "expired", KXPlatform::current().clock().now() - std::chrono::minutes(1)));
+}
+
+KXScriptedAnswer created(const std::string& identifier) {
+    KXScriptedAnswer answer = KXScriptedAnswer::empty(201);
+    answer.headers = {{"newRecordId", identifier}};
+    return answer;
+}
+
+std::string base(const std::string& suffix) {
+    return KXSessionManager::kxBaseURI() + suffix;
+}
+
+const KXJSON& standardGuest();
+
+/// The guest as the service has it, without a push profile for this device.
+KXJSON guestWithoutPushProfile() {
+    KXJSON guest = standardGuest();
+    guest["deliveryProfiles"].erase(0);
+    return guest;
 }
 
 KXInbox& inbox() {
@@ -321,6 +343,30 @@ const Row kRows[] = {
     {"RefreshToken",
      [](Tally& t) { tokens().refreshBearerTokenWithSuccess(t.success(), t.failure()); },
      kTokenAnswer},
+    // The first requests succeed, the next one meets the fault.
+    {"RegisterGuestThenFetch",
+     [](Tally& t) { M::registerGuestWithId("g9", t.success(), t.failure()); }, kAny2xxSucceeds, 1,
+     [](KXLoopbackService& service) { service.script("POST", base("/guests"), created("g9")); }},
+    {"CreateListThenFetch",
+     [](Tally& t) {
+         LM::createListWithExternalId(std::nullopt, "Name", std::nullopt, nullptr, nullptr,
+                                      t.success(), t.failure());
+     },
+     kAny2xxSucceeds, 1,
+     [](KXLoopbackService& service) { service.script("POST", base("/lists/"), created("L9")); }},
+    {"FetchGuestThenAddPushProfile",
+     [](Tally& t) { M::fetchGuestWithId("g1", t.success(), t.failure()); }, kNeedsNewRecord, 1,
+     [](KXLoopbackService& service) {
+         haveGuest(guestWithoutPushProfile());
+         service.script("GET", base("/guests/g1"),
+                        KXScriptedAnswer::json(200, guestWithoutPushProfile()));
+     }},
+    {"FetchGuestThenRepointTokens",
+     [](Tally& t) { M::fetchGuestWithId("g1", t.success(), t.failure()); }, kLateFailure, 1,
+     [](KXLoopbackService& service) {
+         haveTokens({"bb"});
+         service.script("GET", base("/guests/g1"), KXScriptedAnswer::json(200, standardGuest()));
+     }},
     {"FetchGuestThroughTokenGate",
      [](Tally& t) { M::fetchGuestWithId("g1", t.success(), t.failure()); }, kTokenAnswer, 1,
      expireToken},
@@ -385,7 +431,7 @@ TEST_P(KXFaultMatrixTest, EachFaultIsReportedOnceOnTheMainThreadAndKeepsTheShare
     const Row& row = GetParam();
     ASSERT_EQ(std::strlen(row.outcomes), kFaults.size());
     if (row.setUp) {
-        row.setUp();
+        row.setUp(service);
     }
     std::array<Tally, kFaults.size()> tallies;
     for (std::size_t column = 0; column < kFaults.size(); ++column) {
@@ -401,7 +447,7 @@ TEST_P(KXFaultMatrixTest, EachFaultIsReportedOnceOnTheMainThreadAndKeepsTheShare
         row.run(tally);
         // Every request of the operation has finished and its completion has run; a request
         // whose token answer was dropped stays in the gate for good.
-        const int expected = outcome == 'N' ? 0 : row.replies;
+        const int expected = outcome == 'N' ? 0 : outcome == 'B' ? 2 * row.replies : row.replies;
         ASSERT_TRUE(waitFor([&] {
             return tally.callbacks() >= expected &&
                    KXTransportActivity::requestsUnderWay() ==
@@ -418,8 +464,9 @@ TEST_P(KXFaultMatrixTest, EachFaultIsReportedOnceOnTheMainThreadAndKeepsTheShare
         const char outcome = row.outcomes[column];
         const Tally& tally = tallies[column];
         SCOPED_TRACE(fault.name);
-        EXPECT_EQ(tally.successes, outcome == 'S' || outcome == 'C' ? row.replies : 0);
-        EXPECT_EQ(tally.failures.size(), outcome == 'F' ? std::size_t(row.replies) : 0u);
+        EXPECT_EQ(tally.successes, std::strchr("SCB", outcome) != nullptr ? row.replies : 0);
+        EXPECT_EQ(tally.failures.size(),
+                  outcome == 'F' || outcome == 'B' ? std::size_t(row.replies) : 0u);
         EXPECT_TRUE(tally.allOnMainThread);
         for (const KXError& error : tally.failures) {
             EXPECT_EQ(error.domain, fault.domain);
