@@ -171,7 +171,7 @@ KXOAuth2Client& tokens() {
     return KXOAuth2Client::client();
 }
 
-const Row kRows[] = {
+const std::vector<Row> kRows = {
     {"RegisterGuest", [](Tally& t) { M::registerGuestWithSuccess(t.success(), t.failure()); },
      kNeedsNewRecord},
     {"RegisterGuestWithId",

@@ -289,7 +289,7 @@ struct KXLoopbackService::Impl {
             response += "\r\n";
             if (answer.fillerBytes != 0 && !bodiless) {
                 // The client may hang up as soon as it sees the length; then sending stops.
-                const std::string chunk(64 * 1024, ' ');
+                const std::string chunk(std::size_t{64} * 1024, ' ');
                 bool sent = sendAll(socket, response);
                 for (std::size_t left = answer.fillerBytes; sent && left > 0;) {
                     const std::size_t piece = std::min(left, chunk.size());
