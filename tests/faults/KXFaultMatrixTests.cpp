@@ -19,6 +19,7 @@
 #include <array>
 #include <cstring>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -53,7 +54,7 @@ private:
 
 struct Fault {
     const char* name;
-    std::function<KXScriptedAnswer()> answer;
+    KXScriptedAnswer (*answer)();
     /// The error of a failure: the status, libcurl's code, or for a 2xx answer the operation's
     /// own error (code 99).
     const char* domain;
@@ -109,6 +110,7 @@ const std::array<Fault, 9> kFaults = {{
 constexpr const char* kAny2xxSucceeds = "FFSSSFFFF";
 // A 2xx answer without "newRecordId" names no new record: a failure as well.
 constexpr const char* kNeedsNewRecord = "FFFFFFFFF";
+// A 2xx token answer without a JSON object is dropped: neither block runs.
 constexpr const char* kTokenAnswer = "FFNNNFFFF";
 constexpr const char* kWrongShapeEmpties = "FFSSCFFFF";
 constexpr const char* kLateFailure = "BBSSSBBBB";
