@@ -369,6 +369,19 @@ const std::vector<Row> kRows = {
          haveTokens({"bb"});
          service.script("GET", base("/guests/g1"), KXScriptedAnswer::json(200, standardGuest()));
      }},
+    {"InboxDeleteArrayThroughTokenGate",
+     [](Tally& t) {
+         inbox().deleteMessageDetailsArray({message("m1"), message("m2")}, std::nullopt,
+                                           t.success(), t.failure());
+     },
+     kTokenAnswer, 2, expireToken},
+    // The request in the gate waits for the authentication under way.
+    {"AuthenticateWithARequestInTheGate",
+     [](Tally& t) {
+         tokens().authenticateWithSuccess(t.success(), t.failure());
+         M::fetchGuestWithId("g1", t.success(), t.failure());
+     },
+     kTokenAnswer, 2, expireToken},
     {"FetchGuestThroughTokenGate",
      [](Tally& t) { M::fetchGuestWithId("g1", t.success(), t.failure()); }, kTokenAnswer, 1,
      expireToken},
