@@ -132,9 +132,15 @@ void KXOAuth2Client::authenticateWithSuccess(SuccessBlock success, FailureBlock 
             }
             answerWaitersOfAuthentication(&error);
         },
+        // Nobody is answered, as for a renewal, and the requests that waited for this token are
+        // let go with it: left waiting, they would keep every later renewal from starting.
         [this] {
-            std::lock_guard lock(mutex_);
-            authenticating_ = false;
+            std::vector<Waiter> dropped;
+            {
+                std::lock_guard lock(mutex_);
+                authenticating_ = false;
+                dropped = std::exchange(waiting_, {});
+            }
         });
 }
 

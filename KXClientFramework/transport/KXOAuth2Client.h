@@ -32,12 +32,13 @@ inline constexpr std::int64_t kKXTokenAnswerErrorCode = -1011;
 /// expired.
 ///
 /// A 2xx token answer whose body is not JSON is dropped: neither block of the fetch runs, and a
-/// request waiting for that token in the transport's gate never completes. A JSON answer that
-/// cannot give a usable token fails the fetch with an error in NSURLErrorDomain, code
-/// kKXTokenAnswerErrorCode, and stores nothing: no "access_token" string or number, or an
-/// "expires_in" that is present but not a positive number of seconds (0, negative, a text
-/// that does not start with a number, false). Such a token would be expired the moment it
-/// arrives, or would send requests without Authorization.
+/// request waiting for that token in the transport's gate never completes; the next request
+/// that needs a token starts a new fetch. A JSON answer that cannot give a usable token fails
+/// the fetch with an error in NSURLErrorDomain, code kKXTokenAnswerErrorCode, and stores
+/// nothing: no "access_token" string or number, or an "expires_in" that is present but not a
+/// positive number of seconds (0, negative, a text that does not start with a number, false).
+/// Such a token would be expired the moment it arrives, or would send requests without
+/// Authorization.
 ///
 /// Renewals come one at a time: every refreshBearerTokenWithSuccess() made while a renewal is
 /// under way waits for that one and shares its outcome (the transport's gate, the timer, the

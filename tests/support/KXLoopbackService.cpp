@@ -6,12 +6,15 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
 #include <deque>
 #include <map>
 #include <mutex>
+#include <optional>
+#include <string_view>
 #include <thread>
 
 namespace {
@@ -76,6 +79,12 @@ KXScriptedAnswer KXScriptedAnswer::garbageBytes(std::string bytes) {
     return answer;
 }
 
+KXScriptedAnswer KXScriptedAnswer::filler(std::size_t bytes) {
+    KXScriptedAnswer answer;
+    answer.fillerBytes = bytes;
+    return answer;
+}
+
 struct KXLoopbackService::Impl {
     class Server : public httplib::Server {
     public:
@@ -111,6 +120,7 @@ struct KXLoopbackService::Impl {
         bool lastServed = false;  // the one remaining answer was used at least once
     };
     std::map<std::string, Route> scripts;
+    std::optional<KXScriptedAnswer> everyRoute;
 
     /// Reads until `buffer` holds `wanted` bytes; false when the peer closed, the service stops
     /// or the connection stayed idle too long.
@@ -159,6 +169,9 @@ struct KXLoopbackService::Impl {
         std::lock_guard lock(mutex);
         auto found = scripts.find(request.method + " " + path);
         if (found == scripts.end() || found->second.answers.empty()) {
+            if (everyRoute) {
+                return *everyRoute;
+            }
             return KXScriptedAnswer::json(
                 404, KXJSON{{"error", "unscripted route"}, {"route", request.method + " " + path}});
         }
@@ -262,16 +275,32 @@ struct KXLoopbackService::Impl {
             }
             const bool bodiless =
                 answer.status < 200 || answer.status == 204 || answer.status == 304;
+            const std::size_t bodySize =
+                answer.fillerBytes != 0 ? answer.fillerBytes : answer.body.size();
             if (!bodiless) {
-                if (!answer.body.empty() && !hasContentType) {
+                if (bodySize != 0 && !hasContentType) {
                     response += "Content-Type: application/json\r\n";
                 }
-                response += "Content-Length: " + std::to_string(answer.body.size()) + "\r\n";
+                response += "Content-Length: " + std::to_string(bodySize) + "\r\n";
             }
             if (clientCloses) {
                 response += "Connection: close\r\n";
             }
             response += "\r\n";
+            if (answer.fillerBytes != 0 && !bodiless) {
+                // The client may hang up as soon as it sees the length; then sending stops.
+                const std::string chunk(std::size_t{64} * 1024, ' ');
+                bool sent = sendAll(socket, response);
+                for (std::size_t left = answer.fillerBytes; sent && left > 0;) {
+                    const std::size_t piece = std::min(left, chunk.size());
+                    sent = sendAll(socket, std::string_view(chunk).substr(0, piece));
+                    left -= piece;
+                }
+                if (!sent || clientCloses) {
+                    return;
+                }
+                continue;
+            }
             if (answer.fault == KXScriptedAnswer::Fault::TruncatedBody) {
                 sendAll(socket, response + answer.body.substr(0, answer.body.size() / 2));
                 return;
@@ -323,6 +352,11 @@ void KXLoopbackService::script(const std::string& method, const std::string& pat
         route.lastServed = false;
     }
     route.answers.push_back(std::move(answer));
+}
+
+void KXLoopbackService::scriptEveryRoute(KXScriptedAnswer answer) {
+    std::lock_guard lock(impl_->mutex);
+    impl_->everyRoute = std::move(answer);
 }
 
 void KXLoopbackService::scriptToken(const std::string& token, const KXJSON& expiresIn) {

@@ -42,6 +42,9 @@ struct KXScriptedAnswer {
     std::chrono::milliseconds delay{0};
     Fault fault = Fault::None;
     std::string garbage;
+    /// When not zero, the body is this many bytes of filler instead of `body`, announced in
+    /// Content-Length and streamed without being held in memory (for answers of many megabytes).
+    std::size_t fillerBytes = 0;
 
     static KXScriptedAnswer json(int status, const KXJSON& body);
     static KXScriptedAnswer text(int status, std::string body,
@@ -49,6 +52,8 @@ struct KXScriptedAnswer {
     static KXScriptedAnswer empty(int status);
     static KXScriptedAnswer dropped();
     static KXScriptedAnswer garbageBytes(std::string bytes);
+    /// 200 with a JSON content type and `bytes` bytes of filler as body.
+    static KXScriptedAnswer filler(std::size_t bytes);
 };
 
 /// A scriptable HTTP/1.1 service on 127.0.0.1 at a free port, running on threads of its own.
@@ -72,6 +77,9 @@ public:
     std::string baseURL() const;
 
     void script(const std::string& method, const std::string& path, KXScriptedAnswer answer);
+    /// Answers every route that has no script of its own with `answer` (in place of 404) until
+    /// called again.
+    void scriptEveryRoute(KXScriptedAnswer answer);
     /// Scripts POST /token with {"access_token": token, "token_type": "bearer",
     /// "expires_in": expiresIn}; a discarded `expiresIn` leaves the key out.
     void scriptToken(const std::string& token, const KXJSON& expiresIn = 3600);
