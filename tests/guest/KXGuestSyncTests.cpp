@@ -194,22 +194,6 @@ TEST_F(KXGuestServiceTest, SeveralTokensRepointTheirProfilesWithoutWaiting) {
               (Lines{"t1", "t2", "t3"}));
 }
 
-TEST_F(KXGuestServiceTest, AFailedFetchLeavesTheGuestAsItWasAndLogsTheError) {
-    kxLogLevel = 1;
-    auto sink = KXCapturingSink::install();
-    haveGuest(guestJSON("g0", {apnsProfileJSON("P1", "aa")}));
-    const KXJSON before = describeGuest(*KXGuest::currentGuest());
-    answer("GET /guests/g1", KXScriptedAnswer::json(404, {{"error", "none"}}));
-
-    KXGuestLog log;
-    kFetch(log);
-    waitForEvents(log, 1);
-    const KXError notFound(NSOSStatusErrorDomain, 404, {{"error", "none"}});
-    EXPECT_EQ(log.seen, Lines{failed(notFound)});
-    EXPECT_EQ(describeGuest(*KXGuest::currentGuest()), before);
-    EXPECT_EQ(sink->linesContaining("ERROR: " + notFound.description()).size(), 1u);
-}
-
 struct RegistrationCase {
     const char* name;
     bool withToken;
