@@ -5,7 +5,6 @@
 #include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXDevice.h>
 #include <KXClientFramework/KXFileUserDefaults.h>
-#include <KXClientFramework/KXPropertyList.h>
 
 #include <gtest/gtest.h>
 
@@ -18,7 +17,7 @@ using Strings = std::vector<std::string>;
 
 class KXDeviceTest : public testing::Test {
 protected:
-    void SetUp() override {
+    KXDeviceTest() {
         KXTestPlatformOptions options;
         options.infoDictionary = {{"CFBundleName", "Front Desk"},
                                   {"CFBundleShortVersionString", "2.1"},
@@ -28,8 +27,7 @@ protected:
 
     // What a later launch finds in the file: a store freshly read from it.
     KXJSON storedOnDisk() {
-        KXFileUserDefaults reread(platform->fileUserDefaults().path());
-        return reread.dictionaryRepresentation();
+        return KXFileUserDefaults(platform->fileUserDefaults().path()).dictionaryRepresentation();
     }
 
     std::shared_ptr<KXTestPlatform> platform;
@@ -38,8 +36,9 @@ protected:
 
 }  // namespace
 
-TEST_F(KXDeviceTest, SavedTokensAccumulateOnceEachInFirstSavedOrder) {
-    EXPECT_EQ(device.badge(), 0);
+TEST_F(KXDeviceTest, SavedTokensAccumulateOnceEachAndAbsentOrEmptyOnesAreRefused) {
+    kxLogLevel = 4;
+    auto sink = KXCapturingSink::install();
     device.saveDeviceToken("aa01");
     EXPECT_FALSE(device.multipleDeviceTokens());
     // Someone changed the current entry behind the device's back; saving again restores it.
@@ -49,32 +48,21 @@ TEST_F(KXDeviceTest, SavedTokensAccumulateOnceEachInFirstSavedOrder) {
     EXPECT_FALSE(device.multipleDeviceTokens());
     device.saveDeviceToken("bb02");
     device.saveDeviceToken("aa01");
+    device.saveDeviceToken(std::string());
+    device.saveDeviceToken(std::nullopt);
 
     EXPECT_EQ(device.deviceToken(), "aa01");
     EXPECT_EQ(device.retrieveDeviceTokenFromUserDefaults(), "aa01");
     EXPECT_EQ(device.retrieveDeviceTokenListFromUserDefaults(), (Strings{"aa01", "bb02"}));
     EXPECT_TRUE(device.multipleDeviceTokens());
-
     // Synchronised: the file already holds it.
     const KXJSON disk = storedOnDisk();
     EXPECT_EQ(disk["applicationDeviceToken"], "aa01");
     EXPECT_EQ(disk["applicationDeviceTokenList"], KXJSON({"aa01", "bb02"}));
-}
-
-TEST_F(KXDeviceTest, AbsentOrEmptyTokenIsRefusedWithAWarning) {
-    kxLogLevel = 4;
-    auto sink = KXCapturingSink::install();
-    device.saveDeviceToken("aa01");
-
-    device.saveDeviceToken(std::string());
-    device.saveDeviceToken(std::nullopt);
 
     const auto warnings = sink->linesContaining("No device token found");
     ASSERT_EQ(warnings.size(), 2u);
     EXPECT_EQ(warnings[0].rfind("[WARN] KXDevice::saveDeviceToken [Line ", 0), 0u) << warnings[0];
-    EXPECT_EQ(device.deviceToken(), "aa01");
-    EXPECT_EQ(device.retrieveDeviceTokenFromUserDefaults(), "aa01");
-    EXPECT_EQ(device.retrieveDeviceTokenListFromUserDefaults(), (Strings{"aa01"}));
 }
 
 TEST_F(KXDeviceTest, CurrentEntryTakesTheTokenInMemoryNotTheArgument) {
@@ -92,7 +80,6 @@ TEST_F(KXDeviceTest, CurrentEntryTakesTheTokenInMemoryNotTheArgument) {
 TEST_F(KXDeviceTest, DeletingTheTokenKeepsTheListAndDeletingTheListKeepsTheToken) {
     device.saveDeviceToken("aa01");
     device.saveDeviceToken("bb02");
-
     device.deleteDeviceToken();
     EXPECT_EQ(device.deviceToken(), std::nullopt);
     EXPECT_EQ(device.retrieveDeviceTokenListFromUserDefaults(), (Strings{"aa01", "bb02"}));
@@ -109,9 +96,8 @@ TEST_F(KXDeviceTest, DeletingTheTokenKeepsTheListAndDeletingTheListKeepsTheToken
 TEST_F(KXDeviceTest, ALaterLaunchAnswersWithTheTokenOfAnEarlierOne) {
     KXDevice::currentDevice().saveDeviceToken("aa01");
     KXDevice::currentDevice().saveDeviceToken("bb02");
-
-    // A new platform reads the same user-defaults file, as the next launch would; the new
-    // device has nothing in memory.
+    // A new platform reads the same user-defaults file, as the next launch would; the new device
+    // has nothing in memory.
     platform = KXTestPlatform::install();
     KXDevice nextLaunch;
     EXPECT_EQ(nextLaunch.deviceToken(), "bb02");
@@ -124,7 +110,6 @@ TEST_F(KXDeviceTest, StoredValuesOfTheWrongTypeReadAsAbsent) {
     platform->userDefaults().setObject("applicationDeviceTokenList", "not a list");
     EXPECT_EQ(device.deviceToken(), std::nullopt);
     EXPECT_FALSE(device.multipleDeviceTokens());
-
     device.saveDeviceToken("aa01");
     EXPECT_EQ(device.retrieveDeviceTokenListFromUserDefaults(), (Strings{"aa01"}));
 }
@@ -138,33 +123,24 @@ TEST_F(KXDeviceTest, DeviceDataCarriesWhatThePlatformKnowsAndThePushSwitch) {
     facts.localeIdentifier = "de_CH";
     facts.preferredLanguages = {"de-CH", "en"};
     KXClientFramework::sharedManager().setPushEnabledOnDevice(true);
-    EXPECT_EQ(device.deviceData(), KXJSON({{"manufacturer", "Acme Devices"},
-                                           {"osVersion", "12.4"},
-                                           {"deviceModel", "Kiosk 7"},
-                                           {"appName", "Front Desk"},
-                                           {"appVersion", "2100"},
-                                           {"carrier", "Carrier One"},
-                                           {"country", "de_CH"},
-                                           {"language", "de-CH"},
-                                           {"frameworkVersion", "1.0.8.1"},
-                                           {"pushEnabled", true}}));
+    EXPECT_EQ(device.deviceData(), KXJSON::parse(R"({"manufacturer":"Acme Devices",
+        "osVersion":"12.4","deviceModel":"Kiosk 7","appName":"Front Desk","appVersion":"2100",
+        "carrier":"Carrier One","country":"de_CH","language":"de-CH",
+        "frameworkVersion":"1.0.8.1","pushEnabled":true})"));
 
     // What the platform does not know is left out (this platform has no bundle name either).
     platform = KXTestPlatform::install();
-    KXDeviceFacts& unknown = platform->fakeDeviceFacts();
-    unknown = KXDeviceFacts{};
-    unknown.manufacturer = "Unknown";
+    platform->fakeDeviceFacts() = KXDeviceFacts{};
+    platform->fakeDeviceFacts().manufacturer = "Unknown";
     KXClientFramework::sharedManager().setPushEnabledOnDevice(false);
-    EXPECT_EQ(device.deviceData(), KXJSON({{"manufacturer", "Unknown"},
-                                           {"frameworkVersion", "1.0.8.1"},
-                                           {"pushEnabled", false}}));
+    EXPECT_EQ(device.deviceData(), KXJSON::parse(R"({"manufacturer":"Unknown",
+        "frameworkVersion":"1.0.8.1","pushEnabled":false})"));
 }
 
 TEST_F(KXDeviceTest, DiagnosticDumpWritesThreeDebugLinesOnlyAtDebugLevel) {
     device.saveDeviceToken("aa01");
     device.saveDeviceToken("bb02");
     auto sink = KXCapturingSink::install();
-
     kxLogLevel = 3;
     device.printDeviceTokensSavedInUserDefaults();
     EXPECT_TRUE(sink->lines().empty());

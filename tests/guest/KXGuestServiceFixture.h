@@ -1,13 +1,13 @@
 #pragma once
 
-// A loopback service that plays the guest resource, the current guest and device set up as a
-// case needs, and a recorder for what the guest operations report.
+// A loopback service that plays the guest resource, a log of what the guest operations report, the
+// guest and its profiles as JSON, and helpers to set up the current guest and device.
 
 #include "../transport/KXTransportFixture.h"
-#include "KXGuestTestSupport.h"
 
 #include <KXClientFramework/KXClientFramework.h>
 #include <KXClientFramework/KXDevice.h>
+#include <KXClientFramework/KXGuest.h>
 #include <KXClientFramework/KXGuestManager.h>
 #include <KXClientFramework/KXSessionManager.h>
 #include <KXClientFramework/KXSettings.h>
@@ -20,39 +20,101 @@
 #include <string>
 #include <vector>
 
-/// What one operation reported: every success value and failure, in arrival order.
-struct KXGuestOutcome {
-    std::vector<KXJSON> successes;  // true, a new id, or the guest's externalId
-    std::vector<KXError> failures;
-    std::vector<std::string> order;  // "success" / "failure" as they arrived
+using Lines = std::vector<std::string>;
 
-    int callbacks() const { return static_cast<int>(successes.size() + failures.size()); }
+inline KXJSON optionalJSON(const std::optional<std::string>& value) {
+    return value ? KXJSON(*value) : KXJSON();
+}
 
-    KXGuestManager::BoolSuccess onBool() {
-        return [this](bool value) { record(value); };
-    }
-    KXGuestManager::IdSuccess onId() {
-        return [this](const std::string& id) { record(id); };
-    }
-    KXGuestManager::GuestSuccess onGuest() {
-        return [this](const std::shared_ptr<KXGuest>& guest) {
-            EXPECT_EQ(guest, KXGuest::currentGuest());
-            record(optionalJSON(guest->externalId()));
-        };
-    }
+/// How a failure is logged: "failure:" and the error's description.
+inline std::string failed(const KXError& error) {
+    return "failure:" + error.description();
+}
+inline std::string failed(std::int64_t code, KXJSON userInfo = nullptr) {
+    return failed(KXError(NSOSStatusErrorDomain, code, std::move(userInfo)));
+}
+/// How a refusal of the library itself is logged.
+inline std::string refused(const std::string& message) {
+    return failed(99, {{"message", message}});
+}
+
+/// What guest operations reported, in arrival order: "true", "id:<new id>", "guest:<externalId>"
+/// (followed by " push:<id>" when the guest has this device's push profile) and failed(error).
+struct KXGuestLog : KXEventLog {
+    /// Converts to whichever success callback an operation takes.
+    struct Success {
+        KXGuestLog& log;
+        operator KXGuestManager::BoolSuccess() const {
+            return [&log = log](bool value) { log.seen.emplace_back(value ? "true" : "false"); };
+        }
+        operator KXGuestManager::IdSuccess() const {
+            return [&log = log](const std::string& id) { log.seen.push_back("id:" + id); };
+        }
+        operator KXGuestManager::GuestSuccess() const {
+            return [&log = log](const std::shared_ptr<KXGuest>& guest) {
+                EXPECT_EQ(guest, KXGuest::currentGuest());
+                const auto push = guest->APNSDeliveryProfileForCurrentDevice();
+                log.seen.push_back("guest:" + guest->externalId().value_or("(null)") +
+                                   (push ? " push:" + push->profileId().value_or("") : ""));
+            };
+        }
+    };
+    Success onSuccess() { return {*this}; }
     KXGuestManager::Failure onFailure() {
-        return [this](const KXError& error) {
-            failures.push_back(error);
-            order.emplace_back("failure");
-        };
-    }
-
-private:
-    void record(KXJSON value) {
-        successes.push_back(std::move(value));
-        order.emplace_back("success");
+        return [this](const KXError& error) { seen.push_back(failed(error)); };
     }
 };
+
+/// An operation that calls `function(arguments..., success, failure)` reporting to a log.
+#define KX_GUEST_CALL(function, ...) \
+    [](KXGuestLog& log) { function(__VA_ARGS__ __VA_OPT__(, ) log.onSuccess(), log.onFailure()); }
+
+/// Every property of `guest` under its own name; absent values are null.
+inline KXJSON describeGuest(const KXGuest& guest) {
+    KXJSON profiles;
+    for (const auto& profile : guest.deliveryProfiles().value_or(KXGuest::Profiles{})) {
+        KXJSON memberships = KXJSON::array();
+        for (const auto& membership : profile->memberships()) {
+            memberships.push_back({{"recipientListId", optionalJSON(membership->recipientListId())},
+                                   {"languagePref", optionalJSON(membership->languagePref())},
+                                   {"enabled", membership->enabled()}});
+        }
+        const auto& address = profile->address();
+        profiles.push_back(
+            {{"profileId", optionalJSON(profile->profileId())},
+             {"enabled", profile->enabled()},
+             {"tags", profile->tags()},
+             {"memberships", memberships},
+             {"address", address ? KXJSON({{"channel", optionalJSON(address->channel())},
+                                           {"attributes", address->attributes()},
+                                           {"enabled", address->enabled()}})
+                                 : KXJSON()}});
+    }
+    if (guest.deliveryProfiles() && profiles.is_null()) {
+        profiles = KXJSON::array();
+    }
+    return {{"externalId", optionalJSON(guest.externalId())},
+            {"externalIdType", optionalJSON(guest.externalIdType())},
+            {"languagePref", optionalJSON(guest.languagePref())},
+            {"buCreativeLabel", optionalJSON(guest.buCreativeLabel())},
+            {"tags", guest.tags()},
+            {"buProperties", guest.buProperties()},
+            {"deliveryProfiles", profiles}};
+}
+
+/// A profile object as the service sends it.
+inline KXJSON profileJSON(const std::string& id, const std::string& channel,
+                          KXJSON attributes = KXJSON::object()) {
+    return {{"id", id},
+            {"enabled", true},
+            {"address", {{"channel", channel}, {"enabled", true}, {"attributes", attributes}}}};
+}
+inline KXJSON apnsProfileJSON(const std::string& id, const std::string& token) {
+    return profileJSON(id, "APNS_PUSH", {{"applicationToken", token}, {"applicationId", "app"}});
+}
+inline KXJSON guestJSON(const std::string& id, KXJSON profiles = KXJSON::array()) {
+    return {{"externalId", id}, {"deliveryProfiles", std::move(profiles)}};
+}
 
 /// The application id the push address carries in these tests.
 inline constexpr const char* kTestApplicationId = "com.example.frontdesk";
@@ -75,6 +137,14 @@ inline void haveTokens(const std::vector<std::string>& tokens) {
     for (const auto& token : tokens) {
         KXDevice::currentDevice().saveDeviceToken(token);
     }
+}
+
+/// An empty 201 answer naming the new record `id` under `header`.
+inline KXScriptedAnswer createdAs(const std::string& id,
+                                  const std::string& header = "newRecordId") {
+    KXScriptedAnswer answer = KXScriptedAnswer::empty(201);
+    answer.headers = {{header, id}};
+    return answer;
 }
 
 class KXGuestServiceTest : public KXTransportTest {
@@ -102,18 +172,34 @@ protected:
     }
 
     /// Every request as "METHOD path".
-    std::vector<std::string> requestLines() const {
-        std::vector<std::string> lines;
+    Lines requestLines() const {
+        Lines lines;
         for (const auto& request : service.requests()) {
             lines.push_back(request.method + " " + request.path);
         }
         return lines;
     }
 
-    /// Runs the main queue until `count` callbacks arrived, then a moment longer.
-    void awaitCallbacks(const KXGuestOutcome& outcome, int count) {
-        EXPECT_TRUE(waitFor([&] { return outcome.callbacks() >= count; }));
-        drain();
+    /// Every request as "METHOD suffix", the suffix after the base URI.
+    Lines sentRequests() const {
+        const std::string base = KXSessionManager::kxBaseURI();
+        Lines lines;
+        for (auto line : requestLines()) {
+            const auto start = line.find(' ') + 1;
+            if (line.compare(start, base.size(), base) == 0) {
+                line.erase(start, base.size());
+            }
+            lines.push_back(line);
+        }
+        return lines;
+    }
+
+    /// Scripts `answer` for `request`, "METHOD suffix" (a query in the suffix is ignored).
+    void answer(const std::string& request, KXScriptedAnswer answer) {
+        const auto blank = request.find(' ');
+        const std::string suffix = request.substr(blank + 1);
+        service.script(request.substr(0, blank), path(suffix.substr(0, suffix.find('?'))),
+                       std::move(answer));
     }
 
     int analyticsPosts = 0;

@@ -1,120 +1,188 @@
 // Fetching and registering the guest: the reconciliation of this device's push tokens with the
-// guest's push profiles, in both of its branches, and the registration bodies and completion.
+// guest's push profiles, in each of its branches, and the registration bodies and completion.
 #include "KXGuestServiceFixture.h"
 
 #include <KXClientFramework/KXConfig.h>
 
 #include <algorithm>
+#include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
 
 using M = KXGuestManager;
-using Lines = std::vector<std::string>;
+using Operation = std::function<void(KXGuestLog&)>;
 
-KXJSON guestJSON(const std::string& id, KXJSON profiles = KXJSON::array()) {
-    return {{"externalId", id}, {"deliveryProfiles", std::move(profiles)}};
+KXScriptedAnswer ok(const KXJSON& body) {
+    return KXScriptedAnswer::json(200, body);
 }
 
-KXScriptedAnswer createdAs(const std::string& id) {
-    KXScriptedAnswer answer = KXScriptedAnswer::empty(201);
-    answer.headers = {{"newRecordId", id}};
-    return answer;
+using Answers = std::vector<std::pair<std::string, KXScriptedAnswer>>;
+
+// Alternating "METHOD suffix" and its answer; a route given twice answers in that order.
+Answers answers() {
+    return {};
+}
+template <typename... Rest>
+Answers answers(const char* request, KXScriptedAnswer answer, Rest... rest) {
+    Answers list = answers(rest...);
+    list.emplace(list.begin(), request, std::move(answer));
+    return list;
 }
 
-class KXGuestFetchTest : public KXGuestServiceTest {
-protected:
-    // Fetches g1 and waits for `callbacks` reports.
-    KXGuestOutcome fetch(int callbacks = 1) {
-        KXGuestOutcome outcome;
-        M::fetchGuestWithId("g1", outcome.onGuest(), outcome.onFailure());
-        awaitCallbacks(outcome, callbacks);
-        return outcome;
-    }
+template <typename... Items>
+Lines lines(Items... items) {
+    return {items...};
+}
+template <typename... Items>
+std::vector<KXJSON> bodies(Items... items) {
+    return {KXJSON(items)...};
+}
+
+// One operation that reports once.
+struct Scenario {
+    const char* name;
+    Operation operation;
+    Answers answers;
+    Lines requests;               // "METHOD suffix", in order
+    std::string result;           // the one report
+    const char* token = nullptr;  // the one token saved
+    int analyticsPosts = 0;
+    int inboxSummaryFetches = 0;
+    const char* inboxDomainId = nullptr;  // none configured
+    std::vector<KXJSON> bodies = {};      // of the requests, null for none; unchecked when empty
 };
 
-TEST_F(KXGuestFetchTest, OneTokenWithoutProfileAddsItAndSucceedsAfterTheSecondFetch) {
-    haveTokens({"aa"});
-    service.script("GET", path("/guests/g1"), KXScriptedAnswer::json(200, guestJSON("g1")));
-    service.script("GET", path("/guests/g1"),
-                   KXScriptedAnswer::json(200, guestJSON("g1", {apnsProfileJSON("P9", "aa")})));
-    service.script("POST", path("/guests/g1/profiles"), createdAs("P9"));
-
-    KXGuestOutcome outcome;
-    bool profileKnownAtSuccess = false;
-    M::fetchGuestWithId(
-        "g1",
-        [&](const std::shared_ptr<KXGuest>& guest) {
-            outcome.onGuest()(guest);
-            profileKnownAtSuccess = guest->APNSDeliveryProfileForCurrentDevice() != nullptr;
-        },
-        outcome.onFailure());
-    awaitCallbacks(outcome, 1);
-
-    EXPECT_EQ(outcome.successes, std::vector<KXJSON>{"g1"});
-    EXPECT_TRUE(profileKnownAtSuccess);
-    EXPECT_EQ(requestLines(),
-              (Lines{"GET " + path("/guests/g1"), "POST " + path("/guests/g1/profiles"),
-                     "GET " + path("/guests/g1")}));
-    EXPECT_EQ(KXJSON::parse(service.requests()[1].body), apnsAddress("aa"));
+void PrintTo(const Scenario& c, std::ostream* os) {
+    *os << c.name;
 }
 
-class KXGuestAddedProfileFailureTest : public KXGuestFetchTest,
-                                       public testing::WithParamInterface<const char*> {};
+const Operation kFetch = KX_GUEST_CALL(M::fetchGuestWithId, "g1");
+const Operation kRegister = KX_GUEST_CALL(M::registerGuestWithId, "g5");
+const KXJSON kHasAA = guestJSON("g1", KXJSON::array({apnsProfileJSON("P9", "aa")}));
+const Lines kGet = lines("GET /guests/g1");
+const Lines kAddAndFetchAgain =
+    lines("GET /guests/g1", "POST /guests/g1/profiles", "GET /guests/g1");
 
-TEST_P(KXGuestAddedProfileFailureTest, ReachesTheCaller) {
-    const std::string failing = GetParam();
-    haveTokens({"aa"});
-    service.script("GET", path("/guests/g1"), KXScriptedAnswer::json(200, guestJSON("g1")));
-    service.script("GET", path("/guests/g1"),
-                   failing == "GET" ? KXScriptedAnswer::empty(503)
-                                    : KXScriptedAnswer::json(200, guestJSON("g1")));
-    service.script("POST", path("/guests/g1/profiles"),
-                   failing == "POST" ? KXScriptedAnswer::empty(500) : createdAs("P9"));
-    const auto outcome = fetch();
-    EXPECT_TRUE(outcome.successes.empty());
-    ASSERT_EQ(outcome.failures.size(), 1u);
-    EXPECT_EQ(outcome.failures[0].code, failing == "GET" ? 503 : 500);
-}
+const Scenario kScenarios[] = {
+    // One token without a profile: the profile is added and the guest fetched again before
+    // success, which then knows the new profile.
+    {"OneTokenWithoutProfileAddsIt", kFetch,
+     answers("GET /guests/g1", ok(guestJSON("g1")), "GET /guests/g1", ok(kHasAA),
+             "POST /guests/g1/profiles", createdAs("P9")),
+     kAddAndFetchAgain, "guest:g1 push:P9", "aa", 0, 0, nullptr,
+     bodies(nullptr, apnsAddress("aa"), nullptr)},
+    {"AddingTheProfileFails", kFetch,
+     answers("GET /guests/g1", ok(guestJSON("g1")), "POST /guests/g1/profiles",
+             KXScriptedAnswer::empty(500)),
+     lines("GET /guests/g1", "POST /guests/g1/profiles"), failed(500), "aa"},
+    {"FetchingAgainFails", kFetch,
+     answers("GET /guests/g1", ok(guestJSON("g1")), "GET /guests/g1", KXScriptedAnswer::empty(503),
+             "POST /guests/g1/profiles", createdAs("P9")),
+     kAddAndFetchAgain, failed(503), "aa"},
+    // No token, or one whose profile the guest has: one request, then success. Another guest
+    // than the one asked for ends the old guest's session; a configured inbox is summarised.
+    {"SameGuest", kFetch, answers("GET /guests/g1", ok(guestJSON("g1"))), kGet, "guest:g1"},
+    {"OneTokenWithItsProfile", kFetch, answers("GET /guests/g1", ok(kHasAA)), kGet,
+     "guest:g1 push:P9", "aa"},
+    {"OtherGuest", kFetch, answers("GET /guests/g1", ok(guestJSON("G1"))), kGet, "guest:G1",
+     nullptr, 1},
+    {"NoIdInAnswer", kFetch, answers("GET /guests/g1", ok(KXJSON::object())), kGet, "guest:(null)",
+     nullptr, 1},
+    {"InboxConfigured", kFetch, answers("GET /guests/g1", ok(guestJSON("g1"))), kGet, "guest:g1",
+     nullptr, 0, 1, "Dom"},
+    {"EmptyInboxStillStarts", kFetch, answers("GET /guests/g1", ok(guestJSON("g1"))), kGet,
+     "guest:g1", nullptr, 0, 1, ""},
+    // A registration fetches the new guest, posts the session and then adds the configured
+    // inbox profile.
+    {"RegistrationAddsTheInboxProfile", KX_GUEST_CALL(M::registerGuestWithSuccess),
+     answers("POST /guests", createdAs("N1"), "GET /guests/N1", ok(guestJSON("N1")),
+             "POST /guests/N1/profiles", createdAs("IN-9")),
+     lines("POST /guests", "GET /guests/N1", "POST /guests/N1/profiles"), "guest:N1", nullptr, 1, 1,
+     "Dom", bodies(KXJSON::object(), nullptr, M::inboxDeliveryAddressWithId("N1", "Dom"))},
+    // A failed registration posts no session.
+    {"RegistrationRefused", kRegister, answers("POST /guests", KXScriptedAnswer::empty(400)),
+     lines("POST /guests"), failed(400)},
+    {"RegistrationWithoutNewRecordId", kRegister,
+     answers("POST /guests", KXScriptedAnswer::empty(201)), lines("POST /guests"),
+     refused("missing newRecordId")},
+    {"RegisteredGuestNotFound", kRegister,
+     answers("POST /guests", createdAs("N1"), "GET /guests/N1", KXScriptedAnswer::empty(404)),
+     lines("POST /guests", "GET /guests/N1"), failed(404)},
+};
 
-INSTANTIATE_TEST_SUITE_P(Requests, KXGuestAddedProfileFailureTest, testing::Values("POST", "GET"),
-                         [](const auto& info) { return std::string(info.param); });
+class KXGuestScenarioTest : public KXGuestServiceTest,
+                            public testing::WithParamInterface<Scenario> {};
 
-TEST_F(KXGuestFetchTest, SeveralTokensRepointTheirProfilesWithoutWaiting) {
-    kxLogLevel = 4;
-    auto sink = KXCapturingSink::install();
-    haveTokens({"t1", "t2", "t3"});
-    service.script("GET", path("/guests/g1"),
-                   KXScriptedAnswer::json(200, guestJSON("g1", {apnsProfileJSON("P2", "t2"),
-                                                                apnsProfileJSON("P1", "t1")})));
-    for (const char* profile : {"P1", "P2"}) {
-        KXScriptedAnswer slow = KXScriptedAnswer::empty(200);
-        slow.delay = std::chrono::milliseconds(300);
-        service.script("POST", path(std::string("/guests/g1/profiles/") + profile), slow);
+TEST_P(KXGuestScenarioTest, SendsTheseRequestsAndReportsOnce) {
+    const Scenario& c = GetParam();
+    if (c.inboxDomainId) {
+        KXConfig::defaultConfig().setInboxDomainId(c.inboxDomainId);
+    }
+    if (c.token) {
+        haveTokens({c.token});
+    }
+    for (const auto& [request, scripted] : c.answers) {
+        answer(request, scripted);
     }
 
-    KXGuestOutcome outcome;
-    std::size_t updatesDoneAtSuccess = 99;
+    KXGuestLog log;
+    c.operation(log);
+    waitForEvents(log, 1);
+    EXPECT_TRUE(waitFor([&] { return service.requests().size() >= c.requests.size(); }));
+    drain();
+
+    EXPECT_EQ(log.seen, Lines{c.result});
+    ASSERT_EQ(sentRequests(), c.requests);
+    for (std::size_t i = 0; i < c.bodies.size(); ++i) {
+        const std::string body = service.requests()[i].body;
+        EXPECT_EQ(body.empty() ? KXJSON() : KXJSON::parse(body), c.bodies[i]) << c.requests[i];
+    }
+    EXPECT_EQ(analyticsPosts, c.analyticsPosts);
+    EXPECT_EQ(inboxSummaryFetches, c.inboxSummaryFetches);
+}
+
+const auto caseName = [](const auto& info) { return std::string(info.param.name); };
+INSTANTIATE_TEST_SUITE_P(Scenarios, KXGuestScenarioTest, testing::ValuesIn(kScenarios), caseName);
+
+TEST_F(KXGuestServiceTest, SeveralTokensRepointTheirProfilesWithoutWaiting) {
+    kxLogLevel = 4;
+    auto sink = KXCapturingSink::install();
+    const char* const updated = "Update APNS Delivery Profile";
+    // The current token t3 has no profile: none is added for it.
+    haveTokens({"t1", "t2", "t3"});
+    answer("GET /guests/g1",
+           ok(guestJSON("g1", {apnsProfileJSON("P2", "t2"), apnsProfileJSON("P1", "t1")})));
+    KXScriptedAnswer slow = KXScriptedAnswer::empty(200);
+    slow.delay = std::chrono::milliseconds(300);
+    answer("POST /guests/g1/profiles/P1", slow);
+    slow.status = 500;
+    answer("POST /guests/g1/profiles/P2", slow);
+
+    KXGuestLog log;
+    const M::GuestSuccess record = log.onSuccess();
+    std::size_t updatesAtSuccess = 99;
     M::fetchGuestWithId(
         "g1",
         [&](const std::shared_ptr<KXGuest>& guest) {
-            outcome.onGuest()(guest);
-            updatesDoneAtSuccess = sink->linesContaining("Update APNS Delivery Profile").size();
+            updatesAtSuccess = sink->linesContaining(updated).size();
+            record(guest);
         },
-        outcome.onFailure());
-    ASSERT_TRUE(
-        waitFor([&] { return sink->linesContaining("Update APNS Delivery Profile").size() == 2; }));
+        log.onFailure());
+    ASSERT_TRUE(waitFor([&] { return log.count() == 2 && logged(*sink.sink, updated); }));
     drain();
 
-    EXPECT_EQ(outcome.successes, std::vector<KXJSON>{"g1"});
-    EXPECT_EQ(updatesDoneAtSuccess, 0u);
+    // Success came first; the failed update follows it.
+    EXPECT_EQ(log.seen, (Lines{"guest:g1", failed(500)}));
+    EXPECT_EQ(updatesAtSuccess, 0u);
     // Both updates are in flight at once, so they may arrive in either order; each sends the
     // current token.
-    Lines lines = requestLines();
+    Lines lines = sentRequests();
     std::sort(lines.begin() + 1, lines.end());
-    EXPECT_EQ(lines, (Lines{"GET " + path("/guests/g1"), "POST " + path("/guests/g1/profiles/P1"),
-                            "POST " + path("/guests/g1/profiles/P2")}));
+    EXPECT_EQ(lines, (Lines{"GET /guests/g1", "POST /guests/g1/profiles/P1",
+                            "POST /guests/g1/profiles/P2"}));
     for (std::size_t i = 1; i < 3; ++i) {
         EXPECT_EQ(KXJSON::parse(service.requests()[i].body), apnsAddress("t3"));
     }
@@ -123,87 +191,13 @@ TEST_F(KXGuestFetchTest, SeveralTokensRepointTheirProfilesWithoutWaiting) {
         1u);
     // The stored list is kept as it is.
     EXPECT_EQ(KXDevice::currentDevice().retrieveDeviceTokenListFromUserDefaults(),
-              (std::vector<std::string>{"t1", "t2", "t3"}));
-}
-
-TEST_F(KXGuestFetchTest, SeveralTokensWithoutMatchAddNothingAndFailedUpdatesFollowSuccess) {
-    haveTokens({"t1", "t2"});
-    service.script("GET", path("/guests/g1"),
-                   KXScriptedAnswer::json(200, guestJSON("g1", {apnsProfileJSON("P1", "t1")})));
-    service.script("POST", path("/guests/g1/profiles/P1"), KXScriptedAnswer::empty(500));
-
-    const auto outcome = fetch(2);
-    EXPECT_EQ(outcome.order, (Lines{"success", "failure"}));
-    EXPECT_EQ(requestLines(),
-              (Lines{"GET " + path("/guests/g1"), "POST " + path("/guests/g1/profiles/P1")}));
-}
-
-struct FetchedGuestCase {
-    const char* name;
-    const char* inboxDomainId;  // nullptr: none configured
-    std::vector<std::string> tokens;
-    KXJSON answer;
-    int analyticsPosts;
-    int inboxSummaryFetches;
-};
-
-void PrintTo(const FetchedGuestCase& c, std::ostream* os) {
-    *os << c.name;
-}
-
-class KXFetchedGuestTest : public KXGuestFetchTest,
-                           public testing::WithParamInterface<FetchedGuestCase> {};
-
-// No token, or one whose profile the guest has: one request, then success.
-TEST_P(KXFetchedGuestTest, PostsTheSessionForAnotherGuestAndStartsTheInboxSummary) {
-    const FetchedGuestCase& c = GetParam();
-    if (c.inboxDomainId) {
-        KXConfig::defaultConfig().setInboxDomainId(c.inboxDomainId);
-    }
-    haveTokens(c.tokens);
-    service.script("GET", path("/guests/g1"), KXScriptedAnswer::json(200, c.answer));
-    const auto outcome = fetch();
-    EXPECT_EQ(
-        outcome.successes,
-        std::vector<KXJSON>{c.answer.contains("externalId") ? c.answer["externalId"] : KXJSON()});
-    EXPECT_EQ(requestLines(), Lines{"GET " + path("/guests/g1")});
-    EXPECT_EQ(analyticsPosts, c.analyticsPosts);
-    EXPECT_EQ(inboxSummaryFetches, c.inboxSummaryFetches);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Answers, KXFetchedGuestTest,
-    testing::Values(FetchedGuestCase{"SameGuest", nullptr, {}, guestJSON("g1"), 0, 0},
-                    FetchedGuestCase{"OneTokenWithItsProfile",
-                                     nullptr,
-                                     {"aa"},
-                                     guestJSON("g1", {apnsProfileJSON("P1", "aa")}),
-                                     0,
-                                     0},
-                    FetchedGuestCase{"OtherGuest", nullptr, {}, guestJSON("G1"), 1, 0},
-                    FetchedGuestCase{"NoIdInAnswer", nullptr, {}, KXJSON::object(), 1, 0},
-                    FetchedGuestCase{"InboxConfigured", "Dom", {}, guestJSON("g1"), 0, 1},
-                    FetchedGuestCase{"EmptyInboxStillStarts", "", {}, guestJSON("g1"), 0, 1}),
-    [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(KXGuestFetchTest, AFailedFetchLeavesTheGuestAsItWas) {
-    kxLogLevel = 1;
-    auto sink = KXCapturingSink::install();
-    haveGuest(guestJSON("g0", {apnsProfileJSON("P1", "aa")}));
-    const KXJSON before = describeGuest(*KXGuest::currentGuest());
-    service.script("GET", path("/guests/g1"), KXScriptedAnswer::json(404, {{"error", "none"}}));
-
-    const auto outcome = fetch();
-    ASSERT_EQ(outcome.failures.size(), 1u);
-    EXPECT_EQ(outcome.failures[0], KXError(NSOSStatusErrorDomain, 404, {{"error", "none"}}));
-    EXPECT_EQ(describeGuest(*KXGuest::currentGuest()), before);
-    EXPECT_EQ(sink->linesContaining("ERROR: " + outcome.failures[0].description()).size(), 1u);
+              (Lines{"t1", "t2", "t3"}));
 }
 
 struct RegistrationCase {
     const char* name;
     bool withToken;
-    std::function<void(KXGuestOutcome&)> operation;
+    Operation operation;
     KXJSON body;
 };
 
@@ -211,53 +205,35 @@ void PrintTo(const RegistrationCase& c, std::ostream* os) {
     *os << c.name;
 }
 
-KXJSON withPush(KXJSON body) {
-    body["deliveryProfiles"] = {apnsAddress("aa")};
-    return body;
+// `body` with this device's push address.
+KXJSON withPush(const char* body) {
+    KXJSON json = KXJSON::parse(body);
+    json["deliveryProfiles"] = KXJSON::array({apnsAddress("aa")});
+    return json;
 }
 
-const KXJSON kFullBody = {{"externalId", "g5"},
-                          {"languagePref", "de"},
-                          {"tags", {"a"}},
-                          {"buCreativeLabel", "c"},
-                          {"buProperties", {{"k", 1}}}};
-
-void registerFull(KXGuestOutcome& o) {
-    M::registerGuestWithId("g5", {{"k", 1}}, "de", "c", {"a"}, o.onGuest(), o.onFailure());
-}
+const char* const kFullBody = R"({"externalId":"g5","languagePref":"de","tags":["a"],
+    "buCreativeLabel":"c","buProperties":{"k":1}})";
+const Operation kRegisterFull =
+    KX_GUEST_CALL(M::registerGuestWithId, "g5", {{"k", 1}}, "de", "c", {"a"});
+const Operation kRegisterQRID = KX_GUEST_CALL(M::registerGuestWithQRID, "q1");
+const Operation kRegisterService = KX_GUEST_CALL(M::registerGuestWithSuccess);
 
 const RegistrationCase kRegistrationCases[] = {
-    {"ServiceChosenIdWithoutToken", false,
-     [](auto& o) { M::registerGuestWithSuccess(o.onGuest(), o.onFailure()); }, KXJSON::object()},
-    {"ServiceChosenIdWithToken", true,
-     [](auto& o) { M::registerGuestWithSuccess(o.onGuest(), o.onFailure()); },
-     withPush(KXJSON::object())},
-    {"IdWithoutToken",
-     false,
-     [](auto& o) { M::registerGuestWithId("g5", o.onGuest(), o.onFailure()); },
-     {{"externalId", "g5"}}},
-    {"IdWithToken", true, [](auto& o) { M::registerGuestWithId("g5", o.onGuest(), o.onFailure()); },
-     withPush({{"externalId", "g5"}})},
-    {"ParametersOverrideAndNullsAreLeftOut",
-     true,
-     [](auto& o) {
-         M::registerGuestWithId("g5",
-                                {{"externalId", "g9"},
-                                 {"deliveryProfiles", KXJSON::array()},
-                                 {"skip", nullptr},
-                                 {"extra", {{"a", 1}}}},
-                                o.onGuest(), o.onFailure());
-     },
-     {{"externalId", "g9"}, {"deliveryProfiles", KXJSON::array()}, {"extra", {{"a", 1}}}}},
-    {"QRIDWithoutTokenSendsNoType",
-     false,
-     [](auto& o) { M::registerGuestWithQRID("q1", o.onGuest(), o.onFailure()); },
-     {{"externalId", "q1"}}},
-    {"QRIDWithToken", true,
-     [](auto& o) { M::registerGuestWithQRID("q1", o.onGuest(), o.onFailure()); },
-     withPush({{"externalId", "q1"}, {"externalIdType", "QRID"}})},
-    {"FullWithoutToken", false, registerFull, kFullBody},
-    {"FullWithToken", true, registerFull, withPush(kFullBody)},
+    {"ServiceChosenIdWithoutToken", false, kRegisterService, KXJSON::object()},
+    {"ServiceChosenIdWithToken", true, kRegisterService, withPush("{}")},
+    {"IdWithoutToken", false, kRegister, KXJSON::parse(R"({"externalId":"g5"})")},
+    {"IdWithToken", true, kRegister, withPush(R"({"externalId":"g5"})")},
+    {"ParametersOverrideAndNullsAreLeftOut", true,
+     KX_GUEST_CALL(M::registerGuestWithId, "g5",
+                   KXJSON::parse(R"({"externalId":"g9","deliveryProfiles":[],"skip":null,
+                                     "extra":{"a":1}})")),
+     KXJSON::parse(R"({"externalId":"g9","deliveryProfiles":[],"extra":{"a":1}})")},
+    {"QRIDWithoutTokenSendsNoType", false, kRegisterQRID, KXJSON::parse(R"({"externalId":"q1"})")},
+    {"QRIDWithToken", true, kRegisterQRID,
+     withPush(R"({"externalId":"q1","externalIdType":"QRID"})")},
+    {"FullWithoutToken", false, kRegisterFull, KXJSON::parse(kFullBody)},
+    {"FullWithToken", true, kRegisterFull, withPush(kFullBody)},
 };
 
 class KXGuestRegistrationTest : public KXGuestServiceTest,
@@ -268,81 +244,20 @@ TEST_P(KXGuestRegistrationTest, PostsTheBodyThenFetchesTheNewGuestAndPostsTheSes
     if (c.withToken) {
         haveTokens({"aa"});
     }
-    service.script("POST", path("/guests"), createdAs("N1"));
-    service.script("GET", path("/guests/N1"),
-                   KXScriptedAnswer::json(200, guestJSON("N1", {apnsProfileJSON("P1", "aa")})));
+    answer("POST /guests", createdAs("N1"));
+    answer("GET /guests/N1", ok(guestJSON("N1", {apnsProfileJSON("P1", "aa")})));
 
-    KXGuestOutcome outcome;
-    c.operation(outcome);
-    awaitCallbacks(outcome, 1);
+    KXGuestLog log;
+    c.operation(log);
+    waitForEvents(log, 1);
 
-    EXPECT_EQ(outcome.successes, std::vector<KXJSON>{"N1"});
-    EXPECT_EQ(requestLines(), (Lines{"POST " + path("/guests"), "GET " + path("/guests/N1")}));
+    EXPECT_EQ(log.seen, Lines{c.withToken ? "guest:N1 push:P1" : "guest:N1"});
+    EXPECT_EQ(sentRequests(), (Lines{"POST /guests", "GET /guests/N1"}));
     EXPECT_EQ(KXJSON::parse(service.requests()[0].body), c.body);
     EXPECT_EQ(analyticsPosts, 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Bodies, KXGuestRegistrationTest, testing::ValuesIn(kRegistrationCases),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(KXGuestServiceTest, RegistrationAddsTheConfiguredInboxProfileAfterSuccess) {
-    kxLogLevel = 4;
-    auto sink = KXCapturingSink::install();
-    KXConfig::defaultConfig().setInboxDomainId("Dom");
-    service.script("POST", path("/guests"), createdAs("N1"));
-    service.script("GET", path("/guests/N1"), KXScriptedAnswer::json(200, guestJSON("N1")));
-    service.script("POST", path("/guests/N1/profiles"), createdAs("IN-9"));
-
-    KXGuestOutcome outcome;
-    M::registerGuestWithSuccess(outcome.onGuest(), outcome.onFailure());
-    awaitCallbacks(outcome, 1);
-    ASSERT_TRUE(waitFor([&] { return logged(*sink.sink, "Add inbox delivery profile: IN-9"); }));
-
-    EXPECT_EQ(requestLines(), (Lines{"POST " + path("/guests"), "GET " + path("/guests/N1"),
-                                     "POST " + path("/guests/N1/profiles")}));
-    EXPECT_EQ(KXJSON::parse(service.requests()[2].body),
-              M::inboxDeliveryAddressWithId("N1", "Dom"));
-    EXPECT_EQ(inboxSummaryFetches, 1);
-}
-
-struct RegistrationFailureCase {
-    const char* name;
-    KXScriptedAnswer post;
-    KXScriptedAnswer get;
-    KXError expected;
-};
-
-void PrintTo(const RegistrationFailureCase& c, std::ostream* os) {
-    *os << c.name;
-}
-
-class KXGuestRegistrationFailureTest : public KXGuestServiceTest,
-                                       public testing::WithParamInterface<RegistrationFailureCase> {
-};
-
-TEST_P(KXGuestRegistrationFailureTest, ReachesTheCallerWithoutPostingTheSession) {
-    const RegistrationFailureCase& c = GetParam();
-    service.script("POST", path("/guests"), c.post);
-    service.script("GET", path("/guests/N1"), c.get);
-    KXGuestOutcome outcome;
-    M::registerGuestWithId("g5", outcome.onGuest(), outcome.onFailure());
-    awaitCallbacks(outcome, 1);
-    EXPECT_EQ(outcome.failures, std::vector<KXError>{c.expected});
-    EXPECT_TRUE(outcome.successes.empty());
-    EXPECT_EQ(analyticsPosts, 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Steps, KXGuestRegistrationFailureTest,
-    testing::Values(RegistrationFailureCase{"PostRefused", KXScriptedAnswer::empty(400),
-                                            KXScriptedAnswer::empty(200),
-                                            KXError(NSOSStatusErrorDomain, 400)},
-                    RegistrationFailureCase{"NoNewRecordId", KXScriptedAnswer::empty(201),
-                                            KXScriptedAnswer::empty(200),
-                                            M::errorWithMessage("missing newRecordId")},
-                    RegistrationFailureCase{"FetchRefused", createdAs("N1"),
-                                            KXScriptedAnswer::empty(404),
-                                            KXError(NSOSStatusErrorDomain, 404)}),
-    [](const auto& info) { return std::string(info.param.name); });
+                         caseName);
 
 }  // namespace

@@ -1,41 +1,17 @@
-// The guest's lookups over its profiles, the body it sends, its business-unit properties and
-// logging out.
-#include "KXGuestTestSupport.h"
-#include "KXTestPlatform.h"
+// The guest's lookups over its profiles, its business-unit properties and logging out.
+#include "KXGuestServiceFixture.h"
 
 #include <KXClientFramework/KXConfig.h>
-#include <KXClientFramework/KXDevice.h>
 #include <KXClientFramework/KXException.h>
-#include <KXClientFramework/KXGuest.h>
-
-#include "guest/internal/KXGuestAnalytics.h"
-
-#include <gtest/gtest.h>
 
 #include <functional>
-#include <memory>
-#include <optional>
 #include <string>
-#include <vector>
 
 namespace {
 
-using Lookup = std::function<std::shared_ptr<KXDeliveryProfile>(const KXGuest&)>;
-
-struct LookupCase {
-    const char* name;
-    Lookup lookup;
-    std::optional<std::string> expectedId;  // absent: no profile found
-};
-
-void PrintTo(const LookupCase& c, std::ostream* os) {
-    *os << c.name;
-}
-
-class KXGuestLookupTest : public testing::TestWithParam<LookupCase> {
+class KXGuestLookupTest : public testing::Test {
 protected:
-    void SetUp() override {
-        platform = KXTestPlatform::install();
+    KXGuestLookupTest() {
         KXConfig::defaultConfig().setInboxDomainId("Dom");
         guest->guestWithDictionary({{"deliveryProfiles",
                                      {apnsProfileJSON("AP-1", "aa"), apnsProfileJSON("AP-2", "bb"),
@@ -46,67 +22,74 @@ protected:
                                       profileJSON("XX-1", "fax", {{"applicationToken", "cc"}})}}});
     }
 
-    std::shared_ptr<KXTestPlatform> platform;
+    std::shared_ptr<KXTestPlatform> platform = KXTestPlatform::install();
     std::shared_ptr<KXGuest> guest = KXGuest::currentGuest();
 };
 
-std::optional<std::string> idOf(const std::shared_ptr<KXDeliveryProfile>& profile) {
-    return profile ? profile->profileId() : std::nullopt;
-}
+using Lookup = std::function<std::shared_ptr<KXDeliveryProfile>(const KXGuest&)>;
 
-const LookupCase kLookupCases[] = {
-    {"IdIgnoresCase", [](auto& g) { return g.deliveryProfileForId("ap-2"); }, "AP-2"},
-    {"IdEmpty", [](auto& g) { return g.deliveryProfileForId(""); }, std::nullopt},
-    {"IdAbsent", [](auto& g) { return g.deliveryProfileForId(std::nullopt); }, std::nullopt},
-    {"IdUnknown", [](auto& g) { return g.deliveryProfileForId("AP-3"); }, std::nullopt},
-    {"InboxIdExact", [](auto& g) { return g.inboxDeliveryProfileWithInboxId("Dom"); }, "IN-1"},
-    {"InboxIdCaseDiffers", [](auto& g) { return g.inboxDeliveryProfileWithInboxId("dom"); },
-     std::nullopt},
-    {"InboxIdEmpty", [](auto& g) { return g.inboxDeliveryProfileWithInboxId(""); }, std::nullopt},
-    {"TokenOfCapitalisedChannel",
-     [](auto& g) { return g.APNSDeliveryProfileWithApplicationToken("bb"); }, "AP-2"},
-    {"TokenCaseDiffers", [](auto& g) { return g.APNSDeliveryProfileWithApplicationToken("AA"); },
-     std::nullopt},
-    {"TokenOnOtherChannel", [](auto& g) { return g.APNSDeliveryProfileWithApplicationToken("cc"); },
-     std::nullopt},
-    {"TokenEmpty", [](auto& g) { return g.APNSDeliveryProfileWithApplicationToken(""); },
-     std::nullopt},
-    {"CurrentDeviceWithoutToken", [](auto& g) { return g.APNSDeliveryProfileForCurrentDevice(); },
-     std::nullopt},
-    {"CurrentDeviceWithToken",
-     [](auto& g) {
-         KXDevice::currentDevice().saveDeviceToken("bb");
-         return g.APNSDeliveryProfileForCurrentDevice();
-     },
-     "AP-2"},
-    {"ChannelAPNSWithoutToken",
-     [](auto& g) { return g.currentDeliveryProfileForChannel(KXChannelTypeAPNS); }, std::nullopt},
-    {"ChannelAPNSWithToken",
-     [](auto& g) {
-         KXDevice::currentDevice().saveDeviceToken("aa");
-         return g.currentDeliveryProfileForChannel(KXChannelTypeAPNS);
-     },
-     "AP-1"},
-    {"ChannelSMSFirst",
-     [](auto& g) { return g.currentDeliveryProfileForChannel(KXChannelTypeSMS); }, "SM-1"},
-    {"ChannelEmailFirst",
-     [](auto& g) { return g.currentDeliveryProfileForChannel(KXChannelTypeEmail); }, "EM-1"},
-    {"ChannelInboxOfConfiguredDomain",
-     [](auto& g) { return g.currentDeliveryProfileForChannel(KXChannelTypeInbox); }, "IN-1"},
-    {"ChannelInboxWithoutConfiguredDomain",
-     [](auto& g) {
-         KXConfig::defaultConfig().setInboxDomainId(std::nullopt);
-         return g.currentDeliveryProfileForChannel(KXChannelTypeInbox);
-     },
-     std::nullopt},
+Lookup byId(std::optional<std::string> id) {
+    return [id](const KXGuest& g) { return g.deliveryProfileForId(id); };
+}
+Lookup byInboxId(std::string id) {
+    return [id](const KXGuest& g) { return g.inboxDeliveryProfileWithInboxId(id); };
+}
+Lookup byToken(std::string token) {
+    return [token](const KXGuest& g) { return g.APNSDeliveryProfileWithApplicationToken(token); };
+}
+Lookup byChannel(KXChannelType channel) {
+    return [channel](const KXGuest& g) { return g.currentDeliveryProfileForChannel(channel); };
+}
+const Lookup forThisDevice = [](const KXGuest& g) {
+    return g.APNSDeliveryProfileForCurrentDevice();
 };
 
-TEST_P(KXGuestLookupTest, FindsTheExpectedProfile) {
-    EXPECT_EQ(idOf(GetParam().lookup(*guest)), GetParam().expectedId);
+TEST_F(KXGuestLookupTest, FindsTheProfileOfAnIdInboxTokenDeviceOrChannel) {
+    struct Row {
+        Lookup lookup;
+        std::optional<std::string> expected;  // absent: none found
+        const char* token = nullptr;          // this device's token
+        const char* inboxDomainId = "Dom";
+    };
+    const Row rows[] = {
+        // Ids ignore case; inbox ids and tokens do not. Tokens count on push profiles only,
+        // whatever the case of the channel name.
+        {byId("ap-2"), "AP-2"},
+        {byId(""), std::nullopt},
+        {byId(std::nullopt), std::nullopt},
+        {byId("AP-3"), std::nullopt},
+        {byInboxId("Dom"), "IN-1"},
+        {byInboxId("dom"), std::nullopt},
+        {byInboxId(""), std::nullopt},
+        {byToken("bb"), "AP-2"},
+        {byToken("AA"), std::nullopt},
+        {byToken("cc"), std::nullopt},
+        {byToken(""), std::nullopt},
+        {forThisDevice, std::nullopt},
+        {forThisDevice, "AP-2", "bb"},
+        // By channel: this device's push profile, the first SMS or e-mail profile, the inbox
+        // profile of the configured domain.
+        {byChannel(KXChannelTypeAPNS), std::nullopt},
+        {byChannel(KXChannelTypeAPNS), "AP-1", "aa"},
+        {byChannel(KXChannelTypeSMS), "SM-1"},
+        {byChannel(KXChannelTypeEmail), "EM-1"},
+        {byChannel(KXChannelTypeInbox), "IN-1"},
+        {byChannel(KXChannelTypeInbox), std::nullopt, nullptr, nullptr},
+    };
+    for (std::size_t i = 0; i < std::size(rows); ++i) {
+        SCOPED_TRACE("row " + std::to_string(i));
+        const Row& row = rows[i];
+        if (row.token) {
+            KXDevice::currentDevice().saveDeviceToken(row.token);
+        } else {
+            KXDevice::currentDevice().deleteDeviceToken();
+        }
+        KXConfig::defaultConfig().setInboxDomainId(
+            row.inboxDomainId ? std::optional<std::string>(row.inboxDomainId) : std::nullopt);
+        const auto found = row.lookup(*guest);
+        EXPECT_EQ(found ? found->profileId() : std::nullopt, row.expected);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Lookups, KXGuestLookupTest, testing::ValuesIn(kLookupCases),
-                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(KXGuestLookupTest, ChannelListsKeepProfileOrderWhateverTheCase) {
     const auto ids = [](const KXGuest::Profiles& profiles) {
@@ -138,29 +121,13 @@ TEST_F(KXGuestLookupTest, ChannelOutsideOneToFourRaises) {
     }
 }
 
-TEST(KXGuestData, HoldsOnlyTheScalarsAndBusinessUnitProperties) {
-    KXGuest guest;
-    EXPECT_EQ(guest.guestData(), KXJSON::object());
-    guest.setBuProperties(KXJSON::object());
-    EXPECT_EQ(guest.guestData(), KXJSON({{"buProperties", KXJSON::object()}}));
-
-    guest.setExternalId("g1");
-    guest.setExternalIdType("QRID");
-    guest.setLanguagePref("");
-    guest.setBuCreativeLabel("gold");
-    guest.setTags({"a"});
-    guest.setDeliveryProfiles(KXGuest::Profiles{std::make_shared<KXDeliveryProfile>()});
-    guest.addBuProperties({{"tier", 2}});
-    EXPECT_EQ(guest.guestData(), KXJSON::parse(R"({"externalId":"g1","externalIdType":"QRID",
-        "languagePref":"","buCreativeLabel":"gold","buProperties":{"tier":2}})"));
-}
-
-TEST(KXGuestData, BusinessUnitPropertiesMergeAndRemove) {
+TEST(KXGuestData, BusinessUnitPropertiesMergeAndRemoveAndAreSentOnceSet) {
     KXGuest guest;
     guest.removeBuPropertiesForKeys({"a"});
     EXPECT_TRUE(guest.buProperties().is_null());
     guest.addBuProperties("not an object");
     EXPECT_TRUE(guest.buProperties().is_null());
+    EXPECT_EQ(guest.guestData(), KXJSON::object());
 
     guest.addBuProperties({{"a", 1}, {"b", 2}});
     guest.addBuProperties({{"b", {3}}, {"c", nullptr}});
@@ -169,26 +136,27 @@ TEST(KXGuestData, BusinessUnitPropertiesMergeAndRemove) {
     EXPECT_EQ(guest.buProperties(), KXJSON::parse(R"({"a":1,"b":[3],"c":null})"));
     guest.removeBuPropertiesForKeys({"a", "c", "missing"});
     EXPECT_EQ(guest.buProperties(), KXJSON::parse(R"({"b":[3]})"));
+    EXPECT_EQ(guest.guestData(), KXJSON::parse(R"({"buProperties":{"b":[3]}})"));
 }
 
 // How the analytics post ends: it succeeds, fails, or no engine runs to post it.
-enum class PostOutcome { Succeeds, Fails, NoEngine };
+const char* const kPostOutcomes[] = {"PostSucceeds", "PostFails", "NoEngine"};
 
-class KXGuestLogoutTest : public testing::TestWithParam<PostOutcome> {
+class KXGuestLogoutTest : public testing::TestWithParam<const char*> {
 protected:
     void TearDown() override { kxSetAnalyticsSessionPoster(nullptr); }
 };
 
 TEST_P(KXGuestLogoutTest, ClearsIdProfilesAndTagsOnlyOnceTheSessionIsPosted) {
     auto platform = KXTestPlatform::install();
+    const std::string outcome = GetParam();
     int posts = 0;
-    const PostOutcome outcome = GetParam();
-    if (outcome != PostOutcome::NoEngine) {
+    if (outcome != "NoEngine") {
         kxSetAnalyticsSessionPoster([&posts, outcome](auto success, auto failure) {
             ++posts;
-            if (outcome == PostOutcome::Succeeds && success) {
+            if (outcome == "PostSucceeds" && success) {
                 success();
-            } else if (outcome == PostOutcome::Fails && failure) {
+            } else if (outcome == "PostFails" && failure) {
                 failure(KXError(NSOSStatusErrorDomain, 500));
             }
         });
@@ -197,35 +165,18 @@ TEST_P(KXGuestLogoutTest, ClearsIdProfilesAndTagsOnlyOnceTheSessionIsPosted) {
     guest->guestWithDictionary(KXJSON::parse(R"({"externalId":"g1","externalIdType":"QRID",
         "languagePref":"fr","buCreativeLabel":"gold","tags":["a"],"buProperties":{"k":1},
         "deliveryProfiles":[{"id":"p1"}]})"));
-    const KXJSON before = describeGuest(*guest);
+    KXJSON expected = describeGuest(*guest);
+    if (outcome == "PostSucceeds") {
+        expected.update(
+            {{"externalId", nullptr}, {"deliveryProfiles", nullptr}, {"tags", nullptr}});
+    }
 
     guest->logout();
-
-    KXJSON expected = before;
-    if (GetParam() == PostOutcome::Succeeds) {
-        expected["externalId"] = nullptr;
-        expected["deliveryProfiles"] = nullptr;
-        expected["tags"] = nullptr;
-    }
     EXPECT_EQ(describeGuest(*guest), expected);
-    EXPECT_EQ(posts, GetParam() == PostOutcome::NoEngine ? 0 : 1);
+    EXPECT_EQ(posts, outcome == "NoEngine" ? 0 : 1);
 }
 
-std::string outcomeName(const testing::TestParamInfo<PostOutcome>& info) {
-    switch (info.param) {
-        case PostOutcome::Succeeds:
-            return "PostSucceeds";
-        case PostOutcome::Fails:
-            return "PostFails";
-        case PostOutcome::NoEngine:
-            break;
-    }
-    return "NoEngine";
-}
-
-INSTANTIATE_TEST_SUITE_P(Outcomes, KXGuestLogoutTest,
-                         testing::Values(PostOutcome::Succeeds, PostOutcome::Fails,
-                                         PostOutcome::NoEngine),
-                         outcomeName);
+INSTANTIATE_TEST_SUITE_P(Outcomes, KXGuestLogoutTest, testing::ValuesIn(kPostOutcomes),
+                         [](const auto& info) { return std::string(info.param); });
 
 }  // namespace
