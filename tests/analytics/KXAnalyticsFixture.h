@@ -1,40 +1,24 @@
 #pragma once
 
-// A test platform, a loopback service that every endpoint points at, a transport with a token
-// that does not expire, and helpers to run the main queue while the analytics engine talks to
-// the service.
+// The transport fixture with a token that does not expire, a captured log, and helpers to script
+// the session routes while the analytics engine talks to the service.
 
-#include "KXCapturingSink.h"
-#include "KXLoopbackService.h"
-#include "KXServiceAddress.h"
-#include "KXTestPlatform.h"
+#include "../transport/KXTransportFixture.h"
 
 #include <KXClientFramework/KXAnalytics.h>
-#include <KXClientFramework/KXBearerToken.h>
-#include <KXClientFramework/KXClientFramework.h>
-#include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXGlobals.h>
-#include <KXClientFramework/KXHTTPSessionManager.h>
 #include <KXClientFramework/KXSession.h>
 
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <functional>
-#include <memory>
 #include <string>
 #include <vector>
 
-class KXAnalyticsTest : public ::testing::Test {
+class KXAnalyticsTest : public KXTransportTest {
 protected:
-    static constexpr std::chrono::milliseconds kPatience{15000};
     static constexpr const char* kSessions = "/KXFrontier-stg/sessions";
 
     explicit KXAnalyticsTest(KXTestPlatformOptions options = {})
-        : platform(KXTestPlatform::install(std::move(options))) {
-        kxtest::pointServiceAt(service.baseURL());
-        KXHTTPSessionManager::sharedManager().setBearerToken(
-            std::make_shared<KXBearerToken>("test-token", std::nullopt));
+        : KXTransportTest(std::move(options)) {
+        giveToken();
         // Long enough that only the tick due at each resume fires during a test.
         KXConfig::defaultConfig().setAnalyticsSessionInterval(3600);
         kxLogLevel = 4;
@@ -49,24 +33,22 @@ protected:
 
     /// An engine whose session is the shared one, in `state`, without an activation (and so
     /// without the timer).
-    std::shared_ptr<KXAnalytics> engineInState(KXSessionState state) {
+    void engineInState(KXSessionState state, std::optional<std::string> sessionId = {}) {
         engine = KXAnalytics::create();
         engine->setSession(&session());
         session().reset();
         session().setSessionState(state);
-        return engine;
+        session().setSessionId(std::move(sessionId));
     }
 
-    /// Scripts the session routes: each answer in turn for the start route, then for the
-    /// update route of `sessionId`.
-    void scriptStart(const std::vector<KXScriptedAnswer>& answers) {
-        for (const auto& answer : answers) {
-            service.script("POST", kSessions, answer);
-        }
+    /// The start route, or the update route of `sessionId`.
+    static std::string route(const std::optional<std::string>& sessionId = {}) {
+        return sessionId ? std::string(kSessions) + "/" + *sessionId : kSessions;
     }
-    void scriptUpdate(const std::string& sessionId, const std::vector<KXScriptedAnswer>& answers) {
+    /// Queues each answer in turn for `path`.
+    void script(const std::string& path, const std::vector<KXScriptedAnswer>& answers) {
         for (const auto& answer : answers) {
-            service.script("POST", std::string(kSessions) + "/" + sessionId, answer);
+            service.script("POST", path, answer);
         }
     }
     static KXScriptedAnswer created(const std::string& identifier,
@@ -76,9 +58,7 @@ protected:
         answer.delay = delay;
         return answer;
     }
-    static KXScriptedAnswer failed() {
-        return KXScriptedAnswer::json(500, KXJSON{{"message", "down"}});
-    }
+    static KXScriptedAnswer failed() { return KXScriptedAnswer::json(500, {{"message", "down"}}); }
 
     /// The JSON bodies of the requests to `path`, in arrival order.
     std::vector<KXJSON> bodiesTo(const std::string& path) const {
@@ -89,24 +69,9 @@ protected:
         return bodies;
     }
 
-    /// Runs the main queue until `done` holds (also for conditions other threads change).
-    bool waitFor(const std::function<bool()>& done) {
-        const auto deadline = std::chrono::steady_clock::now() + kPatience;
-        while (!done()) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
-            platform->asioMainQueue().runFor(std::chrono::milliseconds(5));
-        }
-        return true;
-    }
-    /// Lets queued work and late answers arrive, to catch what should not happen.
-    void drain(std::chrono::milliseconds period = std::chrono::milliseconds(150)) {
-        platform->asioMainQueue().runFor(period);
-    }
+    /// How many captured log lines contain `text`.
+    std::size_t logCount(std::string_view text) const { return sink->linesContaining(text).size(); }
 
-    std::shared_ptr<KXTestPlatform> platform;
-    KXLoopbackService service;
     KXCapturingSink::Guard sink = KXCapturingSink::install();
     std::shared_ptr<KXAnalytics> engine;
 };

@@ -41,39 +41,11 @@ protected:
 
 }  // namespace
 
-TEST_F(LocationService, FuzzCoarsensExactlyTheFourFineLevels) {
-    const std::vector<std::pair<double, double>> cases = {
-        {kCLLocationAccuracyBestForNavigation, kCLLocationAccuracyKilometer},
-        {kCLLocationAccuracyBest, kCLLocationAccuracyKilometer},
-        {kCLLocationAccuracyNearestTenMeters, kCLLocationAccuracyKilometer},
-        {kCLLocationAccuracyHundredMeters, kCLLocationAccuracyKilometer},
-        {kCLLocationAccuracyKilometer, kCLLocationAccuracyKilometer},
-        {kCLLocationAccuracyThreeKilometers, kCLLocationAccuracyThreeKilometers},
-        {5.0, 5.0},
-        {10.5, 10.5},
-        {99.999, 99.999},
-        {0.0, 0.0},
-        {-3.0, -3.0},
-    };
-    for (const auto& [requested, allowed] : cases) {
-        EXPECT_EQ(KXLocationService::fuzz(requested), allowed) << requested;
-    }
-}
-
-TEST_F(LocationService, SetAccuracyIsFuzzedOnlyWhenTheConfigurationSaysSo) {
-    struct Case {
-        bool fuzzing;
-        double requested;
-        double desired;
-    };
-    const std::vector<Case> cases = {
-        {true, kCLLocationAccuracyBest, kCLLocationAccuracyKilometer},
-        {true, kCLLocationAccuracyHundredMeters, kCLLocationAccuracyKilometer},
-        {true, kCLLocationAccuracyThreeKilometers, kCLLocationAccuracyThreeKilometers},
-        {true, 5.0, 5.0},
-        {false, kCLLocationAccuracyBest, kCLLocationAccuracyBest},
-        {false, kCLLocationAccuracyThreeKilometers, kCLLocationAccuracyThreeKilometers},
-    };
+TEST_F(LocationService, FuzzCoarsensExactlyTheFourFineLevelsAndOnlyWhenTheConfigurationSaysSo) {
+    const double km = kCLLocationAccuracyKilometer, threeKm = kCLLocationAccuracyThreeKilometers;
+    const double fine[] = {kCLLocationAccuracyBestForNavigation, kCLLocationAccuracyBest,
+                           kCLLocationAccuracyNearestTenMeters, kCLLocationAccuracyHundredMeters};
+    const double kept[] = {km, threeKm, 5.0, 10.5, 99.999, 0.0, -3.0};
     // Without an owned source the class operations change and answer nothing.
     KXLocationService::setAccuracy(kCLLocationAccuracyBest);
     KXLocationService::setDistanceFilter(25.0);
@@ -81,12 +53,19 @@ TEST_F(LocationService, SetAccuracyIsFuzzedOnlyWhenTheConfigurationSaysSo) {
     EXPECT_EQ(KXLocationService::distanceFilter(), 0.0);
 
     source();
-    for (const auto& c : cases) {
-        KXConfig::defaultConfig().setLocationFuzzEnabled(c.fuzzing);
-        KXLocationService::setAccuracy(c.requested);
-        EXPECT_EQ(KXLocationService::desiredAccuracy(), c.desired)
-            << c.fuzzing << " " << c.requested;
-        EXPECT_EQ(source().desiredAccuracy(), c.desired);
+    for (const bool fuzzing : {true, false}) {
+        KXConfig::defaultConfig().setLocationFuzzEnabled(fuzzing);
+        for (const double requested : fine) {
+            EXPECT_EQ(KXLocationService::fuzz(requested), km) << requested;
+            KXLocationService::setAccuracy(requested);
+            EXPECT_EQ(KXLocationService::desiredAccuracy(), fuzzing ? km : requested) << requested;
+            EXPECT_EQ(source().desiredAccuracy(), fuzzing ? km : requested);
+        }
+        for (const double requested : kept) {
+            EXPECT_EQ(KXLocationService::fuzz(requested), requested);
+            KXLocationService::setAccuracy(requested);
+            EXPECT_EQ(KXLocationService::desiredAccuracy(), requested);
+        }
     }
     KXLocationService::setDistanceFilter(25.0);
     EXPECT_EQ(KXLocationService::distanceFilter(), 25.0);
@@ -126,8 +105,7 @@ TEST_F(LocationService, PermissionIsAskedFromSystemVersion8WhateverTheChecksFoun
         int requests;
         std::size_t errorLines;
     };
-    const std::vector<Case> cases = {
-        {"7.1", 0, 0}, {"8.0", 1, 2}, {"12.4", 1, 2}, {"garbage", 0, 0}};
+    const Case cases[] = {{"7.1", 0, 0}, {"8.0", 1, 2}, {"12.4", 1, 2}, {"garbage", 0, 0}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.version);
         platform->fakeDeviceFacts().systemVersion = c.version;

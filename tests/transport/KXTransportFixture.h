@@ -61,11 +61,12 @@ class KXTransportTest : public ::testing::Test {
 protected:
     static constexpr std::chrono::milliseconds kPatience{15000};
 
-    std::shared_ptr<KXTestPlatform> platform = KXTestPlatform::install();
+    std::shared_ptr<KXTestPlatform> platform;
     KXFakeClock& clock = platform->fakeClock();
     KXLoopbackService service;
 
-    KXTransportTest() {
+    explicit KXTransportTest(KXTestPlatformOptions options = {})
+        : platform(KXTestPlatform::install(std::move(options))) {
         pointEveryEndpointAt(service.baseURL());
         transport().setBearerToken(nullptr);  // a token left by a test before in this process
     }
@@ -98,7 +99,9 @@ protected:
     }
 
     /// Lets queued work run for a moment, to catch a callback that arrives twice.
-    void drain() { platform->asioMainQueue().runFor(std::chrono::milliseconds(50)); }
+    void drain(std::chrono::milliseconds period = std::chrono::milliseconds(50)) {
+        platform->asioMainQueue().runFor(period);
+    }
 
     /// Runs the main queue until `events` holds `count` entries, then a moment more to catch
     /// extra callbacks.
