@@ -1,14 +1,19 @@
 // The analytics engine against the loopback service: the retry rule, the session's states
 // through the application's life, pushes, the guest-change post and the session timer.
-#include "KXAnalyticsFixture.h"
+#include "../transport/KXTransportFixture.h"
 
+#include <KXClientFramework/KXAnalytics.h>
 #include <KXClientFramework/KXAnalyticsManager.h>
 #include <KXClientFramework/KXBackgroundTimer.h>
 #include <KXClientFramework/KXDevice.h>
+#include <KXClientFramework/KXGlobals.h>
+#include <KXClientFramework/KXSession.h>
 
 #include "guest/internal/KXGuestAnalytics.h"
 
 #include <atomic>
+#include <string>
+#include <vector>
 
 using namespace std::chrono_literals;
 
@@ -26,7 +31,75 @@ std::vector<std::string> attemptLines(const KXCapturingSink& sink) {
     return numbers;
 }
 
+/// What the callbacks of one post see when it succeeds or finally fails.
+std::vector<std::string> outcome(bool succeeds) {
+    return {succeeds ? "success" : "failure:500:down"};
+}
+
 }  // namespace
+
+// The transport fixture with a token that does not expire, a captured log, and helpers to script
+// the session routes while the analytics engine talks to the service.
+class KXAnalyticsTest : public KXTransportTest {
+protected:
+    static constexpr const char* kSessions = "/KXFrontier-stg/sessions";
+
+    explicit KXAnalyticsTest(KXTestPlatformOptions options = {})
+        : KXTransportTest(std::move(options)) {
+        giveToken();
+        // Long enough that only the tick due at each resume fires during a test.
+        KXConfig::defaultConfig().setAnalyticsSessionInterval(3600);
+        kxLogLevel = 4;
+    }
+
+    ~KXAnalyticsTest() override {
+        KXAnalytics::setEngaged(nullptr);
+        engine.reset();
+    }
+
+    KXSession& session() { return KXSession::currentSession(); }
+
+    /// An engine whose session is the shared one, in `state`, without an activation (and so
+    /// without the timer).
+    void engineInState(KXSessionState state, std::optional<std::string> sessionId = {}) {
+        engine = KXAnalytics::create();
+        engine->setSession(&session());
+        session().reset();
+        session().setSessionState(state);
+        session().setSessionId(std::move(sessionId));
+    }
+
+    /// The start route, or the update route of `sessionId`.
+    static std::string route(const std::optional<std::string>& sessionId = {}) {
+        return sessionId ? std::string(kSessions) + "/" + *sessionId : kSessions;
+    }
+    /// Where a post of a session in `state` with `sessionId` goes.
+    static std::string routeFor(KXSessionState state, const std::string& sessionId) {
+        return route(state == KXSessionStateNew ? std::nullopt : std::optional(sessionId));
+    }
+    /// Queues each answer in turn for `path`.
+    void script(const std::string& path, const std::vector<KXScriptedAnswer>& answers) {
+        for (const auto& answer : answers) {
+            service.script("POST", path, answer);
+        }
+    }
+    static KXScriptedAnswer failed() { return refused(500, "down"); }
+
+    /// The JSON bodies of the requests to `path`, in arrival order.
+    std::vector<KXJSON> bodiesTo(const std::string& path) const {
+        std::vector<KXJSON> bodies;
+        for (const auto& request : service.requestsTo(path)) {
+            bodies.push_back(KXJSON::parse(request.body, nullptr, false));
+        }
+        return bodies;
+    }
+
+    /// How many captured log lines contain `text`.
+    std::size_t logCount(std::string_view text) const { return sink->linesContaining(text).size(); }
+
+    KXCapturingSink::Guard sink = KXCapturingSink::install();
+    std::shared_ptr<KXAnalytics> engine;
+};
 
 TEST_F(KXAnalyticsTest, AFailedPostIsTriedThreeTimesInAllThenFailsOnce) {
     const struct {
@@ -46,8 +119,7 @@ TEST_F(KXAnalyticsTest, AFailedPostIsTriedThreeTimesInAllThenFailsOnce) {
         SCOPED_TRACE(caseNumber);
         const std::string sessionId = "s-" + std::to_string(caseNumber++);
         engineInState(c.state, sessionId);
-        const std::string path =
-            route(c.state == KXSessionStateNew ? std::nullopt : std::optional(sessionId));
+        const std::string path = routeFor(c.state, sessionId);
         script(path, c.answers);
         const std::size_t before = service.requestsTo(path).size();
         sink->clear();
@@ -56,8 +128,7 @@ TEST_F(KXAnalyticsTest, AFailedPostIsTriedThreeTimesInAllThenFailsOnce) {
                      events.failure());
         waitForEvents(events, 1);
         drain(150ms);
-        EXPECT_EQ(events.seen,
-                  std::vector<std::string>{c.succeeds ? "success" : "failure:500:down"});
+        EXPECT_EQ(events.seen, outcome(c.succeeds));
         EXPECT_EQ(attemptLines(*sink.sink), c.attempts);
         EXPECT_EQ(service.requestsTo(path).size() - before, c.answers.size());
         EXPECT_EQ(logCount("\n\nAnalytics data sent to KX.\n\n"), c.succeeds ? 1U : 0U);
@@ -121,7 +192,6 @@ TEST_F(KXAnalyticsTest, PushesAreHandledByTheApplicationsState) {
     // The triggering broadcast is what the next start document names.
     engine->handleNotification(kPush, KXApplicationState::Inactive);
     EXPECT_EQ(session().startSessionData()["triggeringBroadcastId"], "b-9");
-
     // The identifier is the kx object's bcastId when that is a scalar.
     const std::pair<const char*, KXJSON> identifiers[] = {
         {R"({"kx": {"bcastId": 1234}})", 1234},
@@ -146,7 +216,6 @@ TEST_F(KXAnalyticsTest, ReceivedBroadcastsAreEmptiedOnlyAfterASuccessfulUpdate) 
     engine->handleNotification(kPush, KXApplicationState::Active);
     engine->handleNotification({{"kx", {{"bcastId", 77}}}}, KXApplicationState::Active);
     script(route("s-1"), {failed(), failed(), failed(), created(""), created("")});
-
     engine->sessionTimerExceeded();
     ASSERT_TRUE(waitFor([&] { return attemptLines(*sink.sink).size() == 3; }));
     EXPECT_EQ(session().remoteBroadcastIds()->size(), 2U);
@@ -154,7 +223,6 @@ TEST_F(KXAnalyticsTest, ReceivedBroadcastsAreEmptiedOnlyAfterASuccessfulUpdate) 
     ASSERT_TRUE(waitFor([&] { return session().remoteBroadcastIds()->empty(); }));
     engine->sessionTimerExceeded();
     ASSERT_TRUE(waitFor([&] { return service.requestsTo(route("s-1")).size() == 5; }));
-
     const std::vector<KXJSON> bodies = bodiesTo(route("s-1"));
     for (std::size_t i = 0; i < 4; ++i) {
         ASSERT_TRUE(bodies[i].contains("receivedBroadcasts")) << i;
@@ -182,7 +250,6 @@ TEST_F(KXAnalyticsTest, TheGuestChangePostsWithTheTimerStoppedAndRestarts) {
     ASSERT_TRUE(
         waitFor([&] { return service.requests().size() == 1 && !engine->isTimerTickPending(); }));
     drain(150ms);
-
     for (const auto& c : cases) {
         SCOPED_TRACE(c.state);
         session().setSessionState(c.state);
@@ -190,11 +257,9 @@ TEST_F(KXAnalyticsTest, TheGuestChangePostsWithTheTimerStoppedAndRestarts) {
         session().setClosed(c.state == KXSessionStateEnded);
         session().remoteBroadcastIds()->clear();
         engine->handleNotification(kPush, KXApplicationState::Active);
-        script(route(c.state == KXSessionStateNew ? std::nullopt : std::optional("s-g")),
-               {c.answer});
+        script(routeFor(c.state, "s-g"), {c.answer});
         const std::size_t before = service.requests().size();
         sink->clear();
-
         KXEventLog events;
         engine->postCurrentSessionWithSuccess(events.done(), events.failure());
         EXPECT_TRUE(engine->backgroundTimer()->isRunning());
@@ -204,11 +269,9 @@ TEST_F(KXAnalyticsTest, TheGuestChangePostsWithTheTimerStoppedAndRestarts) {
                   std::string::npos);
         EXPECT_NE(lines[1].find("\n\nStopping timer.\n\n"), std::string::npos);
         EXPECT_NE(lines.back().find("\n\nStarting timer.\n\n"), std::string::npos);
-
         waitForEvents(events, 1);
         drain(150ms);
-        EXPECT_EQ(events.seen,
-                  std::vector<std::string>{c.succeeds ? "success" : "failure:500:down"});
+        EXPECT_EQ(events.seen, outcome(c.succeeds));
         EXPECT_EQ(session().remoteBroadcastIds()->empty(), c.succeeds);
         // Restarting the timer did not make another tick due: only the guest-change post went.
         EXPECT_EQ(service.requests().size() - before, c.succeeds ? 1U : 3U);
@@ -217,18 +280,6 @@ TEST_F(KXAnalyticsTest, TheGuestChangePostsWithTheTimerStoppedAndRestarts) {
     }
     EXPECT_EQ(session().sessionState(), KXSessionStateNew);
     EXPECT_EQ(session().sessionId(), "s-g");
-}
-
-TEST_F(KXAnalyticsTest, TheIntervalIsTheConfigurationsAtTheTimersCreation) {
-    engineInState(KXSessionStateNone);
-    KXConfig::defaultConfig().setAnalyticsSessionInterval(1000);
-    engine->startTimer();
-    KXConfig::defaultConfig().setAnalyticsSessionInterval(90);
-    engine->stopTimer();
-    EXPECT_FALSE(engine->backgroundTimer()->isRunning());
-    engine->startTimer();
-    EXPECT_TRUE(engine->backgroundTimer()->isRunning());
-    EXPECT_EQ(engine->backgroundTimer()->interval(), 1000.0);
 }
 
 TEST_F(KXAnalyticsTest, TimerTicksPostUpdatesFromTheBackgroundQueueUntilTheEngineIsGone) {
@@ -246,11 +297,22 @@ TEST_F(KXAnalyticsTest, TimerTicksPostUpdatesFromTheBackgroundQueueUntilTheEngin
     }
     ASSERT_TRUE(
         waitFor([&] { return service.requestsTo(route("s-t")).size() >= 3 && handled == 20; }));
-
     engine.reset();
     const std::size_t sent = service.requestsTo(route("s-t")).size();
     drain(1500ms);
     EXPECT_LE(service.requestsTo(route("s-t")).size(), sent + 1);  // at most the one queued
+}
+
+TEST_F(KXAnalyticsTest, TheIntervalIsTheConfigurationsAtTheTimersCreation) {
+    engineInState(KXSessionStateNone);
+    KXConfig::defaultConfig().setAnalyticsSessionInterval(1000);
+    engine->startTimer();
+    KXConfig::defaultConfig().setAnalyticsSessionInterval(90);
+    engine->stopTimer();
+    EXPECT_FALSE(engine->backgroundTimer()->isRunning());
+    engine->startTimer();
+    EXPECT_TRUE(engine->backgroundTimer()->isRunning());
+    EXPECT_EQ(engine->backgroundTimer()->interval(), 1000.0);
 }
 
 TEST_F(KXAnalyticsTest, AHostileRecordIdentifierIsNotUsedInTheSessionsURL) {
@@ -285,7 +347,6 @@ TEST_F(KXAnalyticsTest, TheGuestOperationsPostThroughTheEngagedEngine) {
     drain(150ms);
     const std::size_t posted = service.requestsTo(route("s-e")).size();
     EXPECT_GE(posted, 1U);
-
     KXAnalytics::setEngaged(nullptr);
     kxPostCurrentAnalyticsSession(events.done(), {});
     drain(150ms);
@@ -303,7 +364,6 @@ protected:
         return options;
     }
     AnalyticsLifeCycle() : KXAnalyticsTest(options()) { engine = KXAnalytics::create(); }
-
     KXApplication& application() { return platform->application(); }
 };
 
@@ -327,7 +387,6 @@ TEST_F(AnalyticsLifeCycle, ActivationPostsTheStartTwiceAndTheActivationsAnswerNa
                              "KXSession Started: start-id"}) {
         EXPECT_EQ(logCount(text), 1U) << text;
     }
-
     // A push while active, a tick, then the background: update and end reach the session.
     script(route("start-id"), {created(""), created("")});
     engine->handleNotification(kPush, KXApplicationState::Active);
@@ -360,7 +419,6 @@ TEST_F(AnalyticsLifeCycle, AnEndWithoutAStartedSessionGoesToAnEmptyIdentifier) {
     ASSERT_TRUE(waitFor([&] { return attemptLines(*sink.sink).size() >= 4; }));
     drain(300ms);
     EXPECT_EQ(session().sessionState(), KXSessionStateNew);
-
     application().postEvent(KXApplicationEvent::DidEnterBackground);
     ASSERT_TRUE(waitFor([&] { return application().backgroundTaskCount() == 0; }));
     const std::vector<KXJSON> ends = bodiesTo(route(""));
@@ -377,7 +435,6 @@ TEST_F(AnalyticsLifeCycle, AnEngineWithoutASessionOnlyBeginsABackgroundTaskThatE
     ASSERT_TRUE(waitFor([&] { return application().backgroundTaskCount() == 0; }));
     EXPECT_TRUE(service.requests().empty());
     EXPECT_EQ(logCount("Enter Foreground."), 1U);
-
     // A released engine no longer follows the application.
     engine.reset();
     application().postEvent(KXApplicationEvent::DidBecomeActive);

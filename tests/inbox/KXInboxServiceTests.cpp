@@ -33,16 +33,6 @@ KXScriptedAnswer page(const KXJSON& records, bool more = false) {
     return KXScriptedAnswer::json(200, {{"records", records}, {"hasMoreRecords", more}});
 }
 
-KXScriptedAnswer created(const std::string& newRecordId) {
-    KXScriptedAnswer answer = KXScriptedAnswer::empty(201);
-    answer.headers = {{"newRecordId", newRecordId}};
-    return answer;
-}
-
-KXScriptedAnswer refused(int status, const std::string& message) {
-    return KXScriptedAnswer::json(status, {{"message", message}});
-}
-
 std::shared_ptr<KXInboxMessage> withId(const std::string& id) {
     auto message = std::make_shared<KXInboxMessage>();
     message->setMessageId(id);
@@ -76,13 +66,11 @@ protected:
         KXConfig::defaultConfig().setInboxDomainId("d1");
         KXGuest::currentGuest()->setExternalId("g1");
     }
-
     /// Waits until `e` holds `count` events, and takes them.
     std::vector<std::string> await(std::size_t count = 1) {
         waitForEvents(e, count);
         return std::exchange(e.seen, {});
     }
-
     /// Waits for the one callback of the operation just started and gives the one request it
     /// sent, as "<method> <target>"; the request has no body.
     std::string sent() {
@@ -92,14 +80,12 @@ protected:
         EXPECT_EQ(requests.back().body, "");
         return requests.back().method + " " + requests.back().path;
     }
-
     /// Fetches page `number` of `limit` messages into the shared inbox, answered with `records`.
     void loadPage(std::int64_t number, std::int64_t limit, const KXJSON& records) {
         service.script("GET", kMessages, page(records, true));
         inbox.fetchWithPageNumber(number, limit, {}, e.any(), e.failure());
         EXPECT_EQ(await(), std::vector<std::string>{"success"});
     }
-
     KXInbox& inbox = KXInbox::shared();
     Events e;
     std::size_t requestCount = 0;
@@ -131,7 +117,6 @@ TEST_F(KXInboxServiceTest, EachOperationRequestsItsURL) {
     EXPECT_EQ(sent(), "DELETE /KXFrontier-stg/guests/g1/inboxes/x%20y/messages/a%2Fb%3Fc%23d%25");
     KXInboxManager::deleteMessageDetailsWithMessage(*withId(".."), {}, e.done(), e.failure());
     EXPECT_EQ(sent(), "DELETE " + kMessages + "/%2E%2E");
-
     KXListManager::fetchListWithId("L1", e.list(), e.failure());
     EXPECT_EQ(sent(), "GET " + kLists + "/L1");
     KXListManager::fetchListWithId({}, e.list(), e.failure());
@@ -171,17 +156,14 @@ TEST_F(KXInboxServiceTest, PagesAppendWithoutDeduplicationAFullFetchReplacesLook
     EXPECT_EQ(inbox.messageCount(), 20U);
     EXPECT_EQ(inbox.indexOfMessage(*withId("b0")), 10);
     EXPECT_EQ(inbox.messageAtIndex(10), inbox.messageForId("b0"));
-
     loadPage(1, 10, headers("a", 10));
     EXPECT_EQ(inbox.messageCount(), 30U) << "page 1 again is appended again";
     EXPECT_EQ(inbox.indexOfMessage(*withId("a3")), 3) << "the first of equal ids";
-
     service.script("GET", kMessages, page(headers("c", 3)));
     inbox.fetchMessagesWithId({}, e.any(), e.failure());
     await();
     EXPECT_EQ(inbox.messageCount(), 3U);
     EXPECT_EQ(inbox.indexOfMessage(*withId("a0")), NSNotFound);
-
     // Lookups and the unread count cover the loaded messages.
     KXJSON records = headers("r", 2, true);
     records.push_back({{"id", "u0"}});
@@ -290,7 +272,6 @@ TEST_F(KXInboxServiceTest, DetailsAndSummariesUpdateTheObjectsTheInboxHolds) {
     EXPECT_EQ(message->messageId(), "m1") << "the header's id does not replace it";
     EXPECT_EQ(message->title(), "Hi");
     EXPECT_EQ(message->content(), "<p>Body</p>");
-
     const auto shared = inbox.summary();
     for (int unread : {4, 2}) {
         service.script("GET", kInbox,
@@ -341,7 +322,6 @@ TEST_F(KXInboxServiceTest, FailuresAreLoggedAtErrorAndPassedOnUnchanged) {
     expectLogged("KXListManager::fetchListsWithTag", "failure:500:down");
     KXListManager::fetchListWithId("L1", {}, e.failure());
     expectLogged("KXListManager::fetchListWithId", "failure:404:no list");
-
     KXListManager::fetchListWithId("L1", {}, {});
     ASSERT_TRUE(runUntil([&] { return !sink->linesContaining("[ERROR] ").empty(); }))
         << "logged also without a failure callback";

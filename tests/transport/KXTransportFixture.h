@@ -50,6 +50,20 @@ struct KXEventLog {
     std::size_t count() const { return seen.size(); }
 };
 
+/// A 201 answer naming the record it made.
+inline KXScriptedAnswer created(const std::string& newRecordId,
+                                std::chrono::milliseconds delay = {}) {
+    KXScriptedAnswer answer = KXScriptedAnswer::empty(201);
+    answer.headers = {{"newRecordId", newRecordId}};
+    answer.delay = delay;
+    return answer;
+}
+
+/// An error answer with the service's {"message": …} body.
+inline KXScriptedAnswer refused(int status, const std::string& message) {
+    return KXScriptedAnswer::json(status, {{"message", message}});
+}
+
 /// True when some captured log line contains `text`.
 inline bool logged(const KXCapturingSink& sink, std::string_view text) {
     return !sink.linesContaining(text).empty();
