@@ -1,7 +1,12 @@
-// The session record's two documents: which node adds what, when, and in which time form.
+// The session record's two documents (which node adds what, when, and in which time form) and
+// the location service they take their fix from: accuracy and its fuzz, the fixes it keeps, and
+// what enabling it asks of the platform's source by system version.
+#include "KXCapturingSink.h"
 #include "KXTestPlatform.h"
 
+#include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXDevice.h>
+#include <KXClientFramework/KXGlobals.h>
 #include <KXClientFramework/KXLocationService.h>
 #include <KXClientFramework/KXSession.h>
 
@@ -22,90 +27,82 @@ const std::string kStartMinute = "1592224440";
 
 class SessionDocuments : public ::testing::Test {
 protected:
+    SessionDocuments() { kxLogLevel = 4; }
     std::shared_ptr<KXTestPlatform> platform = KXTestPlatform::install();
+    KXCapturingSink::Guard sink = KXCapturingSink::install();
     KXSession session;
-
-    static KXLocation at(double latitude, double longitude, TimePoint when) {
-        return KXLocation{latitude, longitude, when};
-    }
-    static std::shared_ptr<KXBroadcast> broadcast(KXJSON id, TimePoint when) {
+    const KXJSON deviceData = KXDevice::currentDevice().deviceData();
+    static std::shared_ptr<KXBroadcast> broadcast(KXJSON id, TimePoint when = kStart) {
         return std::make_shared<KXBroadcast>(std::move(id), when);
     }
+    static KXLocation fix(double latitude, double longitude, std::int64_t seconds) {
+        return KXLocation{latitude, longitude, TimePoint(std::chrono::seconds(seconds))};
+    }
+    /// The shared location service with its owned source made.
+    KXLocationService& service() {
+        KXLocationService& service = KXLocationService::sharedManager();
+        service.initializeLocationManager();
+        return service;
+    }
+    KXFakeLocationSource& source() {
+        service();
+        return *platform->locationSources().back();
+    }
 };
+using LocationService = SessionDocuments;
 
 }  // namespace
 
-TEST_F(SessionDocuments, ABareSessionStartsWithItsTimeAndDeviceDataOnly) {
+TEST_F(SessionDocuments, TheStartHasItsTimeAndDeviceDataLeftOutOnlyWhileTheSessionIsOpen) {
+    EXPECT_EQ(session.startSessionData(), (KXJSON{{"deviceData", deviceData}}));
     session.setCurrentDate(kStart);
-    session.setSessionState(KXSessionStateNew);
-    EXPECT_EQ(
-        session.startSessionData(),
-        (KXJSON{{"time", kStartMinute}, {"deviceData", KXDevice::currentDevice().deviceData()}}));
-    session.setSessionState(KXSessionStateOpen);
-    EXPECT_EQ(session.startSessionData(), (KXJSON{{"time", kStartMinute}}));
-    EXPECT_EQ(KXSession().startSessionData(),
-              (KXJSON{{"deviceData", KXDevice::currentDevice().deviceData()}}));
-}
-
-TEST_F(SessionDocuments, DeviceDataIsLeftOutOnlyWhileTheSessionIsOpen) {
     for (const auto state :
          {KXSessionStateNone, KXSessionStateNew, KXSessionStateEnded, KXSessionStateOpen}) {
         session.setSessionState(state);
-        KXJSON data = KXJSON::object();
-        EXPECT_TRUE(session.setDeviceDataNode(data));
-        EXPECT_EQ(data.contains("deviceData"), state != KXSessionStateOpen) << state;
+        KXJSON expected = {{"time", kStartMinute}};
+        if (state != KXSessionStateOpen) {
+            expected["deviceData"] = deviceData;
+        }
+        EXPECT_EQ(session.startSessionData(), expected) << state;
     }
 }
 
 TEST_F(SessionDocuments, TimesAreWholeMinutesInUTCWrittenAsStrings) {
-    struct Case {
-        TimePoint date;
-        std::string seconds;
-        std::string milliseconds;
-    };
-    const std::vector<Case> cases = {
+    const std::tuple<TimePoint, std::string, std::string> cases[] = {
         {kStart, kStartMinute, kStartMinute + "000"},
         {TimePoint(0s), "0", "0"},
         {TimePoint(59s) + 999ms, "0", "0"},
         {TimePoint(-1s), "-60", "-60000"},
         {TimePoint(4102444800s), "2147483647", "4102444800000"},  // 2100: past the 32-bit field
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(KXSession::stringUTCIntervalFromDate(c.date), c.seconds) << c.seconds;
-        EXPECT_EQ(KXSession::stringUTCMillisecondsFromDate(c.date), c.milliseconds) << c.seconds;
+    for (const auto& [date, seconds, milliseconds] : cases) {
+        EXPECT_EQ(KXSession::stringUTCIntervalFromDate(date), seconds) << seconds;
+        EXPECT_EQ(KXSession::stringUTCMillisecondsFromDate(date), milliseconds) << seconds;
     }
 }
 
 TEST_F(SessionDocuments, TheLocationServicesFixWinsOverTheOneCapturedAtTheStart) {
-    const KXLocation live = at(52.52, 13.405, kStart);
-    const KXLocation captured = at(-33.8688, 151.2093, kStart - 1h);
-    struct Case {
-        std::optional<KXLocation> service;
-        std::optional<KXLocation> session;
-        std::optional<KXLocation> sent;
-    };
-    const std::vector<Case> cases = {
-        {live, captured, live},
-        {std::nullopt, captured, captured},
-        {live, std::nullopt, live},
-        {std::nullopt, std::nullopt, std::nullopt},
-    };
-    for (const auto& c : cases) {
-        KXLocationService::sharedManager().setLocation(c.service);
-        session.setLocation(c.session);
+    const KXLocation live{52.52, 13.405, kStart};
+    const KXLocation captured{-33.8688, 151.2093, kStart - 1h};
+    using Fix = std::optional<KXLocation>;
+    const std::tuple<Fix, Fix, Fix> cases[] = {{live, captured, live},
+                                               {std::nullopt, captured, captured},
+                                               {live, std::nullopt, live},
+                                               {std::nullopt, std::nullopt, std::nullopt}};
+    for (const auto& [fromService, fromSession, sent] : cases) {
+        KXLocationService::sharedManager().setLocation(fromService);
+        session.setLocation(fromSession);
         for (const KXJSON& document : {session.startSessionData(), session.endSessionData()}) {
-            if (!c.sent) {
-                EXPECT_FALSE(document.contains("geoLocation"));
-                continue;
+            EXPECT_EQ(document.contains("geoLocation"), sent.has_value());
+            if (sent) {
+                EXPECT_EQ(
+                    document["geoLocation"],
+                    (KXJSON{{"time", KXSession::stringUTCMillisecondsFromDate(sent->timestamp)},
+                            {"coordinates",
+                             {{"latitude", sent->latitude}, {"longitude", sent->longitude}}}}));
             }
-            EXPECT_EQ(
-                document["geoLocation"],
-                (KXJSON{{"time", KXSession::stringUTCMillisecondsFromDate(c.sent->timestamp)},
-                        {"coordinates",
-                         {{"latitude", c.sent->latitude}, {"longitude", c.sent->longitude}}}}));
         }
     }
-    EXPECT_EQ(session.endSessionData().count("geoLocation"), 0u);
     KXLocationService::sharedManager().setLocation(live);
     EXPECT_EQ(session.endSessionData()["geoLocation"]["time"], kStartMinute + "000");
 }
@@ -114,43 +111,28 @@ TEST_F(SessionDocuments, TheEndDocumentAlwaysSaysWhetherTheSessionIsClosed) {
     EXPECT_EQ(session.endSessionData(), (KXJSON{{"isClosed", false}}));
     session.setCurrentDate(kStart);
     session.setClosed(true);
+    session.setBroadcast(broadcast("b-1"));  // a start key, never in the end document
     EXPECT_EQ(session.endSessionData(), (KXJSON{{"time", kStartMinute}, {"isClosed", true}}));
-    // The end document never carries the start's keys.
-    session.setBroadcast(broadcast("b-1", kStart));
-    EXPECT_FALSE(session.endSessionData().contains("triggeringBroadcastId"));
-    EXPECT_FALSE(session.endSessionData().contains("deviceData"));
 }
 
 TEST_F(SessionDocuments, TheTriggeringBroadcastIsSentAsReceivedUnlessEmpty) {
-    struct Case {
-        KXJSON id;
-        bool sent;
-    };
-    const std::vector<Case> cases = {
-        {"b-17", true},
-        {42, true},
-        {4.5, true},
-        {"", false},
-        {nullptr, false},
-        {true, false},
-        {KXJSON::object({{"x", 1}}), false},
-    };
-    for (const auto& c : cases) {
-        session.setBroadcast(broadcast(c.id, kStart));
+    const std::pair<KXJSON, bool> cases[] = {{"b-17", true},     {42, true},       {4.5, true},
+                                             {"", false},        {nullptr, false}, {true, false},
+                                             {{{"x", 1}}, false}};
+    for (const auto& [id, sent] : cases) {
+        session.setBroadcast(broadcast(id));
         const KXJSON document = session.startSessionData();
-        EXPECT_EQ(document.contains("triggeringBroadcastId"), c.sent) << c.id.dump();
-        if (c.sent) {
-            EXPECT_EQ(document["triggeringBroadcastId"], c.id);
-        }
+        const KXJSON absent = "(absent)";
+        EXPECT_EQ(document.value("triggeringBroadcastId", absent), sent ? id : absent) << id.dump();
     }
 }
 
 TEST_F(SessionDocuments, ReceivedBroadcastsKeepTheirOrderAndSkipThoseWithoutAnIdentifier) {
-    EXPECT_FALSE(session.endSessionData().contains("receivedBroadcasts"));  // no list at all
+    EXPECT_FALSE(session.remoteBroadcastIds()) << "no list until the session is reset";
+    EXPECT_FALSE(session.endSessionData().contains("receivedBroadcasts"));
     session.reset();
     EXPECT_FALSE(session.endSessionData().contains("receivedBroadcasts"));  // an empty list
-
-    session.remoteBroadcastIds()->push_back(broadcast("a", kStart));
+    session.remoteBroadcastIds()->push_back(broadcast("a"));
     session.remoteBroadcastIds()->push_back(broadcast(nullptr, kStart + 1min));
     session.remoteBroadcastIds()->push_back(broadcast(7, kStart + 2min + 30s));
     session.remoteBroadcastIds()->push_back(broadcast("c", kStart - 24h));
@@ -158,8 +140,7 @@ TEST_F(SessionDocuments, ReceivedBroadcastsKeepTheirOrderAndSkipThoseWithoutAnId
               (KXJSON{{{"broadcastId", "a"}, {"time", kStartMinute}},
                       {{"broadcastId", 7}, {"time", "1592224620"}},
                       {{"broadcastId", "c"}, {"time", "1592138040"}}}));
-
-    session.setRemoteBroadcastIds(KXSession::BroadcastList{broadcast(nullptr, kStart)});
+    session.setRemoteBroadcastIds(KXSession::BroadcastList{broadcast(nullptr)});
     EXPECT_FALSE(session.endSessionData().contains("receivedBroadcasts"));
 }
 
@@ -168,14 +149,13 @@ TEST_F(SessionDocuments, ResetStartsASessionButKeepsUnsentBroadcasts) {
     session.setCurrentDate(kStart);
     session.setClosed(true);
     session.setSessionState(KXSessionStateEnded);
-    session.setBroadcast(broadcast("trigger", kStart));
-    session.setLocation(at(1, 2, kStart));
+    session.setBroadcast(broadcast("trigger"));
+    session.setLocation(KXLocation{1, 2, kStart});
     session.reset();
     ASSERT_TRUE(session.remoteBroadcastIds());
     EXPECT_TRUE(session.remoteBroadcastIds()->empty());
-    session.remoteBroadcastIds()->push_back(broadcast("kept", kStart));
+    session.remoteBroadcastIds()->push_back(broadcast("kept"));
     session.reset();
-
     EXPECT_FALSE(session.sessionId());
     EXPECT_FALSE(session.currentDate());
     EXPECT_FALSE(session.isClosed());
@@ -190,9 +170,7 @@ TEST_F(SessionDocuments, NodesRefuseOnlyAnAbsentDictionary) {
     for (const Node node : {&KXSession::setStartRootNode, &KXSession::setEndRootNode,
                             &KXSession::setGuestSessionNode, &KXSession::setDeviceDataNode,
                             &KXSession::setLocationNode, &KXSession::setRemoteBroadcastNode}) {
-        KXJSON absent;
-        KXJSON array = KXJSON::array();
-        KXJSON empty = KXJSON::object();
+        KXJSON absent, array = KXJSON::array(), empty = KXJSON::object();
         EXPECT_FALSE((session.*node)(absent));
         EXPECT_FALSE((session.*node)(array));
         EXPECT_TRUE(absent.is_null());
@@ -200,11 +178,104 @@ TEST_F(SessionDocuments, NodesRefuseOnlyAnAbsentDictionary) {
     }
 }
 
-TEST(SessionRecord, TheSharedSessionIsOneRecordThatStartsEmpty) {
-    KXSession& session = KXSession::currentSession();
-    EXPECT_EQ(&session, &KXSession::currentSession());
-    EXPECT_EQ(session.sessionState(), KXSessionStateNone);
-    EXPECT_FALSE(session.sessionId());
-    EXPECT_FALSE(session.remoteBroadcastIds());
-    EXPECT_FALSE(session.isClosed());
+TEST_F(LocationService, FuzzCoarsensExactlyTheFourFineLevelsAndOnlyWhenTheConfigurationSaysSo) {
+    const double km = kCLLocationAccuracyKilometer, threeKm = kCLLocationAccuracyThreeKilometers;
+    const double fine[] = {kCLLocationAccuracyBestForNavigation, kCLLocationAccuracyBest,
+                           kCLLocationAccuracyNearestTenMeters, kCLLocationAccuracyHundredMeters};
+    const double kept[] = {km, threeKm, 5.0, 10.5, 99.999, 0.0, -3.0};
+    // Without an owned source the class operations change and answer nothing.
+    KXLocationService::setAccuracy(kCLLocationAccuracyBest);
+    KXLocationService::setDistanceFilter(25.0);
+    EXPECT_EQ(KXLocationService::desiredAccuracy(), 0.0);
+    EXPECT_EQ(KXLocationService::distanceFilter(), 0.0);
+    source();
+    for (const bool fuzzing : {true, false}) {
+        KXConfig::defaultConfig().setLocationFuzzEnabled(fuzzing);
+        for (const double requested : fine) {
+            EXPECT_EQ(KXLocationService::fuzz(requested), km) << requested;
+            KXLocationService::setAccuracy(requested);
+            EXPECT_EQ(KXLocationService::desiredAccuracy(), fuzzing ? km : requested) << requested;
+            EXPECT_EQ(source().desiredAccuracy(), fuzzing ? km : requested);
+        }
+        for (const double requested : kept) {
+            EXPECT_EQ(KXLocationService::fuzz(requested), requested);
+            KXLocationService::setAccuracy(requested);
+            EXPECT_EQ(KXLocationService::desiredAccuracy(), requested);
+        }
+    }
+    KXLocationService::setDistanceFilter(25.0);
+    EXPECT_EQ(KXLocationService::distanceFilter(), 25.0);
+}
+
+TEST_F(LocationService, TheLastDeliveredFixIsKeptAndErrorsDoNotEraseIt) {
+    KXFakeLocationSource& fake = source();
+    EXPECT_EQ(fake.delegate(), &service());
+    fake.deliver({fix(1, 2, 100), fix(3, 4, 200), fix(52.52, -13.405, 1592224496)});
+    EXPECT_EQ(service().location(), fix(52.52, -13.405, 1592224496));
+    EXPECT_EQ(sink->linesContaining("New location: <+52.52000000,-13.40500000> @ 2020-06-15 "
+                                    "12:34:56 +0000")
+                  .size(),
+              1u);
+    const KXError error("kCLErrorDomain", 1);
+    fake.deliverError(error);
+    EXPECT_EQ(service().locationError(), error);
+    EXPECT_EQ(service().location(), fix(52.52, -13.405, 1592224496));
+    const auto failures = sink->linesContaining("Core Location failed: " + error.description());
+    ASSERT_EQ(failures.size(), 1u);
+    EXPECT_NE(failures[0].find("ERROR"), std::string::npos);
+    // A fix set by hand stands until the next delivery; an empty delivery changes nothing.
+    platform->fakeClock().set(std::chrono::system_clock::time_point(1000s));
+    service().setLocationWithCoordinates(48.1, 11.6);
+    EXPECT_EQ(service().location(), fix(48.1, 11.6, 1000));
+    fake.deliver({});
+    EXPECT_EQ(service().location(), fix(48.1, 11.6, 1000));
+    fake.deliver({fix(0, 0, 5)});
+    EXPECT_EQ(service().location(), fix(0, 0, 5));
+}
+
+TEST_F(LocationService, PermissionIsAskedFromSystemVersion8WhateverTheChecksFound) {
+    const struct {
+        const char* version;
+        int requests;
+        std::size_t errorLines;
+    } cases[] = {{"7.1", 0, 0}, {"8.0", 1, 2}, {"12.4", 1, 2}, {"garbage", 0, 0}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.version);
+        platform->fakeDeviceFacts().systemVersion = c.version;
+        KXFakeLocationSource& fake = source();
+        const auto before = fake.calls();
+        sink->clear();
+        service().enableStandardLocationService();
+        EXPECT_TRUE(service().isEnabled());
+        EXPECT_TRUE(fake.isUpdating());
+        EXPECT_EQ(fake.desiredAccuracy(), kCLLocationAccuracyKilometer);
+        EXPECT_EQ(fake.distanceFilter(), 10.0);
+        EXPECT_EQ(fake.calls().requestWhenInUseAuthorization - before.requestWhenInUseAuthorization,
+                  c.requests);
+        EXPECT_EQ(fake.calls().requestAlwaysAuthorization - before.requestAlwaysAuthorization,
+                  c.requests);
+        EXPECT_EQ(sink->linesContaining("To have Location Services work in IOS 8.0+").size(),
+                  c.errorLines);
+        service().disableStandardLocationService();
+        EXPECT_FALSE(fake.isUpdating());
+        EXPECT_FALSE(service().isEnabled());
+    }
+    EXPECT_EQ(platform->locationSources().size(), 1u);  // one owned source throughout
+}
+
+TEST_F(LocationService, SignificantChangesReplaceTheStandardUpdates) {
+    KXFakeLocationSource& fake = source();
+    service().enableStandardLocationService();
+    service().enableSignificantLocationService();
+    EXPECT_FALSE(fake.isUpdating());
+    EXPECT_TRUE(fake.isMonitoringSignificantChanges());
+    EXPECT_TRUE(service().isEnabled());
+    service().disableSignificantLocationService();
+    EXPECT_FALSE(fake.isMonitoringSignificantChanges());
+    EXPECT_FALSE(service().isEnabled());
+}
+
+TEST(LocationServiceUnits, MilesAreInternationalMiles) {
+    EXPECT_DOUBLE_EQ(KXLocationService::milesToMeters(1), 1609.344);
+    EXPECT_DOUBLE_EQ(KXLocationService::milesToMeters(2.5), 4023.36);
 }

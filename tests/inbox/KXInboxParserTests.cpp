@@ -1,8 +1,9 @@
-// Message headers, message pages, message details and the domain summary read from the service's
-// JSON, including values of the wrong type.
+// Message headers, pages, details, the domain summary and subscription lists read from the
+// service's JSON, including values of the wrong type.
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXInbox.h>
 #include <KXClientFramework/KXInboxParser.h>
+#include <KXClientFramework/KXListParser.h>
 
 #include <gtest/gtest.h>
 
@@ -11,229 +12,189 @@
 
 namespace {
 
-using Text = std::optional<std::string>;
-
-// The header fields of one message, as the parser filled them.
-struct HeaderFields {
-    Text messageId, title, contentType, sender;
-    double timestamp = 0;
-    bool read = false;
-
-    bool operator==(const HeaderFields&) const = default;
-};
-
-HeaderFields fieldsOf(const KXInboxMessage& message) {
-    return {message.messageId(), message.title(),     message.contentType(),
-            message.sender(),    message.timestamp(), message.read()};
+std::string text(const std::optional<std::string>& value) {
+    return value ? *value : "-";
 }
 
-std::ostream& operator<<(std::ostream& out, const Text& text) {
-    return out << (text ? "\"" + *text + "\"" : std::string("absent"));
+/// A message's header fields as "id|title|contentType|sender|timestamp|read", "-" for absent.
+std::string fieldsOf(const KXInboxMessage& m) {
+    return text(m.messageId()) + "|" + text(m.title()) + "|" + text(m.contentType()) + "|" +
+           text(m.sender()) + "|" + KXJSON(m.timestamp()).dump() + "|" + (m.read() ? "1" : "0");
 }
 
-std::ostream& operator<<(std::ostream& out, const HeaderFields& f) {
-    return out << "{id " << f.messageId << ", title " << f.title << ", type " << f.contentType
-               << ", sender " << f.sender << ", timestamp " << f.timestamp << ", read " << f.read
-               << "}";
+/// A list's fields as "type|externalId|desc|name|tags|buProperties|channels", the channels as
+/// the initials of push, email and sms, "-" for absent.
+std::string fieldsOf(const KXList& l) {
+    std::string channels = "-";
+    if (l.channel()) {
+        channels = std::string(l.channel()->isIos() ? "p" : "") +
+                   (l.channel()->isEmail() ? "e" : "") + (l.channel()->isSMS() ? "s" : "");
+    }
+    return text(l.type()) + "|" + text(l.externalId()) + "|" + text(l.desc()) + "|" +
+           text(l.name()) + "|" + l.tags().dump() + "|" + l.buProperties().dump() + "|" + channels;
 }
 
-struct HeaderCase {
-    const char* name;
-    KXJSON header;
-    HeaderFields expected;
-};
-
-const HeaderCase kHeaderCases[] = {
-    {"all fields",
-     {{"id", "m1"},
-      {"subject", "Welcome"},
-      {"contentType", "text/html"},
-      {"sender", "Front desk"},
-      {"dateReceived", 1500000000000},
-      {"flags", {{"read", true}}}},
-     {"m1", "Welcome", "text/html", "Front desk", 1500000000000.0, true}},
-    {"missing keys", KXJSON::object(), HeaderFields()},
-    {"flags without read",
-     {{"id", "m2"}, {"flags", {{"deleted", true}}}},
-     {"m2", {}, {}, {}, 0, false}},
-    {"flags not an object", {{"flags", true}}, {}},
-    {"read as a truthy string", {{"flags", {{"read", "yes"}}}}, {{}, {}, {}, {}, 0, true}},
-    {"read as zero", {{"flags", {{"read", 0}}}}, {}},
-    {"fractional milliseconds", {{"dateReceived", 1.5}}, {{}, {}, {}, {}, 1.5, false}},
-    {"date as decimal text",
-     {{"dateReceived", " 1500000000000"}},
-     {{}, {}, {}, {}, 1500000000000.0, false}},
-    {"date of another type", {{"dateReceived", {{"ms", 1}}}}, {}},
-    {"numbers where strings belong",
-     {{"id", 42}, {"subject", -7}, {"sender", 2.5}, {"contentType", 18446744073709551615ULL}},
-     {"42", "-7", "18446744073709551615", "2.5", 0, false}},
-    {"booleans, arrays and objects where strings belong",
-     {{"id", true},
-      {"subject", KXJSON::array({"a"})},
-      {"sender", {{"a", 1}}},
-      {"contentType", nullptr}},
-     {}},
-    {"header not an object", KXJSON::array({1, 2}), {}},
-};
-
-class KXInboxHeaderTest : public testing::TestWithParam<HeaderCase> {};
+const KXJSON kFullHeader = R"({"id": "m1", "subject": "Welcome", "contentType": "text/html",
+    "sender": "Front desk", "dateReceived": 1500000000000, "flags": {"read": true}})"_json;
 
 }  // namespace
 
-TEST_P(KXInboxHeaderTest, FillsEveryHeaderFieldAndOverwritesOldValues) {
-    KXInboxMessage message;
-    // Values from an earlier reply must not survive a header that lacks them.
-    KXInboxParser::parseMessage(kHeaderCases[0].header, message);
-    KXInboxParser::parseMessage(GetParam().header, message);
-    EXPECT_EQ(fieldsOf(message), GetParam().expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(Headers, KXInboxHeaderTest, testing::ValuesIn(kHeaderCases),
-                         [](const auto& info) {
-                             std::string name = info.param.name;
-                             for (char& c : name) {
-                                 c = std::isalnum(static_cast<unsigned char>(c)) ? c : '_';
-                             }
-                             return name;
-                         });
-
-TEST(KXInboxParser, PageGivesOneMessagePerRecordInOrder) {
-    const KXJSON reply = {{"hasMoreRecords", true},
-                          {"records",
-                           {{{"id", "a"}, {"flags", {{"read", true}}}},
-                            "not a header",
-                            {{"id", "c"}, {"subject", "Third"}}}}};
-    const auto messages = KXInboxParser::parse(reply);
-    ASSERT_TRUE(messages.has_value());
-    ASSERT_EQ(messages->size(), 3U);
-    EXPECT_EQ((*messages)[0]->messageId(), "a");
-    EXPECT_TRUE((*messages)[0]->read());
-    EXPECT_EQ(fieldsOf(*(*messages)[1]), HeaderFields{});
-    EXPECT_EQ((*messages)[2]->title(), "Third");
-}
-
-TEST(KXInboxParser, PageRepliesWithoutRecordsGiveNoMessages) {
-    struct Case {
-        const char* name;
-        KXJSON reply;
-        bool absent;
+TEST(KXInboxParser, HeadersFillEveryFieldAndOverwriteOldValues) {
+    const std::pair<KXJSON, std::string> cases[] = {
+        {kFullHeader, "m1|Welcome|text/html|Front desk|1500000000000.0|1"},
+        {KXJSON::object(), "-|-|-|-|0.0|0"},
+        {R"({"id": "m2", "flags": {"deleted": true}})"_json, "m2|-|-|-|0.0|0"},
+        {R"({"flags": true})"_json, "-|-|-|-|0.0|0"},
+        {R"({"flags": {"read": "yes"}})"_json, "-|-|-|-|0.0|1"},
+        {R"({"flags": {"read": 0}})"_json, "-|-|-|-|0.0|0"},
+        {R"({"dateReceived": 1.5})"_json, "-|-|-|-|1.5|0"},
+        {R"({"dateReceived": " 1500000000000"})"_json, "-|-|-|-|1500000000000.0|0"},
+        {R"({"dateReceived": {"ms": 1}})"_json, "-|-|-|-|0.0|0"},
+        {R"({"id": 42, "subject": -7, "sender": 2.5, "contentType": 18446744073709551615})"_json,
+         "42|-7|18446744073709551615|2.5|0.0|0"},
+        {R"({"id": true, "subject": ["a"], "sender": {"a": 1}, "contentType": null})"_json,
+         "-|-|-|-|0.0|0"},
+        {R"([1, 2])"_json, "-|-|-|-|0.0|0"},
     };
-    const Case cases[] = {
-        {"null reply", nullptr, true},
-        {"no records", {{"hasMoreRecords", false}}, false},
-        {"empty records", {{"records", KXJSON::array()}}, false},
-        {"records not an array", {{"records", {{"id", "a"}}}}, false},
-        {"reply is an array", KXJSON::array({{{"id", "a"}}}), false},
-        {"reply is a string", "records", false},
-    };
-    for (const Case& c : cases) {
-        const auto messages = KXInboxParser::parse(c.reply);
-        EXPECT_EQ(messages.has_value(), !c.absent) << c.name;
-        if (messages) {
-            EXPECT_TRUE(messages->empty()) << c.name;
-        }
+    for (const auto& [header, expected] : cases) {
+        KXInboxMessage message;
+        // Values from an earlier reply must not survive a header that lacks them.
+        KXInboxParser::parseMessage(kFullHeader, message);
+        KXInboxParser::parseMessage(header, message);
+        EXPECT_EQ(fieldsOf(message), expected) << header;
     }
 }
 
 TEST(KXInboxParser, DetailsTakeTheGivenIdTheHeaderAndTheContent) {
-    struct Case {
-        const char* name;
+    const struct {
         KXJSON reply;
-        Text givenId;
-        HeaderFields expected;
-        Text content;
+        std::optional<std::string> givenId;
+        std::string fields, content;
+    } cases[] = {
+        {R"({"header": {"id": "other", "subject": "Hi", "flags": {"read": true}},
+             "content": "<p>Body</p>"})"_json,
+         "m7", "m7|Hi|-|-|0.0|1", "<p>Body</p>"},
+        {R"({"header": {"id": "other"}})"_json, std::nullopt, "-|-|-|-|0.0|0", "-"},
+        {R"({"content": 12})"_json, "m7", "m7|-|-|-|0.0|0", "12"},
+        {R"({"content": {"html": "x"}})"_json, "m7", "m7|-|-|-|0.0|0", "-"},
+        {R"({"header": "x", "content": ""})"_json, "m7", "m7|-|-|-|0.0|0", ""},
+        {nullptr, "m7", "m7|-|-|-|0.0|0", "-"},
     };
-    const Case cases[] = {
-        {"header id overridden",
-         {{"header", {{"id", "other"}, {"subject", "Hi"}, {"flags", {{"read", true}}}}},
-          {"content", "<p>Body</p>"}},
-         "m7",
-         {"m7", "Hi", {}, {}, 0, true},
-         "<p>Body</p>"},
-        {"absent id stays absent", {{"header", {{"id", "other"}}}}, std::nullopt, {}, std::nullopt},
-        {"content as a number", {{"content", 12}}, "m7", {"m7", {}, {}, {}, 0, false}, "12"},
-        {"content as an object",
-         {{"content", {{"html", "x"}}}},
-         "m7",
-         {"m7", {}, {}, {}, 0, false},
-         {}},
-        {"header not an object",
-         {{"header", "x"}, {"content", ""}},
-         "m7",
-         {"m7", {}, {}, {}, 0, false},
-         ""},
-        {"null reply", nullptr, "m7", {"m7", {}, {}, {}, 0, false}, std::nullopt},
-    };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.reply.dump());
         KXInboxMessage message;
         message.setContent("old body");
         message.setSender("old sender");
         KXInboxParser::parseMessage(message, c.reply, c.givenId);
-        EXPECT_EQ(fieldsOf(message), c.expected) << c.name;
-        EXPECT_EQ(message.content(), c.content) << c.name;
-
+        EXPECT_EQ(fieldsOf(message), c.fields);
+        EXPECT_EQ(text(message.content()), c.content);
         // A details fetch passes the message's own id, which the header overwrites first.
         KXInboxMessage own;
         own.setMessageId(c.givenId);
         KXInboxParser::parseMessage(own, c.reply, own.messageId());
-        EXPECT_EQ(own.messageId(), c.givenId) << c.name << ", own id";
+        EXPECT_EQ(own.messageId(), c.givenId) << "own id";
     }
 }
 
 TEST(KXInboxParser, DomainRepliesFillTheOneSharedSummary) {
-    struct Case {
-        const char* name;
+    const std::string nothing =
+        "name: (null), desc: (null), _totalMessageCount: 0, "
+        "_unreadMessageCount: 0, deleteByGuestForbidden: 0";
+    const struct {
         KXJSON reply;
-        Text configuredDomain;
+        std::optional<std::string> configuredDomain;
         std::string description;
-    };
-    const Case cases[] = {
-        {"all fields",
-         {{"name", "Main"},
-          {"description", "Inbox"},
-          {"totalMessageCount", 5},
-          {"unreadMessageCount", 2},
-          {"deleteByGuestForbidden", false}},
-         "d1",
-         "inboxDomainId: d1, name: Main, desc: Inbox, _totalMessageCount: 5, "
-         "_unreadMessageCount: 2, deleteByGuestForbidden: 0"},
-        {"missing keys and no configured domain", KXJSON::object(), std::nullopt,
-         "inboxDomainId: (null), name: (null), desc: (null), _totalMessageCount: 0, "
-         "_unreadMessageCount: 0, deleteByGuestForbidden: 0"},
-        {"counts and flag of other types",
-         {{"name", 3},
-          {"description", KXJSON::array()},
-          {"totalMessageCount", "17 messages"},
-          {"unreadMessageCount", -4},
-          {"deleteByGuestForbidden", "true"}},
+    } cases[] = {
+        {KXJSON::object(), std::nullopt, "inboxDomainId: (null), " + nothing},
+        {R"({"name": 3, "description": [], "totalMessageCount": "17 messages",
+             "unreadMessageCount": -4, "deleteByGuestForbidden": "true"})"_json,
          "d2",
          "inboxDomainId: d2, name: 3, desc: (null), _totalMessageCount: 17, "
          "_unreadMessageCount: 0, deleteByGuestForbidden: 1"},
-        {"huge and fractional counts",
-         {{"totalMessageCount", 18446744073709551615ULL},
-          {"unreadMessageCount", 2.9},
-          {"deleteByGuestForbidden", 1}},
+        {R"({"totalMessageCount": 18446744073709551615, "unreadMessageCount": 2.9,
+             "deleteByGuestForbidden": 1})"_json,
          "d3",
          "inboxDomainId: d3, name: (null), desc: (null), _totalMessageCount: "
          "18446744073709551615, _unreadMessageCount: 2, deleteByGuestForbidden: 1"},
-        {"reply not an object", KXJSON::array({1}), "d4",
-         "inboxDomainId: d4, name: (null), desc: (null), _totalMessageCount: 0, "
-         "_unreadMessageCount: 0, deleteByGuestForbidden: 0"},
+        {R"([1])"_json, "d4", "inboxDomainId: d4, " + nothing},
+        {R"({"name": "Main", "description": "Inbox", "totalMessageCount": 5,
+             "unreadMessageCount": 2, "deleteByGuestForbidden": false})"_json,
+         "d1",
+         "inboxDomainId: d1, name: Main, desc: Inbox, _totalMessageCount: 5, "
+         "_unreadMessageCount: 2, deleteByGuestForbidden: 0"},
     };
     const auto shared = KXInbox::shared().summary();
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         KXConfig::defaultConfig().setInboxDomainId(c.configuredDomain);
-        const auto summary = KXInboxParser::parseDomainWithJSON(c.reply);
-        EXPECT_EQ(summary, shared) << c.name;
-        EXPECT_EQ(shared->description(), c.description) << c.name;
+        EXPECT_EQ(KXInboxParser::parseDomainWithJSON(c.reply), shared) << c.reply;
+        EXPECT_EQ(shared->description(), c.description);
     }
-}
-
-TEST(KXInboxParser, NullDomainReplyLeavesTheSummaryAlone) {
-    KXConfig::defaultConfig().setInboxDomainId("d1");
-    KXInboxParser::parseDomainWithJSON({{"name", "Main"}});
+    // A null reply leaves the summary alone.
     KXConfig::defaultConfig().setInboxDomainId("d9");
     EXPECT_EQ(KXInboxParser::parseDomainWithJSON(nullptr), nullptr);
-    EXPECT_EQ(KXInbox::shared().summary()->name(), "Main");
-    EXPECT_EQ(KXInbox::shared().summary()->inboxDomainId(), "d1");
+    EXPECT_EQ(shared->description(), cases[4].description);
+}
+
+TEST(KXListParser, RecordFieldsAndChannelsAreTakenAsReceivedAndNeedAListAndAnObject) {
+    const std::pair<KXJSON, std::string> cases[] = {
+        {R"({"type": "PUBLIC", "externalId": "news", "description": "Weekly news", "name": "News",
+             "tags": ["a", "b", "a"], "buProperties": {"region": "north"}})"_json,
+         R"(PUBLIC|news|Weekly news|News|["a","b","a"]|{"region":"north"}|)"},
+        {KXJSON::object(), "-|-|-|-|null|null|"},
+        {R"({"type": 1, "externalId": 12.5, "description": true, "name": ["x"],
+             "tags": "not an array", "buProperties": 7})"_json,
+         R"(1|12.5|-|-|"not an array"|7|)"},
+        // Channel flags come from the keys of channelCounts, whatever the counts.
+        {R"({"channelCounts": {"APNS_PUSH": 3, "SMS": 0}})"_json, "-|-|-|-|null|null|ps"},
+        {R"({"channelCounts": {"EMAIL": null}})"_json, "-|-|-|-|null|null|e"},
+        {R"({"channelCounts": {"APNS_PUSH": 1, "EMAIL": 1, "SMS": 1}})"_json,
+         "-|-|-|-|null|null|pes"},
+        {R"({"channelCounts": {"apns_push": 1, "Email": 1, "INBOX": 9}})"_json,
+         "-|-|-|-|null|null|"},
+        {R"({"channelCounts": ["APNS_PUSH", "SMS"]})"_json, "-|-|-|-|null|null|"},
+    };
+    for (const auto& [record, expected] : cases) {
+        KXList list;
+        list.setName("old");
+        list.setTags({"old"});
+        ASSERT_TRUE(KXListParser::parseRootWithList(&list, record)) << record;
+        EXPECT_TRUE(list.channel()) << "the channel is always made";
+        ASSERT_TRUE(KXListParser::parseChannelsWithList(&list, record)) << record;
+        EXPECT_EQ(fieldsOf(list), expected) << record;
+    }
+    // Without a list or an object nothing changes.
+    KXList list;
+    list.setName("kept");
+    for (const KXJSON& record : {KXJSON(), KXJSON("x"), KXJSON::array({{{"name", "n"}}})}) {
+        EXPECT_FALSE(KXListParser::parseRootWithList(&list, record)) << record;
+        EXPECT_FALSE(KXListParser::parseChannelsWithList(&list, record)) << record;
+    }
+    EXPECT_FALSE(KXListParser::parseRootWithList(nullptr, {{"name", "n"}}));
+    EXPECT_FALSE(KXListParser::parseChannelsWithList(nullptr, {{"channelCounts", {}}}));
+    EXPECT_EQ(fieldsOf(list), "-|-|-|kept|null|null|-");
+}
+
+TEST(KXInboxParser, RepliesGiveOneItemPerRecordInOrderAndNoneWithoutRecords) {
+    const auto count = [](const auto& items) {
+        return items ? static_cast<int>(items->size()) : -1;
+    };
+    const auto messages = KXInboxParser::parse(R"({"hasMoreRecords": true, "records": [
+        {"id": "a", "flags": {"read": true}}, "not a header", {"id": "c", "subject": "Third"}]})"_json);
+    ASSERT_EQ(count(messages), 3);
+    EXPECT_EQ(fieldsOf(*(*messages)[0]), "a|-|-|-|0.0|1");
+    EXPECT_EQ(fieldsOf(*(*messages)[1]), "-|-|-|-|0.0|0");
+    EXPECT_EQ(fieldsOf(*(*messages)[2]), "c|Third|-|-|0.0|0");
+    const auto lists =
+        KXListParser::parse(R"({"records": [{"name": "A"}, 5, {"name": "C"}]})"_json);
+    ASSERT_EQ(count(lists), 3);
+    EXPECT_EQ(fieldsOf(*(*lists)[0]), "-|-|-|A|null|null|");
+    EXPECT_EQ(fieldsOf(*(*lists)[1]), "-|-|-|-|null|null|-");
+    EXPECT_EQ(fieldsOf(*(*lists)[2]), "-|-|-|C|null|null|");
+    EXPECT_EQ(count(KXInboxParser::parse(nullptr)), -1);
+    EXPECT_EQ(count(KXListParser::parse(nullptr)), -1);
+    for (const char* reply : {R"({"hasMoreRecords": false})", R"({"records": []})",
+                              R"({"records": {"id": "a"}})", R"([{"id": "a"}])", R"("records")"}) {
+        EXPECT_EQ(count(KXInboxParser::parse(KXJSON::parse(reply))), 0) << reply;
+        EXPECT_EQ(count(KXListParser::parse(KXJSON::parse(reply))), 0) << reply;
+    }
 }

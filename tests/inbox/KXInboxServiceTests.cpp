@@ -1,39 +1,63 @@
-// The inbox against the loopback service: URLs, paging, the loaded messages,
-// the summary, the concurrent delete, marking messages read, the failure log
-// lines and the badge.
+// The inbox and subscription lists against the loopback service: URLs, paging, loaded messages,
+// the summary, deletes, marking read, list creation, failure log lines and the badge.
 #include "../transport/KXTransportFixture.h"
 
 #include <KXClientFramework/KXBadgeManager.h>
 #include <KXClientFramework/KXGuest.h>
 #include <KXClientFramework/KXInbox.h>
 #include <KXClientFramework/KXInboxManager.h>
+#include <KXClientFramework/KXListManager.h>
 
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
 
 const std::string kInbox = "/KXFrontier-stg/guests/g1/inboxes/d1";
+const std::string kMessages = kInbox + "/messages";
+const std::string kLists = "/KXFrontier-stg/lists";
 
-KXJSON headersNamed(const std::string& prefix, int first, int count, bool read = false) {
+/// Headers with ids `prefix`0, `prefix`1, …
+KXJSON headers(const std::string& prefix, int count, bool read = false) {
     KXJSON records = KXJSON::array();
-    for (int i = first; i < first + count; ++i) {
-        records.push_back({{"id", prefix + std::to_string(i)},
-                           {"subject", "Subject " + std::to_string(i)},
-                           {"flags", {{"read", read}}}});
+    for (int i = 0; i < count; ++i) {
+        records.push_back({{"id", prefix + std::to_string(i)}, {"flags", {{"read", read}}}});
     }
     return records;
 }
 
-std::shared_ptr<KXInboxMessage> messageWithId(const std::string& id) {
+KXScriptedAnswer page(const KXJSON& records, bool more = false) {
+    return KXScriptedAnswer::json(200, {{"records", records}, {"hasMoreRecords", more}});
+}
+
+std::shared_ptr<KXInboxMessage> withId(const std::string& id) {
     auto message = std::make_shared<KXInboxMessage>();
     message->setMessageId(id);
     return message;
 }
 
-using Events = KXEventLog;
+/// The event log, with success callbacks of any signature, one that also keeps what it was
+/// handed, and one recording "success:<name>" for a list.
+struct Events : KXEventLog {
+    auto any() {
+        return [this](auto&&...) { succeeded(); };
+    }
+    template <class... Slots>
+    auto into(Slots&... slots) {
+        return [this, &slots...](auto&&... values) {
+            ((slots = values), ...);
+            succeeded();
+        };
+    }
+    KXListManager::ListSuccessBlock list() {
+        return [this](std::shared_ptr<KXList> l) {
+            seen.push_back("success:" + l->name().value_or("(none)"));
+        };
+    }
+};
 
 class KXInboxServiceTest : public KXTransportTest {
 protected:
@@ -42,390 +66,291 @@ protected:
         KXConfig::defaultConfig().setInboxDomainId("d1");
         KXGuest::currentGuest()->setExternalId("g1");
     }
-
-    /// Fetches page `page` of `limit` messages into the shared inbox, answered
-    /// with `records`.
-    void loadPage(std::int64_t page, std::int64_t limit, const KXJSON& records) {
-        service.script(
-            "GET", kInbox + "/messages",
-            KXScriptedAnswer::json(200, {{"records", records}, {"hasMoreRecords", true}}));
-        Events events;
-        KXInbox::shared().fetchWithPageNumber(
-            page, limit, std::nullopt,
-            [&](const std::optional<KXInboxMessages>&, bool) { events.succeeded(); },
-            events.failure());
-        waitForEvents(events, 1);
+    /// Waits until `e` holds `count` events, and takes them.
+    std::vector<std::string> await(std::size_t count = 1) {
+        waitForEvents(e, count);
+        return std::exchange(e.seen, {});
     }
-
+    /// Waits for the one callback of the operation just started and gives the one request it
+    /// sent, as "<method> <target>"; the request has no body.
+    std::string sent() {
+        EXPECT_EQ(await().size(), 1U);
+        const auto requests = service.requests();
+        EXPECT_EQ(requests.size(), ++requestCount);
+        EXPECT_EQ(requests.back().body, "");
+        return requests.back().method + " " + requests.back().path;
+    }
+    /// Fetches page `number` of `limit` messages into the shared inbox, answered with `records`.
+    void loadPage(std::int64_t number, std::int64_t limit, const KXJSON& records) {
+        service.script("GET", kMessages, page(records, true));
+        inbox.fetchWithPageNumber(number, limit, {}, e.any(), e.failure());
+        EXPECT_EQ(await(), std::vector<std::string>{"success"});
+    }
     KXInbox& inbox = KXInbox::shared();
+    Events e;
+    std::size_t requestCount = 0;
 };
-
-struct RequestCase {
-    const char* name;
-    std::function<void(Events&)> start;
-    const char* method;
-    std::string target;
-};
+using KXListManagerTest = KXInboxServiceTest;
 
 }  // namespace
 
 TEST_F(KXInboxServiceTest, EachOperationRequestsItsURL) {
-    const auto page = [](std::int64_t number, std::int64_t limit) {
-        return [=](Events& e) {
-            KXInbox::shared().fetchWithPageNumber(
-                number, limit, "", [&e](const auto&, bool) { e.succeeded(); }, e.failure());
-        };
-    };
-    const auto messages = [](Events& e) { return [&e](const auto&) { e.succeeded(); }; };
-    const std::vector<RequestCase> cases = {
-        {"summary of a given domain",
-         [&](Events& e) {
-             KXInboxManager::fetchInboxSummaryWithId("d2", messages(e), e.failure());
-         },
-         "GET", "/KXFrontier-stg/guests/g1/inboxes/d2"},
-        {"summary of the configured domain",
-         [&](Events& e) { KXInboxManager::fetchInboxSummaryWithId("", messages(e), e.failure()); },
-         "GET", kInbox},
-        {"every message",
-         [&](Events& e) {
-             KXInboxManager::fetchMessagesWithId(std::nullopt, messages(e), e.failure());
-         },
-         "GET", kInbox + "/messages"},
-        {"every message of the configured domain",
-         [&](Events& e) { KXInboxManager::fetchInboxesWithSuccess(messages(e), e.failure()); },
-         "GET", kInbox + "/messages"},
-        {"page 3 of 10", page(3, 10), "GET", kInbox + "/messages?offset=20&limit=10"},
-        {"page 1 of 10", page(1, 10), "GET", kInbox + "/messages?offset=0&limit=10"},
-        {"page 0 of 10", page(0, 10), "GET", kInbox + "/messages?offset=0&limit=10"},
-        {"page 5 of limit 0", page(5, 0), "GET", kInbox + "/messages?offset=0&limit=20"},
-        {"page beyond the 64-bit range", page(INT64_MAX, 10), "GET",
-         kInbox + "/messages?offset=9223372036854775807&limit=10"},
-        {"message details",
-         [&](Events& e) {
-             KXInboxManager::fetchMessageDetailsWithMessage(messageWithId("m1"), "d1", messages(e),
-                                                            e.failure());
-         },
-         "GET", kInbox + "/messages/m1"},
-        {"delete",
-         [&](Events& e) {
-             KXInboxManager::deleteMessageDetailsWithMessage(*messageWithId("m1"), std::nullopt,
-                                                             e.done(), e.failure());
-         },
-         "DELETE", kInbox + "/messages/m1"},
-        {"mark read",
-         [&](Events& e) {
-             KXInboxManager::markMessage(*messageWithId("m1"), std::nullopt, true, e.done(),
-                                         e.failure());
-         },
-         "POST", kInbox + "/messages/m1/read"},
-        {"mark unread",
-         [&](Events& e) {
-             KXInboxManager::markMessage(*messageWithId("m1"), std::nullopt, false, e.done(),
-                                         e.failure());
-         },
-         "POST", kInbox + "/messages/m1/unread"},
-        {"reserved characters in an id stay inside its segment",
-         [&](Events& e) {
-             KXInboxManager::deleteMessageDetailsWithMessage(*messageWithId("a/b?c#d%"), "x y",
-                                                             e.done(), e.failure());
-         },
-         "DELETE", "/KXFrontier-stg/guests/g1/inboxes/x%20y/messages/a%2Fb%3Fc%23d%25"},
-        {"a dot-dot id is not a way up",
-         [&](Events& e) {
-             KXInboxManager::deleteMessageDetailsWithMessage(*messageWithId(".."), std::nullopt,
-                                                             e.done(), e.failure());
-         },
-         "DELETE", kInbox + "/messages/%2E%2E"},
-    };
-    for (const RequestCase& c : cases) {
-        const std::size_t before = service.requests().size();
-        Events events;
-        c.start(events);
-        waitForEvents(events, 1);
-        EXPECT_EQ(events.count(), 1U) << c.name;
-        const auto requests = service.requests();
-        ASSERT_EQ(requests.size(), before + 1) << c.name;
-        EXPECT_EQ(requests.back().method, c.method) << c.name;
-        EXPECT_EQ(requests.back().path, c.target) << c.name;
-        EXPECT_EQ(requests.back().body, "") << c.name;
+    KXInboxManager::fetchInboxSummaryWithId("d2", e.any(), e.failure());
+    EXPECT_EQ(sent(), "GET /KXFrontier-stg/guests/g1/inboxes/d2");
+    KXInboxManager::fetchInboxSummaryWithId("", e.any(), e.failure());
+    EXPECT_EQ(sent(), "GET " + kInbox) << "the configured domain";
+    KXInboxManager::fetchMessagesWithId({}, e.any(), e.failure());
+    EXPECT_EQ(sent(), "GET " + kMessages);
+    KXInboxManager::fetchInboxesWithSuccess(e.any(), e.failure());
+    EXPECT_EQ(sent(), "GET " + kMessages);
+    KXInboxManager::fetchMessageDetailsWithMessage(withId("m1"), "d1", e.any(), e.failure());
+    EXPECT_EQ(sent(), "GET " + kMessages + "/m1");
+    KXInboxManager::deleteMessageDetailsWithMessage(*withId("m1"), {}, e.done(), e.failure());
+    EXPECT_EQ(sent(), "DELETE " + kMessages + "/m1");
+    KXInboxManager::markMessage(*withId("m1"), {}, true, e.done(), e.failure());
+    EXPECT_EQ(sent(), "POST " + kMessages + "/m1/read");
+    KXInboxManager::markMessage(*withId("m1"), {}, false, e.done(), e.failure());
+    EXPECT_EQ(sent(), "POST " + kMessages + "/m1/unread");
+    // Reserved characters stay inside their segment; a dot-dot id is not a way up.
+    KXInboxManager::deleteMessageDetailsWithMessage(*withId("a/b?c#d%"), "x y", e.done(),
+                                                    e.failure());
+    EXPECT_EQ(sent(), "DELETE /KXFrontier-stg/guests/g1/inboxes/x%20y/messages/a%2Fb%3Fc%23d%25");
+    KXInboxManager::deleteMessageDetailsWithMessage(*withId(".."), {}, e.done(), e.failure());
+    EXPECT_EQ(sent(), "DELETE " + kMessages + "/%2E%2E");
+    KXListManager::fetchListWithId("L1", e.list(), e.failure());
+    EXPECT_EQ(sent(), "GET " + kLists + "/L1");
+    KXListManager::fetchListWithId({}, e.list(), e.failure());
+    EXPECT_EQ(sent(), "GET " + kLists + "/");
+    KXListManager::fetchListsWithTag("a&b=c d#e+f%/", 1, 0, e.any(), e.failure());
+    EXPECT_EQ(sent(), "GET " + kLists + "?tag=a%26b%3Dc%20d%23e%2Bf%25%2F&offset=0&limit=1000");
+    KXListManager::fetchListsWithTag("", 1, 5, e.any(), e.failure());
+    EXPECT_EQ(sent(), "GET " + kLists + "?offset=0&limit=5") << "an empty tag is left out";
+    KXListManager::fetchListsWithTag({}, 2, 5, e.any(), e.failure());
+    EXPECT_EQ(sent(), "GET " + kLists + "?offset=5&limit=5");
+}
+
+TEST_F(KXInboxServiceTest, PagesBecomeAnOffsetAndALimitOf0TheDefaultLimit) {
+    // Messages default to 20 a page, lists to 1000; every paged read shares the offset rule.
+    const struct {
+        std::int64_t page, limit, offset, messageLimit, listLimit;
+    } cases[] = {{3, 10, 20, 10, 10}, {1, 10, 0, 10, 10}, {0, 10, 0, 10, 10},
+                 {5, 0, 0, 20, 1000}, {3, 7, 14, 7, 7},   {INT64_MAX, 10, INT64_MAX, 10, 10}};
+    for (const auto& c : cases) {
+        const std::string offset = "offset=" + std::to_string(c.offset) + "&limit=";
+        SCOPED_TRACE(offset);
+        inbox.fetchWithPageNumber(c.page, c.limit, "", e.any(), e.failure());
+        EXPECT_EQ(sent(), "GET " + kMessages + "?" + offset + std::to_string(c.messageLimit));
+        const std::string lists = "GET " + kLists + "?" + offset + std::to_string(c.listLimit);
+        KXListManager::fetchListDataForPage(c.page, c.limit, e.any(), e.failure());
+        EXPECT_EQ(sent(), lists);
+        KXListManager::fetchListsForPage(c.page, c.limit, e.any(), e.failure());
+        EXPECT_EQ(sent(), lists);
+        KXListManager::fetchListsWithTag("vip", c.page, c.limit, e.any(), e.failure());
+        EXPECT_EQ(sent(), "GET " + kLists + "?tag=vip&" + lists.substr(lists.find('?') + 1));
     }
 }
 
-TEST_F(KXInboxServiceTest, PagesAppendWithoutDeduplicationAndAFullFetchReplaces) {
-    loadPage(1, 10, headersNamed("a", 0, 10));
-    loadPage(2, 10, headersNamed("b", 0, 10));
+TEST_F(KXInboxServiceTest, PagesAppendWithoutDeduplicationAFullFetchReplacesLookupsCoverAll) {
+    loadPage(1, 10, headers("a", 10));
+    loadPage(2, 10, headers("b", 10));
     EXPECT_EQ(inbox.messageCount(), 20U);
-    EXPECT_EQ(inbox.indexOfMessage(*messageWithId("b0")), 10);
+    EXPECT_EQ(inbox.indexOfMessage(*withId("b0")), 10);
     EXPECT_EQ(inbox.messageAtIndex(10), inbox.messageForId("b0"));
-
-    loadPage(1, 10, headersNamed("a", 0, 10));
+    loadPage(1, 10, headers("a", 10));
     EXPECT_EQ(inbox.messageCount(), 30U) << "page 1 again is appended again";
-    EXPECT_EQ(inbox.indexOfMessage(*messageWithId("a3")), 3) << "the first of equal ids";
-
-    service.script("GET", kInbox + "/messages",
-                   KXScriptedAnswer::json(200, {{"records", headersNamed("c", 0, 3)}}));
-    Events events;
-    inbox.fetchMessagesWithId(
-        std::nullopt, [&](const std::optional<KXInboxMessages>&) { events.succeeded(); },
-        events.failure());
-    waitForEvents(events, 1);
+    EXPECT_EQ(inbox.indexOfMessage(*withId("a3")), 3) << "the first of equal ids";
+    service.script("GET", kMessages, page(headers("c", 3)));
+    inbox.fetchMessagesWithId({}, e.any(), e.failure());
+    await();
     EXPECT_EQ(inbox.messageCount(), 3U);
-    EXPECT_EQ(inbox.indexOfMessage(*messageWithId("a0")), NSNotFound);
-}
-
-TEST_F(KXInboxServiceTest, PageAnswersHandOverThePageAndTheMoreRecordsFlag) {
-    struct Case {
-        const char* name;
-        KXScriptedAnswer answer;
-        std::vector<std::string> events;
-        std::optional<std::size_t> pageSize;
-        bool hasMoreRecords;
-        std::size_t loadedAfter;
-    };
-    const std::vector<Case> cases = {
-        {"a page with more to come",
-         KXScriptedAnswer::json(200,
-                                {{"records", headersNamed("p", 0, 2)}, {"hasMoreRecords", true}}),
-         {"success"},
-         2,
-         true,
-         2},
-        {"the last page",
-         KXScriptedAnswer::json(200, {{"records", headersNamed("q", 0, 1)}}),
-         {"success"},
-         1,
-         false,
-         3},
-        {"an answer without JSON",
-         KXScriptedAnswer::empty(204),
-         {"success"},
-         std::nullopt,
-         false,
-         3},
-        {"an answer of the wrong shape",
-         KXScriptedAnswer::json(200, KXJSON::array({1, 2})),
-         {"success"},
-         0,
-         false,
-         3},
-        {"a server error",
-         KXScriptedAnswer::json(500, {{"message", "down"}}),
-         {"failure:500:down"},
-         std::nullopt,
-         false,
-         3},
-        {"a dropped connection", KXScriptedAnswer::dropped(), {}, std::nullopt, false, 3},
-    };
-    for (const Case& c : cases) {
-        service.script("GET", kInbox + "/messages", c.answer);
-        Events events;
-        std::optional<std::size_t> pageSize;
-        bool more = false;
-        inbox.fetchWithPageNumber(
-            1, 0, std::nullopt,
-            [&](const std::optional<KXInboxMessages>& page, bool hasMoreRecords) {
-                events.succeeded();
-                pageSize = page ? std::optional(page->size()) : std::nullopt;
-                more = hasMoreRecords;
-            },
-            events.failure());
-        waitForEvents(events, 1);
-        if (c.events.empty()) {
-            ASSERT_EQ(events.count(), 1U) << c.name;
-            EXPECT_EQ(events.seen[0].rfind("failure:", 0), 0U) << c.name;
-        } else {
-            EXPECT_EQ(events.seen, c.events) << c.name;
-        }
-        EXPECT_EQ(pageSize, c.pageSize) << c.name;
-        EXPECT_EQ(more, c.hasMoreRecords) << c.name;
-        EXPECT_EQ(inbox.messageCount(), c.loadedAfter) << c.name;
-    }
-}
-
-TEST_F(KXInboxServiceTest, LookupsAndUnreadCountCoverTheLoadedMessages) {
-    KXJSON records = headersNamed("r", 0, 2, true);
+    EXPECT_EQ(inbox.indexOfMessage(*withId("a0")), NSNotFound);
+    // Lookups and the unread count cover the loaded messages.
+    KXJSON records = headers("r", 2, true);
     records.push_back({{"id", "u0"}});
     records.push_back({{"subject", "no id"}});
     loadPage(1, 0, records);
-
-    EXPECT_EQ(inbox.unreadCount(), 2U);
-    EXPECT_EQ(inbox.messageForId("u0"), inbox.messageAtIndex(2));
+    EXPECT_EQ(inbox.unreadCount(), 5U);
+    EXPECT_EQ(inbox.messageForId("u0"), inbox.messageAtIndex(5));
     EXPECT_EQ(inbox.messageForId("missing"), nullptr);
     EXPECT_EQ(inbox.messageForId(std::nullopt), nullptr) << "an absent id matches nothing";
     EXPECT_EQ(inbox.indexOfMessage(KXInboxMessage()), NSNotFound);
-    EXPECT_EQ(inbox.messageAtIndex(4), nullptr);
+    EXPECT_EQ(inbox.messageAtIndex(7), nullptr);
+    inbox.messageAtIndex(5)->markAsRead();
+    EXPECT_EQ(inbox.unreadCount(), 4U) << "marked read at once, before the answer";
+}
 
-    inbox.messageAtIndex(2)->markAsRead();
-    EXPECT_EQ(inbox.unreadCount(), 1U) << "marked read at once, before the answer";
+TEST_F(KXInboxServiceTest, PageAnswersHandOverThePageAndTheMoreRecordsFlag) {
+    const struct {
+        KXScriptedAnswer answer;
+        std::string event;  // what the one callback reports, or how it starts
+        std::optional<std::size_t> pageSize;
+        bool hasMoreRecords;
+        std::size_t loadedAfter;
+    } cases[] = {
+        {page(headers("p", 2), true), "success", 2, true, 2},
+        {page(headers("q", 1)), "success", 1, false, 3},
+        {KXScriptedAnswer::empty(204), "success", std::nullopt, false, 3},
+        {KXScriptedAnswer::json(200, KXJSON::array({1, 2})), "success", 0, false, 3},
+        {refused(500, "down"), "failure:500:down", std::nullopt, false, 3},
+        {KXScriptedAnswer::dropped(), "failure:", std::nullopt, false, 3},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.answer.status);
+        service.script("GET", kMessages, c.answer);
+        std::optional<KXInboxMessages> handed;
+        bool more = false;
+        inbox.fetchWithPageNumber(1, 0, {}, e.into(handed, more), e.failure());
+        const auto seen = await();
+        ASSERT_EQ(seen.size(), 1U);
+        EXPECT_EQ(seen[0].rfind(c.event, 0), 0U) << seen[0];
+        EXPECT_EQ(handed ? std::optional(handed->size()) : std::nullopt, c.pageSize);
+        EXPECT_EQ(more, c.hasMoreRecords);
+        EXPECT_EQ(inbox.messageCount(), c.loadedAfter);
+    }
 }
 
 TEST_F(KXInboxServiceTest, MarkAsReadPostsAndReportsOnlyToTheBlocksGiven) {
-    struct Case {
-        const char* name;
+    const struct {
         KXScriptedAnswer answer;
         bool withBlocks;
         std::vector<std::string> events;
-    };
-    const std::vector<Case> cases = {
-        {"accepted", KXScriptedAnswer::empty(200), true, {"success"}},
-        {"refused", KXScriptedAnswer::json(403, {{"message", "no"}}), true, {"failure:403:no"}},
-        {"refused without blocks", KXScriptedAnswer::json(403, {{"message", "no"}}), false, {}},
-    };
-    for (const Case& c : cases) {
-        service.script("POST", kInbox + "/messages/m1/read", c.answer);
+    } cases[] = {{KXScriptedAnswer::empty(200), true, {"success"}},
+                 {refused(403, "no"), true, {"failure:403:no"}},
+                 {refused(403, "no"), false, {}}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.withBlocks ? c.events[0] : "without blocks");
+        service.script("POST", kMessages + "/m1/read", c.answer);
         const std::size_t before = service.requests().size();
-        auto message = messageWithId("m1");
-        Events events;
-        if (c.withBlocks) {
-            message->markAsReadWithSuccess(events.done(), events.failure());
-        } else {
-            message->markAsReadWithSuccess({}, {});
-        }
-        EXPECT_TRUE(message->read()) << c.name;
-        ASSERT_TRUE(service.waitForRequests(before + 1, kPatience)) << c.name;
-        waitForEvents(events, c.events.size());
-        EXPECT_EQ(events.seen, c.events) << c.name;
-        EXPECT_TRUE(message->read()) << c.name << ": a failure does not set it back";
+        auto message = withId("m1");
+        c.withBlocks ? message->markAsReadWithSuccess(e.done(), e.failure())
+                     : message->markAsReadWithSuccess({}, {});
+        EXPECT_TRUE(message->read());
+        ASSERT_TRUE(service.waitForRequests(before + 1, kPatience));
+        EXPECT_EQ(await(c.events.size()), c.events);
+        EXPECT_TRUE(message->read()) << "a failure does not set it back";
     }
-}
-
-TEST_F(KXInboxServiceTest, DetailsFillTheSameMessageAndKeepItsId) {
-    service.script("GET", kInbox + "/messages/m1",
-                   KXScriptedAnswer::json(200, {{"header", {{"id", "other"}, {"subject", "Hi"}}},
-                                                {"content", "<p>Body</p>"}}));
-    const auto message = messageWithId("m1");
-    std::shared_ptr<KXInboxMessage> handed;
-    Events events;
-    inbox.fetchMessageDetails(
-        message, std::nullopt,
-        [&](std::shared_ptr<KXInboxMessage> m) {
-            handed = std::move(m);
-            events.succeeded();
-        },
-        events.failure());
-    waitForEvents(events, 1);
-    EXPECT_EQ(handed, message);
-    EXPECT_EQ(message->messageId(), "m1");
-    EXPECT_EQ(message->title(), "Hi");
-    EXPECT_EQ(message->content(), "<p>Body</p>");
 }
 
 TEST_F(KXInboxServiceTest, SummaryOfAGuestWithoutIdIsReportedInvalidAndStillFetched) {
-    struct Case {
+    const std::vector<std::string> invalid = {"failure:99:invalid guest", "success"};
+    const struct {
         const char* name;
         std::optional<std::string> externalId;
         bool withFailure;
-        std::string guestSegment;
         std::vector<std::string> events;
-    };
-    const std::vector<Case> cases = {
-        {"guest with an id", "g1", true, "g1", {"success"}},
-        {"absent id", std::nullopt, true, "", {"failure:99:invalid guest", "success"}},
-        {"empty id", "", true, "", {"failure:99:invalid guest", "success"}},
-        {"absent id, no failure block", std::nullopt, false, "", {"success"}},
-    };
-    for (const Case& c : cases) {
+    } cases[] = {{"guest with an id", "g1", true, {"success"}},
+                 {"absent id", std::nullopt, true, invalid},
+                 {"empty id", "", true, invalid},
+                 {"absent id, no failure block", std::nullopt, false, {"success"}}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
         KXGuest::currentGuest()->setExternalId(c.externalId);
-        const std::string path = "/KXFrontier-stg/guests/" + c.guestSegment + "/inboxes/d1";
+        const std::string path =
+            "/KXFrontier-stg/guests/" + c.externalId.value_or("") + "/inboxes/d1";
         service.script("GET", path, KXScriptedAnswer::json(200, {{"name", c.name}}));
         const std::size_t before = service.requestsTo(path).size();
-        Events events;
         std::shared_ptr<KXInboxSummary> summary;
         KXInboxManager::fetchInboxSummaryWithId(
-            std::nullopt,
-            [&](std::shared_ptr<KXInboxSummary> s) {
-                summary = std::move(s);
-                events.succeeded();
-            },
-            c.withFailure ? events.failure() : KXInboxManager::FailureBlock());
-        waitForEvents(events, c.events.size());
-        EXPECT_EQ(events.seen, c.events) << c.name;
-        EXPECT_EQ(service.requestsTo(path).size(), before + 1) << c.name;
-        ASSERT_TRUE(summary) << c.name;
-        EXPECT_EQ(summary->name(), c.name) << c.name;
+            std::nullopt, e.into(summary),
+            c.withFailure ? e.failure() : KXInboxManager::FailureBlock());
+        EXPECT_EQ(await(c.events.size()), c.events);
+        EXPECT_EQ(service.requestsTo(path).size(), before + 1);
+        ASSERT_TRUE(summary);
+        EXPECT_EQ(summary->name(), c.name);
     }
 }
 
-TEST_F(KXInboxServiceTest, EverySummaryFetchUpdatesTheOneSharedSummary) {
+TEST_F(KXInboxServiceTest, DetailsAndSummariesUpdateTheObjectsTheInboxHolds) {
+    service.script("GET", kMessages + "/m1",
+                   KXScriptedAnswer::json(200, R"({"content": "<p>Body</p>",
+                   "header": {"id": "other", "subject": "Hi"}})"_json));
+    const auto message = withId("m1");
+    std::shared_ptr<KXInboxMessage> handed;
+    inbox.fetchMessageDetails(message, {}, e.into(handed), e.failure());
+    await();
+    EXPECT_EQ(handed, message);
+    EXPECT_EQ(message->messageId(), "m1") << "the header's id does not replace it";
+    EXPECT_EQ(message->title(), "Hi");
+    EXPECT_EQ(message->content(), "<p>Body</p>");
     const auto shared = inbox.summary();
-    std::vector<std::shared_ptr<KXInboxSummary>> handed;
     for (int unread : {4, 2}) {
-        service.script(
-            "GET", kInbox,
-            KXScriptedAnswer::json(
-                200, {{"name", "Main"}, {"totalMessageCount", 5}, {"unreadMessageCount", unread}}));
-        Events events;
-        inbox.fetchInboxSummaryWithId(
-            std::nullopt,
-            [&](std::shared_ptr<KXInboxSummary> s) {
-                handed.push_back(std::move(s));
-                events.succeeded();
-            },
-            events.failure());
-        waitForEvents(events, 1);
+        service.script("GET", kInbox,
+                       KXScriptedAnswer::json(200, {{"unreadMessageCount", unread}}));
+        std::shared_ptr<KXInboxSummary> summary;
+        inbox.fetchInboxSummaryWithId(std::nullopt, e.into(summary), e.failure());
+        await();
+        EXPECT_EQ(summary, shared);
+        EXPECT_EQ(shared->unreadMessageCount(), static_cast<std::size_t>(unread));
     }
-    ASSERT_EQ(handed.size(), 2U);
-    EXPECT_EQ(handed[0], shared);
-    EXPECT_EQ(handed[1], shared);
-    EXPECT_EQ(shared->unreadMessageCount(), 2U);
     EXPECT_EQ(shared->inboxDomainId(), "d1");
 }
 
-TEST_F(KXInboxServiceTest, SummaryAndFullListFailuresAreLoggedAtError) {
+TEST_F(KXInboxServiceTest, FailuresAreLoggedAtErrorAndPassedOnUnchanged) {
     kxLogLevel = 1;
     auto sink = KXCapturingSink::install();
-    loadPage(1, 10, headersNamed("k", 0, 2));
-    service.script("GET", kInbox, KXScriptedAnswer::json(503, {{"message", "busy"}}));
-    service.script("GET", kInbox + "/messages", KXScriptedAnswer::json(500, {{"message", "down"}}));
-
-    Events events;
-    inbox.fetchInboxSummaryWithId(std::nullopt, {}, events.failure());
-    inbox.fetchMessagesWithId(std::nullopt, {}, events.failure());
-    waitForEvents(events, 2);
-
-    const auto domain = sink->linesContaining("Error fetching inbox domain. ");
-    const auto messages = sink->linesContaining("Error fetching inbox messages. ");
-    ASSERT_EQ(domain.size(), 1U);
-    ASSERT_EQ(messages.size(), 1U);
-    EXPECT_NE(domain[0].find("[ERROR] KXInbox::fetchInboxSummaryWithId"), std::string::npos)
-        << domain[0];
-    EXPECT_NE(domain[0].find("Code=503"), std::string::npos) << domain[0];
-    EXPECT_NE(messages[0].find("Code=500"), std::string::npos) << messages[0];
+    loadPage(1, 10, headers("k", 2));
+    service.script("GET", kInbox, refused(503, "busy"));
+    service.script("GET", kMessages, refused(500, "down"));
+    service.script("GET", kLists, refused(500, "down"));
+    service.script("GET", kLists + "/L1", refused(404, "no list"));
+    // One ERROR line names the operation and carries the error's description.
+    const auto expectLogged = [&](const std::string& where, const std::string& event,
+                                  const std::string& text = "ERROR: ") {
+        SCOPED_TRACE(where);
+        EXPECT_EQ(await(), std::vector{event});
+        const auto lines = sink->linesContaining("[ERROR] ");
+        ASSERT_EQ(lines.size(), 1U);
+        EXPECT_EQ(lines[0].rfind("[ERROR] " + where + " [Line ", 0), 0U) << lines[0];
+        const std::string code = event.substr(8, 3);
+        EXPECT_NE(lines[0].find(text + "Error Domain=NSOSStatusErrorDomain Code=" + code),
+                  std::string::npos)
+            << lines[0];
+        sink->clear();
+    };
+    inbox.fetchInboxSummaryWithId({}, {}, e.failure());
+    expectLogged("KXInbox::fetchInboxSummaryWithId", "failure:503:busy",
+                 "Error fetching inbox domain. ");
+    inbox.fetchMessagesWithId({}, {}, e.failure());
+    expectLogged("KXInbox::fetchMessagesWithId", "failure:500:down",
+                 "Error fetching inbox messages. ");
     EXPECT_EQ(inbox.messageCount(), 2U) << "a failed full fetch keeps the loaded messages";
+    KXListManager::fetchListDataForPage(1, 0, {}, e.failure());
+    expectLogged("KXListManager::fetchListDataForPage", "failure:500:down");
+    KXListManager::fetchListsForPage(1, 0, {}, e.failure());
+    expectLogged("KXListManager::fetchListsForPage", "failure:500:down");
+    KXListManager::fetchListsWithTag("t", 1, 0, {}, e.failure());
+    expectLogged("KXListManager::fetchListsWithTag", "failure:500:down");
+    KXListManager::fetchListWithId("L1", {}, e.failure());
+    expectLogged("KXListManager::fetchListWithId", "failure:404:no list");
+    KXListManager::fetchListWithId("L1", {}, {});
+    ASSERT_TRUE(runUntil([&] { return !sink->linesContaining("[ERROR] ").empty(); }))
+        << "logged also without a failure callback";
 }
 
 TEST_F(KXInboxServiceTest, ArrayDeleteRunsSideBySideAndReportsEachMessage) {
     KXScriptedAnswer slow = KXScriptedAnswer::empty(200);
     slow.delay = std::chrono::milliseconds(1500);
-    service.script("DELETE", kInbox + "/messages/slow", slow);
-    service.script("DELETE", kInbox + "/messages/fast", KXScriptedAnswer::empty(204));
-    service.script("DELETE", kInbox + "/messages/gone",
-                   KXScriptedAnswer::json(404, {{"message", "gone"}}));
-    loadPage(1, 10, headersNamed("k", 0, 2));
-
-    Events events;
-    inbox.deleteMessageDetailsArray(
-        {messageWithId("slow"), nullptr, messageWithId("fast"), messageWithId("gone")},
-        std::nullopt, events.done(), events.failure());
-    waitForEvents(events, 3);
-
+    service.script("DELETE", kMessages + "/slow", slow);
+    service.script("DELETE", kMessages + "/fast", KXScriptedAnswer::empty(204));
+    service.script("DELETE", kMessages + "/gone", refused(404, "gone"));
+    loadPage(1, 10, headers("k", 2));
+    inbox.deleteMessageDetailsArray({withId("slow"), nullptr, withId("fast"), withId("gone")}, {},
+                                    e.done(), e.failure());
+    const auto seen = await(3);
     EXPECT_EQ(service.requests().size(), 4U) << "one page and three deletes";
-    ASSERT_EQ(events.count(), 3U);
-    EXPECT_EQ(events.seen.back(), "success") << "the slow answer does not hold the others back";
-    EXPECT_EQ(std::count(events.seen.begin(), events.seen.end(), "failure:404:gone"), 1);
+    ASSERT_EQ(seen.size(), 3U);
+    EXPECT_EQ(seen.back(), "success") << "the slow answer does not hold the others back";
+    EXPECT_EQ(std::count(seen.begin(), seen.end(), "failure:404:gone"), 1);
     EXPECT_EQ(inbox.messageCount(), 2U) << "deleting leaves the loaded messages alone";
 }
 
 TEST_F(KXInboxServiceTest, BadgeFollowsTheUnreadCountOnlyWhileBadgingIsOn) {
-    const KXJSON inboxGuest = {
-        {"externalId", "g1"},
-        {"deliveryProfiles", {{{"id", "p1"}, {"address", {{"channel", "INBOX"}}}}}}};
-    KXJSON records = headersNamed("n", 0, 3);
+    const KXJSON inboxGuest = R"({"externalId": "g1",
+        "deliveryProfiles": [{"id": "p1", "address": {"channel": "INBOX"}}]})"_json;
+    KXJSON records = headers("n", 3);
     records[1]["flags"]["read"] = true;
-    service.script("GET", kInbox + "/messages",
-                   KXScriptedAnswer::json(200, {{"records", records}}));
+    service.script("GET", kMessages, page(records));
     const auto& badges = platform->recordingApplication().badgeNumbers();
-
     // Off: neither the service nor the badge is touched.
     KXGuest::currentGuest()->guestWithDictionary(inboxGuest);
     KXBadgeManager::setBadging(false);
@@ -434,20 +359,114 @@ TEST_F(KXInboxServiceTest, BadgeFollowsTheUnreadCountOnlyWhileBadgingIsOn) {
     drain();
     EXPECT_TRUE(service.requests().empty());
     EXPECT_TRUE(badges.empty());
-
     // On, but the guest has no inbox: nothing to count.
     KXBadgeManager::setBadging(true);
     KXGuest::currentGuest()->guestWithDictionary({{"externalId", "g1"}});
     KXBadgeManager::fetchCurrentInboxUnreadCount();
     drain();
     EXPECT_TRUE(service.requests().empty());
-
     // On with an inbox: the full fetch sets the badge to the unread count.
     KXGuest::currentGuest()->guestWithDictionary(inboxGuest);
     KXBadgeManager::fetchCurrentInboxUnreadCount();
     ASSERT_TRUE(waitFor([&] { return !badges.empty(); }));
     EXPECT_EQ(badges, std::vector<std::int64_t>{2});
-    EXPECT_EQ(service.requestsTo(kInbox + "/messages").size(), 1U);
+    EXPECT_EQ(service.requestsTo(kMessages).size(), 1U);
     KXBadgeManager::setBadgeNumber(9);
     EXPECT_EQ(platform->application().applicationIconBadgeNumber(), 9);
+}
+
+TEST_F(KXListManagerTest, PagedRepliesHandOverListsOrTheRawReplyWithTheMoreRecordsFlag) {
+    const KXJSON records = R"([{"name": "News", "channelCounts": {"APNS_PUSH": 2, "SMS": 1}},
+                               {"name": "Offers"}])"_json;
+    service.script("GET", kLists, page(records, true));
+    KXJSON raw;
+    std::optional<KXLists> parsed;
+    bool rawMore = false, parsedMore = false;
+    KXListManager::fetchListDataForPage(1, 0, e.into(raw, rawMore), {});
+    KXListManager::fetchListsWithTag("t", 1, 0, e.into(parsed, parsedMore), {});
+    await(2);
+    EXPECT_TRUE(rawMore);
+    EXPECT_TRUE(parsedMore);
+    EXPECT_EQ(raw, (KXJSON{{"records", records}, {"hasMoreRecords", true}}));
+    ASSERT_TRUE(parsed.has_value());
+    ASSERT_EQ(parsed->size(), 2U);
+    EXPECT_EQ((*parsed)[1]->name(), "Offers");
+    const auto& news = *(*parsed)[0];
+    EXPECT_EQ(news.name(), "News");
+    EXPECT_TRUE(news.channel()->isIos());
+    EXPECT_FALSE(news.channel()->isEmail());
+    EXPECT_TRUE(news.channel()->isSMS());
+}
+
+TEST_F(KXListManagerTest, CreateReportsBadInputWithoutStoppingTheRequest) {
+    const std::string badId = "failure:99:invalid externalId, remove spaces";
+    const std::string badName = "failure:99:invalid name", ok = "success:Created";
+    const char* complete = R"({"externalId": "news", "name": "News", "description": "Weekly",
+                               "tags": ["a"], "buProperties": {"k": "v"}})";
+    const struct {
+        const char* input;  // externalId, name, description, tags, buProperties; absent: not given
+        bool withFailure;
+        std::vector<std::string> events;
+        const char* body;  // "": the input as given; nullptr: nothing is posted
+    } cases[] = {
+        {complete, true, {ok}, ""},
+        {R"({"externalId": "", "name": "News", "description": ""})",
+         true,
+         {ok},
+         R"({"name": "News"})"},
+        {R"({"externalId": "my news", "name": "News"})", true, {badId, ok}, ""},
+        {R"({"externalId": "my\tnews", "name": "News"})", false, {ok}, ""},
+        {R"({"externalId": "news", "name": ""})", true, {badName, ok}, ""},
+        {R"({"externalId": "a b", "name": ""})", true, {badId, badName, ok}, ""},
+        {R"({"externalId": "news"})", true, {badName}, nullptr},
+    };
+    service.script("POST", kLists + "/", created("L9"));
+    service.script("GET", kLists + "/L9", KXScriptedAnswer::json(200, {{"name", "Created"}}));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.input);
+        const KXJSON input = KXJSON::parse(c.input);
+        const auto text = [&](const char* key) {
+            return input.contains(key) ? std::optional(input[key].get<std::string>())
+                                       : std::nullopt;
+        };
+        const std::size_t posts = service.requestsTo(kLists + "/").size();
+        KXListManager::createListWithExternalId(
+            text("externalId"), text("name"), text("description"), input.value("tags", KXJSON()),
+            input.value("buProperties", KXJSON()), e.list(),
+            c.withFailure ? e.failure() : KXListManager::FailureBlock());
+        EXPECT_EQ(await(c.events.size()), c.events);
+        const auto sent = service.requestsTo(kLists + "/");
+        ASSERT_EQ(sent.size(), posts + (c.body ? 1 : 0));
+        if (c.body) {
+            EXPECT_EQ(sent.back().method, "POST");
+            EXPECT_EQ(KXJSON::parse(sent.back().body), *c.body ? KXJSON::parse(c.body) : input);
+        }
+    }
+}
+
+TEST_F(KXListManagerTest, CreateFetchesTheNewRecordOrFailsWithThePost) {
+    const struct {
+        KXScriptedAnswer post;
+        std::string fetched;  // path of the follow-up fetch, empty: none
+        std::string event;
+    } cases[] = {
+        {created("L 7"), kLists + "/L%207", "success:Seven"},
+        {KXScriptedAnswer::empty(201), kLists + "/", "failure:404:none"},
+        {refused(409, "exists"), "", "failure:409:exists"},
+    };
+    service.script("GET", kLists + "/L%207", KXScriptedAnswer::json(200, {{"name", "Seven"}}));
+    service.script("GET", kLists + "/", refused(404, "none"));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.event);
+        service.script("POST", kLists + "/", c.post);
+        const std::size_t before = service.requests().size();
+        KXListManager::createListWithExternalId("x", "X", {}, nullptr, nullptr, e.list(),
+                                                e.failure());
+        EXPECT_EQ(await(), std::vector{c.event});
+        const auto requests = service.requests();
+        ASSERT_EQ(requests.size(), before + (c.fetched.empty() ? 1 : 2));
+        if (!c.fetched.empty()) {
+            EXPECT_EQ(requests.back().method + " " + requests.back().path, "GET " + c.fetched);
+        }
+    }
 }

@@ -50,6 +50,20 @@ struct KXEventLog {
     std::size_t count() const { return seen.size(); }
 };
 
+/// A 201 answer naming the record it made.
+inline KXScriptedAnswer created(const std::string& newRecordId,
+                                std::chrono::milliseconds delay = {}) {
+    KXScriptedAnswer answer = KXScriptedAnswer::empty(201);
+    answer.headers = {{"newRecordId", newRecordId}};
+    answer.delay = delay;
+    return answer;
+}
+
+/// An error answer with the service's {"message": …} body.
+inline KXScriptedAnswer refused(int status, const std::string& message) {
+    return KXScriptedAnswer::json(status, {{"message", message}});
+}
+
 /// True when some captured log line contains `text`.
 inline bool logged(const KXCapturingSink& sink, std::string_view text) {
     return !sink.linesContaining(text).empty();
@@ -61,11 +75,12 @@ class KXTransportTest : public ::testing::Test {
 protected:
     static constexpr std::chrono::milliseconds kPatience{15000};
 
-    std::shared_ptr<KXTestPlatform> platform = KXTestPlatform::install();
+    std::shared_ptr<KXTestPlatform> platform;
     KXFakeClock& clock = platform->fakeClock();
     KXLoopbackService service;
 
-    KXTransportTest() {
+    explicit KXTransportTest(KXTestPlatformOptions options = {})
+        : platform(KXTestPlatform::install(std::move(options))) {
         pointEveryEndpointAt(service.baseURL());
         transport().setBearerToken(nullptr);  // a token left by a test before in this process
     }
@@ -98,7 +113,9 @@ protected:
     }
 
     /// Lets queued work run for a moment, to catch a callback that arrives twice.
-    void drain() { platform->asioMainQueue().runFor(std::chrono::milliseconds(50)); }
+    void drain(std::chrono::milliseconds period = std::chrono::milliseconds(50)) {
+        platform->asioMainQueue().runFor(period);
+    }
 
     /// Runs the main queue until `events` holds `count` entries, then a moment more to catch
     /// extra callbacks.
