@@ -238,7 +238,7 @@ TEST_F(KXQtInboxTest, ScrollingToTheBottomAsksForTheNextPageOnceAndRefreshKeepsT
     service.script("GET", messages, second);
     show(20, true, 300);
     QScrollBar* bar = inbox->tableView()->verticalScrollBar();
-    ASSERT_GT(bar->maximum(), 0);
+    ASSERT_TRUE(waitFor([&] { return bar->maximum() > 0; }));  // the rows are laid out later
     bar->setValue(bar->maximum() - 1);
     EXPECT_TRUE(targets("GET", messages + "?offset=20").empty());
     for (int i = 0; i < 3; ++i) {
@@ -266,6 +266,7 @@ TEST_F(KXQtInboxTest, PullingDownPastTheTopOnATouchScreenRefreshesOnce) {
     // Points are given in the view, which stays put while the viewport moves down with the gap.
     QListView* view = inbox->tableView();
     QScrollBar* bar = view->verticalScrollBar();
+    ASSERT_TRUE(waitFor([&] { return bar->maximum() >= 200; }));
     const struct {
         const char* name;
         int scrolled;  // the scroll position the pull starts from
