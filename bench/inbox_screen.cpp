@@ -34,6 +34,7 @@
 #include <benchmark/benchmark.h>
 #include <httplib.h>
 
+#include <array>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -117,11 +118,13 @@ private:
 /// The application, the platform and an inbox screen with every message loaded, made once.
 struct Screen {
     Screen() {
-        qputenv("QT_QPA_PLATFORM", "offscreen");
+        if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+            qputenv("QT_QPA_PLATFORM", "offscreen");
+        }
         static int argc = 1;
-        static char name[] = "bench_inbox_screen";
-        static char* argv[] = {name, nullptr};
-        application = std::make_unique<QApplication>(argc, argv);
+        static std::string name = "bench_inbox_screen";
+        static std::array<char*, 2> argv{name.data(), nullptr};
+        application = std::make_unique<QApplication>(argc, argv.data());
         platform = KXQtPlatform::install("kx.bench.inbox-screen");
         KXServiceEndpoints endpoints;
         for (std::string* url :
