@@ -33,6 +33,12 @@ class KX_EXPORT KXInboxScreenController {
 public:
     static constexpr long kPageLimit = 20;
     static constexpr double kRowHeight = 44.0;
+    /// On a touch screen, letting go of the list pulled this far below its top refreshes it.
+    static constexpr double kPullToRefreshDistance = 60.0;
+    /// The gap a pull opens above the rows grows with the finger up to this height.
+    static constexpr double kPullMaximumGap = 90.0;
+    static constexpr const char* kPullToRefreshText = "Pull to refresh";
+    static constexpr const char* kReleaseToRefreshText = "Release to refresh";
 
     static constexpr const char* kTitle = "Inbox";
     static constexpr const char* kTabImage = "folder";
@@ -58,6 +64,8 @@ public:
     long pageForAppearance();
     /// The refresh action requests the current page as it stands and replaces the whole list.
     long pageForRefresh() const { return paging.currentPage; }
+    /// Whether letting go of a touch that pulled the list `pastTop` pixels below its top refreshes.
+    static bool refreshesOnRelease(double pastTop) { return pastTop >= kPullToRefreshDistance; }
     /// A whole-list load ended; `more` counts only on success.
     void loadFinished(bool succeeded, bool more);
 

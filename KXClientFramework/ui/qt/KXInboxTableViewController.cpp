@@ -15,16 +15,20 @@
 #include <KXClientFramework/KXPlatform.h>
 
 #include <QAbstractListModel>
+#include <QApplication>
 #include <QKeyEvent>
+#include <QLabel>
 #include <QListView>
 #include <QPainter>
 #include <QPainterPath>
 #include <QPointer>
 #include <QScrollBar>
 #include <QStyledItemDelegate>
+#include <QTouchEvent>
 #include <QVBoxLayout>
 
 #include <algorithm>
+#include <cmath>
 #include <functional>
 
 namespace {
@@ -145,11 +149,32 @@ private:
 /// filling the view when it is resized.
 class KXInboxListView final : public QListView {
 public:
-    using QListView::QListView;
+    explicit KXInboxListView(QWidget* parent) : QListView(parent), pull_(new QLabel(this)) {
+        viewport()->setAttribute(Qt::WA_AcceptTouchEvents);
+        pull_->setObjectName("KXInboxPullIndicator");
+        pull_->setAlignment(Qt::AlignCenter);
+        pull_->setForegroundRole(QPalette::PlaceholderText);
+        pull_->hide();
+    }
 
     std::function<void(const QModelIndex&)> onTrigger;
+    /// A touch pulled the list down past its top far enough and let go.
+    std::function<void()> onPullRefresh;
 
 protected:
+    bool viewportEvent(QEvent* event) override {
+        switch (event->type()) {
+            case QEvent::TouchBegin:
+            case QEvent::TouchUpdate:
+            case QEvent::TouchEnd:
+            case QEvent::TouchCancel:
+                touchEvent(static_cast<QTouchEvent*>(event));
+                return true;
+            default:
+                return QListView::viewportEvent(event);
+        }
+    }
+
     void keyPressEvent(QKeyEvent* event) override {
         if ((event->key() == Qt::Key_Return || event->key() == Qt::Key_Enter) &&
             currentIndex().isValid() && onTrigger) {
@@ -163,6 +188,82 @@ protected:
         QListView::resizeEvent(event);
         scheduleDelayedItemsLayout();
     }
+
+private:
+    /// One finger on the list: a drag scrolls it, pulling past the top opens a gap with the
+    /// indicator above the rows, and a touch that never moved is a tap on its row. The touch
+    /// events are taken whole, so Qt synthesises no mouse events from them.
+    struct Touch {
+        QPointF start;       // global, since the viewport moves while the gap opens
+        QPoint startInView;  // in the viewport, for a tap
+        int startValue = 0;
+        bool dragging = false;
+        double pastTop = 0;  // how far the content was pulled below its top
+    };
+
+    void touchEvent(QTouchEvent* event) {
+        event->accept();
+        if (event->type() == QEvent::TouchCancel || event->points().isEmpty()) {
+            touch_.reset();
+            showPull(0);
+            return;
+        }
+        const QEventPoint& point = event->points().constFirst();
+        QScrollBar* bar = verticalScrollBar();
+        if (event->type() == QEvent::TouchBegin) {
+            touch_ = Touch{point.globalPosition(), point.position().toPoint(), bar->value()};
+            return;
+        }
+        if (!touch_) {
+            return;
+        }
+        const QPointF moved = point.globalPosition() - touch_->start;
+        if (!touch_->dragging && moved.manhattanLength() >= QApplication::startDragDistance()) {
+            touch_->dragging = true;
+        }
+        if (touch_->dragging) {
+            const double top = touch_->startValue - moved.y();
+            bar->setValue(
+                std::clamp(static_cast<int>(std::lround(top)), bar->minimum(), bar->maximum()));
+            touch_->pastTop = bar->minimum() - top;
+            showPull(touch_->pastTop);
+        }
+        if (event->type() != QEvent::TouchEnd) {
+            return;
+        }
+        const Touch ended = *touch_;
+        touch_.reset();
+        showPull(0);
+        if (ended.dragging) {
+            if (KXInboxScreenController::refreshesOnRelease(ended.pastTop) && onPullRefresh) {
+                onPullRefresh();
+            }
+            return;
+        }
+        const QModelIndex index = indexAt(ended.startInView);
+        if (index.isValid() && onTrigger) {
+            selectionModel()->setCurrentIndex(index, QItemSelectionModel::NoUpdate);
+            onTrigger(index);
+        }
+    }
+
+    void showPull(double pastTop) {
+        const int gap =
+            pastTop <= 0
+                ? 0
+                : static_cast<int>(std::min(pastTop, KXInboxScreenController::kPullMaximumGap));
+        setViewportMargins(0, gap, 0, 0);
+        pull_->setVisible(gap > 0);
+        if (gap > 0) {
+            pull_->setText(KXInboxScreenController::refreshesOnRelease(pastTop)
+                               ? KXInboxScreenController::kReleaseToRefreshText
+                               : KXInboxScreenController::kPullToRefreshText);
+            pull_->setGeometry(0, 0, width(), gap);
+        }
+    }
+
+    std::optional<Touch> touch_;
+    QLabel* pull_;
 };
 
 /// Fonts of the rows: the screen's overrides, else the phone faces mapped by kxFont.
@@ -340,6 +441,7 @@ KXInboxTableViewController::KXInboxTableViewController(QWidget* parent)
     view_->setFrameShape(QFrame::NoFrame);
     view_->setSpacing(0);  // no separators
     view_->onTrigger = [this](const QModelIndex& index) { selectRow(index.row()); };
+    view_->onPullRefresh = [this] { refresh_->trigger(); };
     connect(view_, &QListView::clicked, this,
             [this](const QModelIndex& index) { rowClicked(index.row()); });
     connect(view_->selectionModel(), &QItemSelectionModel::selectionChanged, this,

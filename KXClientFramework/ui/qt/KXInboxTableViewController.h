@@ -21,8 +21,9 @@ class QAbstractItemModel;
 class QListView;
 
 /// The inbox screen: the guest's messages of one inbox domain, page by page, with the read and
-/// unread looks, opening a message in the viewer, refreshing (F5) and deleting in an editing
-/// mode. Every decision comes from KXInboxScreenController; this class shows its answers.
+/// unread looks, opening a message in the viewer, refreshing (F5, or pulling the list down on a
+/// touch screen) and deleting in an editing mode. Every decision comes from
+/// KXInboxScreenController; this class shows its answers.
 ///
 /// The rows are a model over the loaded messages painted by one delegate, so a long inbox costs
 /// no widget per row. Put the screen in a KXNavigationStack to have messages pushed; standing

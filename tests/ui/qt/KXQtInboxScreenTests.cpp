@@ -8,6 +8,7 @@
 #include <KXClientFramework/KXProgressOverlay.h>
 #include <KXClientFramework/KXWebViewController.h>
 
+#include <QLabel>
 #include <QListView>
 #include <QPushButton>
 #include <QScrollBar>
@@ -237,7 +238,7 @@ TEST_F(KXQtInboxTest, ScrollingToTheBottomAsksForTheNextPageOnceAndRefreshKeepsT
     service.script("GET", messages, second);
     show(20, true, 300);
     QScrollBar* bar = inbox->tableView()->verticalScrollBar();
-    ASSERT_GT(bar->maximum(), 0);
+    ASSERT_TRUE(waitFor([&] { return bar->maximum() > 0; }));  // the rows are laid out later
     bar->setValue(bar->maximum() - 1);
     EXPECT_TRUE(targets("GET", messages + "?offset=20").empty());
     for (int i = 0; i < 3; ++i) {
@@ -255,4 +256,46 @@ TEST_F(KXQtInboxTest, ScrollingToTheBottomAsksForTheNextPageOnceAndRefreshKeepsT
     bar->setValue(bar->maximum());
     QTest::qWait(100);
     EXPECT_EQ(targets("GET", messages).size(), 3U);  // no more records: no page 3
+}
+
+TEST_F(KXQtInboxTest, PullingDownPastTheTopOnATouchScreenRefreshesOnce) {
+    const std::string messages = std::string(kInbox) + "/messages";
+    service.script("GET", messages, page(0, 20, false));
+    show(20, false, 300);
+    QPointingDevice* screen = QTest::createTouchDevice(QInputDevice::DeviceType::TouchScreen);
+    // Points are given in the view, which stays put while the viewport moves down with the gap.
+    QListView* view = inbox->tableView();
+    QScrollBar* bar = view->verticalScrollBar();
+    ASSERT_TRUE(waitFor([&] { return bar->maximum() >= 200; }));
+    const struct {
+        const char* name;
+        int scrolled;  // the scroll position the pull starts from
+        int pull;      // how far the finger moves down
+        int refreshes;
+        int scrolledAfter;
+    } cases[] = {
+        {"past the threshold at the top", 0, 100, 1, 0},
+        {"short of the threshold", 0, 40, 0, 0},
+        {"scrolled down", 200, 150, 0, 50},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        bar->setValue(c.scrolled);
+        const std::size_t before = targets("GET", messages).size();
+        QPoint finger(180, 40);
+        QTest::touchEvent(view, screen).press(0, finger);
+        for (int step = 0; step < 5; ++step) {
+            finger.ry() += c.pull / 5;
+            QTest::touchEvent(view, screen).move(0, finger);
+        }
+        EXPECT_EQ(bar->value(), c.scrolledAfter);
+        QTest::touchEvent(view, screen).release(0, finger);
+        if (c.refreshes > 0) {
+            ASSERT_TRUE(waitFor([&] { return targets("GET", messages).size() > before; }));
+        }
+        QTest::qWait(200);
+        EXPECT_EQ(targets("GET", messages).size(), before + c.refreshes);
+        EXPECT_TRUE(waitFor([&] { return !inbox->hud()->isVisible(); }));
+        EXPECT_FALSE(view->findChild<QLabel*>("KXInboxPullIndicator")->isVisible());
+    }
 }

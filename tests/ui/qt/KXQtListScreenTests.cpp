@@ -1,5 +1,5 @@
 // The list subscription screen's widget against the loopback service: rows from the lists and
-// the guest's memberships, and the requests its switches send.
+// the guest's memberships, the requests its switches send, and what its dialogs do.
 #include "KXQtServiceFixture.h"
 
 #include <KXClientFramework/KXDevice.h>
@@ -7,6 +7,9 @@
 #include <KXClientFramework/KXProgressOverlay.h>
 
 #include <QCheckBox>
+#include <QInputDialog>
+#include <QLineEdit>
+#include <QPushButton>
 
 namespace {
 
@@ -112,5 +115,110 @@ TEST_F(KXQtListTest, SwitchesShowTheMembershipsAndSendTheirRequests) {
         std::sort(sent.begin(), sent.end());
         std::sort(expected.begin(), expected.end());
         EXPECT_EQ(sent, expected);
+    }
+}
+
+TEST_F(KXQtListTest, FilterAndColourDialogsActOnTheButtonPressed) {
+    const QColor grey(170, 170, 170);
+    using Screen = KXListTableViewController;
+    const struct {
+        const char* name;
+        void (Screen::*open)();
+        QString button;
+        QString typed{};                // filter dialog only
+        const char* refetch = nullptr;  // filter dialog: the start of the next lists request
+        int rows = 0;                   // filter dialog: rows the refetch answers with
+        QColor even{}, odd{};           // colour dialogs: the backgrounds of rows 0 and 1
+    } cases[] = {
+        {.name = "filter, Ok",
+         .open = &Screen::filterListPressed,
+         .button = "Ok",
+         .typed = "vip",
+         .refetch = "/lists?tag=vip&offset=0",
+         .rows = 1},
+        {.name = "filter, Cancel with no text",
+         .open = &Screen::filterListPressed,
+         .button = "Cancel",
+         .refetch = "/lists?offset=0",
+         .rows = 2},
+        {.name = "triple tap, Sonics",
+         .open = &Screen::handleTripleTapGesture,
+         .button = "Sonics",
+         .even = Qt::yellow,
+         .odd = Qt::green},
+        {.name = "triple tap, Seahawks",
+         .open = &Screen::handleTripleTapGesture,
+         .button = "Seahawks",
+         .even = grey,
+         .odd = Qt::blue},
+        {.name = "double tap, Enable",
+         .open = &Screen::handleDoubleTapGesture,
+         .button = "Enable",
+         .even = Qt::white,
+         .odd = grey},
+        {.name = "double tap, Disable",
+         .open = &Screen::handleDoubleTapGesture,
+         .button = "Disable",
+         .even = Qt::white,
+         .odd = Qt::white},
+    };
+    KXListTableViewController screen("g1");
+    screen.resize(360, 480);
+    screen.show();
+    ASSERT_TRUE(
+        waitFor([&] { return screen.switches().size() == 2 && !screen.hud()->isVisible(); }));
+    // The colour shown at the left edge of each row.
+    auto rowColours = [&] {
+        const QImage image = screen.grab().toImage();
+        std::vector<std::string> colours;
+        for (QWidget* cell : screen.findChildren<QWidget*>("KXListCell")) {
+            colours.push_back(
+                image.pixelColor(cell->mapTo(&screen, QPoint(3, 3))).name().toStdString());
+        }
+        return colours;
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::size_t listRequests = targets("GET", kBase + "/lists?").size();
+        if (c.refetch != nullptr) {
+            KXJSON records = KXJSON::array();
+            for (int i = 0; i < c.rows; ++i) {
+                records.push_back({{"externalId", "l" + std::to_string(i)}});
+            }
+            service.script(
+                "GET", kBase + "/lists",
+                KXScriptedAnswer::json(200, {{"records", records}, {"hasMoreRecords", false}}));
+        }
+        (screen.*c.open)();
+        if (c.refetch != nullptr) {
+            QInputDialog* dialog = nullptr;
+            ASSERT_TRUE(waitFor([&] {
+                dialog = screen.findChild<QInputDialog*>("KXListFilterDialog");
+                return dialog != nullptr && dialog->isVisible();
+            }));
+            EXPECT_EQ(dialog->windowTitle(), "Filter List By Tag");
+            QTest::keyClicks(dialog->findChild<QLineEdit*>(), c.typed);
+            for (QPushButton* button : dialog->findChildren<QPushButton*>()) {
+                if (button->text() == c.button) {
+                    QTest::mouseClick(button, Qt::LeftButton);
+                }
+            }
+            ASSERT_TRUE(waitFor(
+                [&] { return screen.switches().size() == c.rows && !screen.hud()->isVisible(); }));
+            const std::vector<std::string> sent = targets("GET", kBase + "/lists?");
+            ASSERT_EQ(sent.size(), listRequests + 1);
+            EXPECT_TRUE(sent.back().starts_with(kBase + c.refetch)) << sent.back();
+            EXPECT_EQ(screen.tag(), c.typed.toStdString());
+        } else {
+            QMessageBox* box = shownMessageBox();
+            ASSERT_NE(box, nullptr);
+            press(box, c.button);
+            const std::vector<std::string> expected{c.even.name().toStdString(),
+                                                    c.odd.name().toStdString()};
+            EXPECT_TRUE(waitFor([&] { return rowColours() == expected; }, 2000));
+            EXPECT_EQ(rowColours(), expected);
+            EXPECT_EQ(targets("GET", kBase + "/lists?").size(), listRequests);  // no refetch
+        }
+        QTest::qWait(20);  // the dialog closes and deletes itself
     }
 }
