@@ -25,6 +25,7 @@ using Bytes = std::vector<std::uint8_t>;
 Bytes bytesOf(std::string_view text);
 /// `length` bytes of a fixed pseudo-random sequence chosen by `seed`.
 Bytes patternBytes(std::size_t length, std::uint32_t seed = 1);
+/// Upper-case hexadecimal, as the openssl tool prints keys.
 std::string hex(std::span<const std::uint8_t> bytes);
 Bytes concat(std::initializer_list<std::span<const std::uint8_t>> parts);
 

@@ -75,18 +75,12 @@ TEST(TZOpenSSLFormat, TheToolAndTheLibraryOpenWhatTheOtherSeals) {
             ASSERT_EQ(opened.status, 0) << opened.errors;
             EXPECT_EQ(opened.output, plain);
             EXPECT_EQ(TZOpenSSLDecryptor::decryptData(*sealed, settings, c.password), plain);
+            // Every sealing has its own salt.
+            const auto again = TZOpenSSLEncryptor::encryptData(plain, settings, c.password);
+            EXPECT_NE(Bytes(again->begin() + 8, again->begin() + 16),
+                      Bytes(sealed->begin() + 8, sealed->begin() + 16));
         }
     }
-}
-
-TEST(TZOpenSSLFormat, EverySealingHasItsOwnSalt) {
-    const auto plain = bytesOf("same input");
-    const auto first = TZOpenSSLEncryptor::encryptData(plain, kTZCryptorAES256Settings, "pw");
-    const auto second = TZOpenSSLEncryptor::encryptData(plain, kTZCryptorAES256Settings, "pw");
-    ASSERT_TRUE(first && second);
-    EXPECT_NE(Bytes(first->begin() + 8, first->begin() + 16),
-              Bytes(second->begin() + 8, second->begin() + 16));
-    EXPECT_NE(*first, *second);
 }
 
 TEST(TZOpenSSLFormat, KeyAndIVDerivationMatchesTheTool) {
@@ -102,15 +96,8 @@ TEST(TZOpenSSLFormat, KeyAndIVDerivationMatchesTheTool) {
         keySettings.keySize = cipher == "aes-256-cbc" ? 32 : 16;
         const auto key = TZOpenSSLCryptorGetKey(password, salt, keySettings);
         const auto IV = TZOpenSSLCryptorGetIV(key, password, salt, keySettings);
-        auto upper = [](std::string hexText) {
-            for (auto& c : hexText) {
-                c = static_cast<char>(std::toupper(c));
-            }
-            return hexText;
-        };
-        EXPECT_NE(text.find("key=" + upper(hex(key))), std::string::npos) << text;
-        EXPECT_NE(text.find("iv =" + upper(hex(std::span(IV).first(16)))), std::string::npos)
-            << text;
+        EXPECT_NE(text.find("key=" + hex(key)), std::string::npos) << text;
+        EXPECT_NE(text.find("iv =" + hex(std::span(IV).first(16))), std::string::npos) << text;
     }
 }
 

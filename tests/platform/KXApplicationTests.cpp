@@ -33,7 +33,12 @@ public:
         log_.push_back("didFinishLaunching " + options.dump());
         return true;
     }
-    void didBecomeActive(KXApplication&) override { log_.push_back("didBecomeActive"); }
+    void didBecomeActive(KXApplication& application) override {
+        if (onActive) {
+            onActive(application);
+        }
+        log_.push_back("didBecomeActive");  // after onActive, which may drop the delegate
+    }
     void willResignActive(KXApplication&) override { log_.push_back("willResignActive"); }
     void didEnterBackground(KXApplication&) override { log_.push_back("didEnterBackground"); }
     void willEnterForeground(KXApplication&) override { log_.push_back("willEnterForeground"); }
@@ -64,6 +69,8 @@ public:
                                              const KXUserNotificationSettings& s) override {
         log_.push_back("settings " + std::to_string(s.types));
     }
+
+    std::function<void(KXApplication&)> onActive;
 
 private:
     std::vector<std::string>& log_;
@@ -285,22 +292,13 @@ TEST_F(KXApplicationTest, WithLockKeepsReadersOutUntilTheSwapIsComplete) {
 }
 
 TEST_F(KXApplicationTest, ADelegateMayReplaceItselfWhileBeingCalled) {
-    class SelfRemoving : public KXApplicationDelegate {
-    public:
-        explicit SelfRemoving(std::vector<std::string>& log) : log_(log) {}
-        bool respondsTo(Callback c) const override { return c == Callback::DidBecomeActive; }
-        void didBecomeActive(KXApplication& app) override {
-            app.setDelegate(nullptr);  // drops the application's reference to this object
-            log_.push_back(name_);     // still alive: the caller holds it for the call
-        }
-
-    private:
-        std::vector<std::string>& log_;
-        std::string name_ = "still here";
-    };
-    application.setDelegate(std::make_shared<SelfRemoving>(log));
+    auto delegate = std::make_shared<RecordingDelegate>(log, kLifeCycle);
+    // Drops the application's reference; the delegate lives on as the caller holds it.
+    delegate->onActive = [](KXApplication& app) { app.setDelegate(nullptr); };
+    application.setDelegate(delegate);
+    delegate.reset();
     application.postEvent(Event::DidBecomeActive);
-    EXPECT_EQ(log, std::vector<std::string>{"still here"});
+    EXPECT_EQ(log, std::vector<std::string>{"didBecomeActive"});
     EXPECT_EQ(application.delegate(), nullptr);
 }
 
