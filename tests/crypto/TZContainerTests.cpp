@@ -271,8 +271,8 @@ TEST(TZDecryptor, AnUnknownVersionIsRefusedAsSoonAsTheFirstTwoBytesAreThere) {
 
 TEST(TZDecryptor, VersionTwoTakesThePasswordCutToItsUTF16Length) {
     // "pässwörd" is 8 UTF-16 units and 10 UTF-8 bytes; "🔑key" is 5 units and 7 bytes.
-    const std::pair<std::string, std::size_t> passwords[] = {{"p\xC3\xA4ssw\xC3\xB6rd", 8},
-                                                             {"\xF0\x9F\x94\x91key", 5}};
+    const std::vector<std::pair<std::string, std::size_t>> passwords = {
+        {"p\xC3\xA4ssw\xC3\xB6rd", 8}, {"\xF0\x9F\x94\x91key", 5}};
     const auto plain = bytesOf("version two");
     for (const auto& [password, cut] : passwords) {
         const std::string_view oldBytes = std::string_view(password).substr(0, cut);

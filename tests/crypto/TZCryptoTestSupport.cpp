@@ -31,7 +31,7 @@ Bytes patternBytes(std::size_t length, std::uint32_t seed) {
 }
 
 std::string hex(std::span<const std::uint8_t> bytes) {
-    static const char digits[] = "0123456789ABCDEF";
+    constexpr std::string_view digits = "0123456789ABCDEF";
     std::string text;
     for (const auto byte : bytes) {
         text += digits[byte >> 4];

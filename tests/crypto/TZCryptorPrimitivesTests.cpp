@@ -237,16 +237,20 @@ TEST(TZCryptorEngine, OtherModesMatchTheTool) {
     for (const std::size_t keyLength : {16u, 24u, 32u}) {
         const auto key = patternBytes(keyLength, 5);
         const std::string bits = std::to_string(keyLength * 8);
-        const std::pair<std::uint32_t, std::string> modes[] = {{0, "aes-" + bits + "-cbc -nopad"},
-                                                               {2, "aes-" + bits + "-ecb -nopad"},
-                                                               {3, "aes-" + bits + "-ecb"},
-                                                               {1, "aes-" + bits + "-cbc"}};
+        const std::vector<std::pair<std::uint32_t, std::string>> modes = {
+            {0, "aes-" + bits + "-cbc -nopad"},
+            {2, "aes-" + bits + "-ecb -nopad"},
+            {3, "aes-" + bits + "-ecb"},
+            {1, "aes-" + bits + "-cbc"}};
         for (const auto& [options, tool] : modes) {
             TZCryptorSettings settings = kTZCryptorAES256Settings;
             settings.options = options;
-            const std::string ivArgument = (options & 2) != 0 ? "" : " -iv " + hex(kIV);
-            const auto tools =
-                openssl("enc -" + tool + " -nosalt -K " + hex(key) + ivArgument, plain);
+            std::string arguments = "enc -" + tool;
+            arguments += " -nosalt -K " + hex(key);
+            if ((options & 2) == 0) {  // ECB has no IV
+                arguments += " -iv " + hex(kIV);
+            }
+            const auto tools = openssl(arguments, plain);
             ASSERT_EQ(tools.status, 0) << tools.errors;
             EXPECT_EQ(runEngine(TZCryptorOperation::Encrypt, settings, key, plain), tools.output)
                 << tool;

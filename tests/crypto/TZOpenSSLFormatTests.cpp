@@ -31,7 +31,7 @@ Bytes sealWithToolAndSalt(std::span<const std::uint8_t> plain, const std::string
 }  // namespace
 
 TEST(TZOpenSSLFormat, TheToolAndTheLibraryOpenWhatTheOtherSeals) {
-    const std::size_t chunk = 256 * 1024;
+    const std::size_t chunk = std::size_t{256} * 1024;
     struct Case {
         const char* name;
         std::string cipher, password;

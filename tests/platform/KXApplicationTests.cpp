@@ -12,6 +12,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 using namespace std::chrono_literals;
@@ -37,7 +38,7 @@ public:
         if (onActive) {
             onActive(application);
         }
-        log_.push_back("didBecomeActive");  // after onActive, which may drop the delegate
+        log_.emplace_back("didBecomeActive");  // after onActive, which may drop the delegate
     }
     void willResignActive(KXApplication&) override { log_.push_back("willResignActive"); }
     void didEnterBackground(KXApplication&) override { log_.push_back("didEnterBackground"); }
@@ -108,7 +109,7 @@ TEST_F(KXApplicationTest, EventsMoveTheStateCallTheDelegateThenNotifyObservers) 
     std::vector<std::string> expected = {"didFinishLaunching " + options.dump(),
                                          "notified 0 " + options.dump()};
 
-    const std::tuple<Event, KXApplicationState, const char*> steps[] = {
+    const std::vector<std::tuple<Event, KXApplicationState, const char*>> steps = {
         {Event::DidBecomeActive, KXApplicationState::Active, "didBecomeActive"},
         {Event::WillResignActive, KXApplicationState::Inactive, "willResignActive"},
         {Event::DidEnterBackground, KXApplicationState::Background, "didEnterBackground"},
@@ -119,7 +120,7 @@ TEST_F(KXApplicationTest, EventsMoveTheStateCallTheDelegateThenNotifyObservers) 
     for (const auto& [event, state, callback] : steps) {
         application.postEvent(event);
         EXPECT_EQ(application.applicationState(), state) << callback;
-        expected.push_back(callback);
+        expected.emplace_back(callback);
         expected.push_back("notified " + std::to_string(static_cast<int>(event)) + " null");
     }
     EXPECT_EQ(log, expected);

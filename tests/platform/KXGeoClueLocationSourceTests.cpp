@@ -33,7 +33,7 @@ using kxplatformtest::RecordingLocationDelegate;
 namespace {
 
 TEST(KXGeoClueLocationSource, AccuracyLevelsMapToGeoClueLevels) {
-    const std::pair<double, std::uint32_t> cases[] = {
+    const std::vector<std::pair<double, std::uint32_t>> cases = {
         {kCLLocationAccuracyBestForNavigation, 8},
         {kCLLocationAccuracyBest, 8},
         {kCLLocationAccuracyNearestTenMeters, 8},
@@ -57,6 +57,7 @@ class Child {
 public:
     explicit Child(std::vector<std::string> arguments) {
         std::vector<char*> argv;
+        argv.reserve(arguments.size() + 1);
         for (std::string& argument : arguments) {
             argv.push_back(argument.data());
         }

@@ -205,7 +205,7 @@ TEST(KXPropertyList, RejectsWhatIsNotAPropertyListAndHostileBinaryStructures) {
     bomb.push_back(arrayOf({}));
     chain.push_back(arrayOf({}));
 
-    const std::pair<const char*, std::string> inputs[] = {
+    const std::vector<std::pair<const char*, std::string>> inputs = {
         {"empty", ""},
         {"text", "hello"},
         {"JSON", "{\"json\": true}"},

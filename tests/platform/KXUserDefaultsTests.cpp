@@ -12,6 +12,7 @@
 
 #include <signal.h>
 
+#include <array>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -55,8 +56,8 @@ int killWritersAtRandomMoments(
     std::mt19937 random(std::random_device{}());
     int interrupted = 0;
     for (int round = 0; round < rounds && !testing::Test::HasFatalFailure(); ++round) {
-        int ready[2];
-        if (pipe(ready) != 0) {
+        std::array<int, 2> ready{};
+        if (pipe(ready.data()) != 0) {
             ADD_FAILURE() << "pipe failed";
             break;
         }
@@ -94,7 +95,7 @@ TEST(KXFileUserDefaults, TypedReadsConvertNumbersButNeverStrings) {
         bool boolean;
     };
     constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
-    const Row rows[] = {
+    const std::vector<Row> rows = {
         {"string", "42", "42", 0, false},  // strings are not converted
         {"yesString", "YES", "YES", 0, false},
         {"int", 42, std::nullopt, 42, true},
