@@ -1,45 +1,18 @@
 #include "TZCryptoTestSupport.h"
 
-#include "KXTestDirectories.h"
+#include "KXProcess.h"
+#include "KXSealedFiles.h"
 
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
-#include <sys/wait.h>
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
+#include <filesystem>
+#include <sstream>
 #include <stdexcept>
 
 namespace tztest {
-
-namespace {
-
-std::filesystem::path freshDirectory() {
-    static std::atomic<int> counter{0};
-    auto root = KXTestDirectories::current();
-    if (root.empty()) {
-        root = std::filesystem::temp_directory_path();
-    }
-    auto directory = root / ("openssl-" + std::to_string(counter++));
-    std::filesystem::create_directories(directory);
-    return directory;
-}
-
-Bytes readFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void writeFile(const std::filesystem::path& path, std::span<const std::uint8_t> bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()),
-              static_cast<std::streamsize>(bytes.size()));
-}
-
-}  // namespace
 
 Bytes bytesOf(std::string_view text) {
     return {text.begin(), text.end()};
@@ -58,7 +31,7 @@ Bytes patternBytes(std::size_t length, std::uint32_t seed) {
 }
 
 std::string hex(std::span<const std::uint8_t> bytes) {
-    static const char digits[] = "0123456789abcdef";
+    constexpr std::string_view digits = "0123456789ABCDEF";
     std::string text;
     for (const auto byte : bytes) {
         text += digits[byte >> 4];
@@ -77,25 +50,24 @@ Bytes concat(std::initializer_list<std::span<const std::uint8_t>> parts) {
 
 ToolResult openssl(const std::string& arguments, std::span<const std::uint8_t> input,
                    const std::string* password) {
-    const auto directory = freshDirectory();
-    writeFile(directory / "in", input);
     if (password != nullptr) {
         setenv("KX_TEST_PASSWORD", password->c_str(), 1);
     }
-    const std::string command = "openssl " + arguments + " -in '" + (directory / "in").string() +
-                                "' -out '" + (directory / "out").string() + "' >'" +
-                                (directory / "printed").string() + "' 2>'" +
-                                (directory / "err").string() + "'";
-    const int status = std::system(command.c_str());
-    ToolResult result;
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    result.output = readFile(directory / "out");
-    const auto printed = readFile(directory / "printed");
-    result.printed.assign(printed.begin(), printed.end());
-    const auto errors = readFile(directory / "err");
-    result.errors.assign(errors.begin(), errors.end());
-    std::filesystem::remove_all(directory);
-    return result;
+    // The input comes from a file: a large one written to the tool's standard input would fill
+    // the pipe while the tool waits for its output to be read.
+    static std::atomic<int> counter{0};
+    const auto in = kxtest::scratchDirectory("openssl") / std::to_string(counter++);
+    kxtest::writeBytes(in, Bytes(input.begin(), input.end()));
+    // Through env, which finds the tool on the PATH.
+    std::vector<std::string> words{"openssl"};
+    std::istringstream split(arguments);
+    for (std::string word; split >> word;) {
+        words.push_back(word);
+    }
+    words.insert(words.end(), {"-in", in.string()});
+    const auto ran = kxtest::runProcess("/usr/bin/env", words);
+    std::filesystem::remove(in);
+    return {ran.exitCode, Bytes(ran.out.begin(), ran.out.end()), ran.err};
 }
 
 Bytes pbkdf2(std::string_view password, std::span<const std::uint8_t> salt, unsigned rounds,
@@ -152,6 +124,19 @@ std::string descriptionOf(const KXError& error) {
         return error.userInfo["NSLocalizedDescription"].get<std::string>();
     }
     return {};
+}
+
+testing::AssertionResult failedWith(const std::optional<Bytes>& result, const KXError& error,
+                                    std::int64_t code, const char* description) {
+    if (result.has_value()) {
+        return testing::AssertionFailure() << "succeeded with " << result->size() << " bytes";
+    }
+    if (error.domain != kTZCryptorErrorDomain || error.code != code ||
+        (description != nullptr && descriptionOf(error) != description)) {
+        return testing::AssertionFailure() << "failed with " << error.description() << " ("
+                                           << descriptionOf(error) << "), not " << code;
+    }
+    return testing::AssertionSuccess();
 }
 
 }  // namespace tztest

@@ -6,10 +6,11 @@
 #include <KXClientFramework/KXError.h>
 #include <KXClientFramework/TZCryptor.h>
 
+#include <gtest/gtest.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <filesystem>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -24,19 +25,20 @@ using Bytes = std::vector<std::uint8_t>;
 Bytes bytesOf(std::string_view text);
 /// `length` bytes of a fixed pseudo-random sequence chosen by `seed`.
 Bytes patternBytes(std::size_t length, std::uint32_t seed = 1);
+/// Upper-case hexadecimal, as the openssl tool prints keys.
 std::string hex(std::span<const std::uint8_t> bytes);
 Bytes concat(std::initializer_list<std::span<const std::uint8_t>> parts);
 
 struct ToolResult {
     int status = -1;
-    Bytes output;
-    std::string printed;  // standard output
+    Bytes output;  // standard output
     std::string errors;
 };
 
-/// Runs `openssl <arguments> -in <input file> -out <output file>`. The password, when
-/// `password` is given, is passed through the environment variable KX_TEST_PASSWORD so that any
-/// bytes survive; refer to it with `-pass env:KX_TEST_PASSWORD`.
+/// Runs `openssl <arguments> -in <file of input>` (arguments split at spaces); the output is
+/// what the tool writes to its standard output. The password,
+/// when given, is passed in the environment variable KX_TEST_PASSWORD so that any bytes
+/// survive; refer to it with `-pass env:KX_TEST_PASSWORD`.
 ToolResult openssl(const std::string& arguments, std::span<const std::uint8_t> input,
                    const std::string* password = nullptr);
 
@@ -50,6 +52,11 @@ Bytes aesCBC(bool encrypt, std::span<const std::uint8_t> key, std::span<const st
 
 /// The error's text, as the user info carries it.
 std::string descriptionOf(const KXError& error);
+
+/// Success when nothing came out and `error` is `code` of the cryptor domain, with the text
+/// `description` when one is given.
+testing::AssertionResult failedWith(const std::optional<Bytes>& result, const KXError& error,
+                                    std::int64_t code, const char* description = nullptr);
 
 /// Collects what a streaming cryptor hands to its handler, chunk by chunk, and how it ended.
 struct Collector {
@@ -82,6 +89,13 @@ struct Collector {
     bool waitUntilFinished() {
         std::unique_lock lock(mutex);
         return changed.wait_for(lock, std::chrono::seconds(60), [this] { return finished; });
+    }
+
+    /// Feeds `input` to `cryptor` in one piece, finishes it and waits for its last call.
+    bool run(TZCryptor& cryptor, std::span<const std::uint8_t> input) {
+        cryptor.addData(input);
+        cryptor.finish();
+        return waitUntilFinished();
     }
 };
 

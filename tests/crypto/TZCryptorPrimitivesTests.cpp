@@ -16,6 +16,25 @@ int fallback(std::uint32_t algorithm, std::string_view password, std::span<const
                                    salt.size(), prf, rounds, out.data(), out.size());
 }
 
+const Bytes kKey = patternBytes(32, 1);
+const Bytes kIV = patternBytes(16, 2);
+
+// A fresh engine's output for `input` in one piece, or nothing when it fails.
+std::optional<Bytes> runEngine(TZCryptorOperation operation, const TZCryptorSettings& settings,
+                               std::span<const std::uint8_t> key,
+                               std::span<const std::uint8_t> input, KXError* error = nullptr) {
+    auto engine = TZCryptorEngine::initWithOperation(operation, settings, key, kIV, error);
+    auto output = !engine         ? std::nullopt
+                  : input.empty() ? std::optional<Bytes>(Bytes{})
+                                  : engine->addData(input, error);
+    const auto last = output ? engine->finishWithError(error) : std::nullopt;
+    if (!last) {
+        return std::nullopt;
+    }
+    output->insert(output->end(), last->begin(), last->end());
+    return output;
+}
+
 }  // namespace
 
 // MARK: - Fallback PBKDF2
@@ -189,11 +208,9 @@ TEST(TZConsistentTimeComparison, Results) {
 // MARK: - Engine
 
 TEST(TZCryptorEngine, StreamsLikeOneCall) {
-    const auto key = patternBytes(32, 1);
-    const auto IV = patternBytes(16, 2);
     const auto plain = patternBytes(1000, 3);
     auto encryptor = TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt,
-                                                        kTZCryptorAES256Settings, key, IV);
+                                                        kTZCryptorAES256Settings, kKey, kIV);
     ASSERT_NE(encryptor, nullptr);
     Bytes sealed;
     for (std::size_t at = 0; at < plain.size(); at += 99) {
@@ -206,56 +223,42 @@ TEST(TZCryptorEngine, StreamsLikeOneCall) {
     const auto last = encryptor->finishWithError();
     ASSERT_TRUE(last.has_value());
     sealed.insert(sealed.end(), last->begin(), last->end());
-    EXPECT_EQ(sealed, aesCBC(true, key, IV, plain));
+    EXPECT_EQ(sealed, aesCBC(true, kKey, kIV, plain));
+    EXPECT_EQ(runEngine(TZCryptorOperation::Decrypt, kTZCryptorAES256Settings, kKey, sealed),
+              plain);
 
     KXError error;
     EXPECT_FALSE(encryptor->addData(plain, &error));
     EXPECT_EQ(error.code, TZCryptorStatusCallSequenceError);
-
-    auto decryptor = TZCryptorEngine::initWithOperation(TZCryptorOperation::Decrypt,
-                                                        kTZCryptorAES256Settings, key, IV);
-    auto opened = decryptor->addData(sealed);
-    ASSERT_TRUE(opened.has_value());
-    const auto tail = decryptor->finishWithError();
-    ASSERT_TRUE(tail.has_value());
-    opened->insert(opened->end(), tail->begin(), tail->end());
-    EXPECT_EQ(*opened, plain);
 }
 
 TEST(TZCryptorEngine, OtherModesMatchTheTool) {
     const auto plain = patternBytes(64, 4);
     for (const std::size_t keyLength : {16u, 24u, 32u}) {
         const auto key = patternBytes(keyLength, 5);
-        const auto IV = patternBytes(16, 6);
-        struct Mode {
-            std::uint32_t options;
-            std::string tool;
-        };
         const std::string bits = std::to_string(keyLength * 8);
-        for (const Mode& mode :
-             {Mode{0, "aes-" + bits + "-cbc -nopad"}, Mode{2, "aes-" + bits + "-ecb -nopad"},
-              Mode{3, "aes-" + bits + "-ecb"}, Mode{1, "aes-" + bits + "-cbc"}}) {
+        const std::vector<std::pair<std::uint32_t, std::string>> modes = {
+            {0, "aes-" + bits + "-cbc -nopad"},
+            {2, "aes-" + bits + "-ecb -nopad"},
+            {3, "aes-" + bits + "-ecb"},
+            {1, "aes-" + bits + "-cbc"}};
+        for (const auto& [options, tool] : modes) {
             TZCryptorSettings settings = kTZCryptorAES256Settings;
-            settings.options = mode.options;
-            auto engine =
-                TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt, settings, key, IV);
-            ASSERT_NE(engine, nullptr) << mode.tool;
-            auto sealed = *engine->addData(plain);
-            const auto last = engine->finishWithError();
-            ASSERT_TRUE(last.has_value()) << mode.tool;
-            sealed.insert(sealed.end(), last->begin(), last->end());
-            const std::string ivArgument = (mode.options & 2) != 0 ? "" : " -iv " + hex(IV);
-            const auto tools =
-                openssl("enc -" + mode.tool + " -nosalt -K " + hex(key) + ivArgument, plain);
+            settings.options = options;
+            std::string arguments = "enc -" + tool;
+            arguments += " -nosalt -K " + hex(key);
+            if ((options & 2) == 0) {  // ECB has no IV
+                arguments += " -iv " + hex(kIV);
+            }
+            const auto tools = openssl(arguments, plain);
             ASSERT_EQ(tools.status, 0) << tools.errors;
-            EXPECT_EQ(sealed, tools.output) << mode.tool;
+            EXPECT_EQ(runEngine(TZCryptorOperation::Encrypt, settings, key, plain), tools.output)
+                << tool;
         }
     }
 }
 
 TEST(TZCryptorEngine, RefusesWhatItCannotDo) {
-    const auto key = patternBytes(32, 1);
-    const auto IV = patternBytes(16, 2);
     struct Case {
         const char* name;
         std::uint32_t algorithm;
@@ -274,8 +277,8 @@ TEST(TZCryptorEngine, RefusesWhatItCannotDo) {
         settings.options = c.options;
         KXError error;
         EXPECT_EQ(TZCryptorEngine::initWithOperation(TZCryptorOperation::Decrypt, settings,
-                                                     std::span(key).first(c.keyLength),
-                                                     std::span(IV).first(c.IVLength), &error),
+                                                     std::span(kKey).first(c.keyLength),
+                                                     std::span(kIV).first(c.IVLength), &error),
                   nullptr)
             << c.name;
         EXPECT_EQ(error.domain, kTZCryptorErrorDomain) << c.name;
@@ -284,35 +287,22 @@ TEST(TZCryptorEngine, RefusesWhatItCannotDo) {
     // ECB needs no IV.
     TZCryptorSettings ecb = kTZCryptorAES256Settings;
     ecb.options = 3;
-    EXPECT_NE(TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt, ecb, key, Bytes{}),
+    EXPECT_NE(TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt, ecb, kKey, Bytes{}),
               nullptr);
 }
 
 TEST(TZCryptorEngine, FinalBlockFailures) {
-    const auto key = patternBytes(32, 1);
-    const auto IV = patternBytes(16, 2);
-    const auto sealed = aesCBC(true, key, IV, patternBytes(40, 3));
-
-    const auto finish = [&](std::span<const std::uint8_t> input,
-                            std::span<const std::uint8_t> withKey) {
-        auto engine = TZCryptorEngine::initWithOperation(TZCryptorOperation::Decrypt,
-                                                         kTZCryptorAES256Settings, withKey, IV);
+    const auto sealed = aesCBC(true, kKey, kIV, patternBytes(40, 3));
+    const auto finish = [](std::span<const std::uint8_t> input, std::span<const std::uint8_t> key,
+                           TZCryptorOperation operation = TZCryptorOperation::Decrypt) {
         KXError error;
-        if (!input.empty()) {
-            EXPECT_TRUE(engine->addData(input, &error).has_value());
-        }
-        EXPECT_FALSE(engine->finishWithError(&error).has_value());
+        EXPECT_FALSE(runEngine(operation, kTZCryptorAES256Settings, key, input, &error));
         return error.code;
     };
-    EXPECT_EQ(finish(std::span(sealed).first(sealed.size() - 1), key),
+    EXPECT_EQ(finish(std::span(sealed).first(sealed.size() - 1), kKey),
               TZCryptorStatusAlignmentError);
-    EXPECT_EQ(finish(Bytes{}, key), TZCryptorStatusAlignmentError);
+    EXPECT_EQ(finish(Bytes{}, kKey), TZCryptorStatusAlignmentError);
     EXPECT_EQ(finish(sealed, patternBytes(32, 9)), TZCryptorStatusDecodeError);
-
     // An encryption finished without any input has no room for its padding block.
-    auto engine = TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt,
-                                                     kTZCryptorAES256Settings, key, IV);
-    KXError error;
-    EXPECT_FALSE(engine->finishWithError(&error).has_value());
-    EXPECT_EQ(error.code, TZCryptorStatusBufferTooSmall);
+    EXPECT_EQ(finish(Bytes{}, kKey, TZCryptorOperation::Encrypt), TZCryptorStatusBufferTooSmall);
 }

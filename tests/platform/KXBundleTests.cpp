@@ -3,14 +3,15 @@
 #include <KXClientFramework/KXPropertyList.h>
 
 #include "KXCapturingSink.h"
+#include "KXPlatformTestSupport.h"
 #include "KXTestDirectories.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 
 namespace fs = std::filesystem;
+using kxplatformtest::writeFile;
 
 namespace {
 
@@ -20,19 +21,15 @@ fs::path makeDirectory(const std::string& name) {
     return directory;
 }
 
-void write(const fs::path& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
-
 }  // namespace
 
 TEST(KXDirectoryBundle, FindsResourcesInTheFirstDirectoryThatHasThem) {
     const fs::path first = makeDirectory("first");
     const fs::path second = makeDirectory("second");
-    write(second / "KXConfig.enc", "sealed");
-    write(first / "folder.png", "image");
-    write(second / "folder.png", "other image");
-    write(second / "README", "no extension");
+    writeFile(second / "KXConfig.enc", "sealed");
+    writeFile(first / "folder.png", "image");
+    writeFile(second / "folder.png", "other image");
+    writeFile(second / "README", "no extension");
     fs::create_directories(first / "KXConfig.enc.d");
 
     KXDirectoryBundle bundle({first, second});
@@ -45,7 +42,7 @@ TEST(KXDirectoryBundle, FindsResourcesInTheFirstDirectoryThatHasThem) {
     EXPECT_FALSE(bundle.pathForResource("", "enc").has_value());
 
     // Names cannot reach outside the resource directories.
-    write(KXTestDirectories::current() / "bundles" / "secret.txt", "outside");
+    writeFile(KXTestDirectories::current() / "bundles" / "secret.txt", "outside");
     EXPECT_FALSE(bundle.pathForResource("../secret", "txt").has_value());
     EXPECT_FALSE(
         bundle
@@ -55,10 +52,10 @@ TEST(KXDirectoryBundle, FindsResourcesInTheFirstDirectoryThatHasThem) {
 
 TEST(KXDirectoryBundle, InfoDictionaryMergesOverridesOverInfoPlist) {
     const fs::path resources = makeDirectory("resources");
-    write(resources / "Info.plist",
-          KXPropertyList::toXML({{"CFBundleName", "Kiosk"},
-                                 {"CFBundleVersion", "1.0"},
-                                 {"UIBackgroundModes", {"remote-notification"}}}));
+    writeFile(resources / "Info.plist",
+              KXPropertyList::toXML({{"CFBundleName", "Kiosk"},
+                                     {"CFBundleVersion", "1.0"},
+                                     {"UIBackgroundModes", {"remote-notification"}}}));
 
     KXDirectoryBundle bundle({resources}, {{"CFBundleVersion", "2.0"}, {"CFBundleName", nullptr}},
                              "com.example.kiosk");
@@ -73,7 +70,7 @@ TEST(KXDirectoryBundle, InfoDictionaryMergesOverridesOverInfoPlist) {
     // A binary Info.plist that names its own identifier keeps it.
     const fs::path binary = makeDirectory("binary");
     const auto bytes = KXPropertyList::toBinary({{"CFBundleIdentifier", "com.example.own"}});
-    write(binary / "Info.plist", std::string(bytes.begin(), bytes.end()));
+    writeFile(binary / "Info.plist", std::string(bytes.begin(), bytes.end()));
     EXPECT_EQ(KXDirectoryBundle({binary}, KXJSON::object(), "fallback")
                   .objectForInfoDictionaryKey("CFBundleIdentifier"),
               "com.example.own");
@@ -82,7 +79,7 @@ TEST(KXDirectoryBundle, InfoDictionaryMergesOverridesOverInfoPlist) {
 TEST(KXDirectoryBundle, ADamagedInfoPlistIsReportedAndIgnored) {
     auto sink = KXCapturingSink::install();
     const fs::path resources = makeDirectory("damaged");
-    write(resources / "Info.plist", "<plist><dict><key>CFBundleName</key><string>Kio");
+    writeFile(resources / "Info.plist", "<plist><dict><key>CFBundleName</key><string>Kio");
     KXDirectoryBundle bundle({resources}, {{"CFBundleVersion", "3"}}, "com.example.app");
     EXPECT_EQ(bundle.infoDictionary(),
               (KXJSON{{"CFBundleVersion", "3"}, {"CFBundleIdentifier", "com.example.app"}}));

@@ -1,13 +1,13 @@
 // Device facts of a Linux machine, read from fixture files and a made-up environment.
 #include <KXClientFramework/KXLinuxPlatform.h>
 
+#include "KXPlatformTestSupport.h"
 #include "KXTestDirectories.h"
 #include "platform/linux/internal/KXLinuxDeviceFacts.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <map>
 
 namespace fs = std::filesystem;
@@ -33,24 +33,21 @@ protected:
             return it != environment.end() ? std::optional(it->second) : std::nullopt;
         };
     }
-
-    void write(const fs::path& path, const std::string& text) {
-        std::ofstream(path, std::ios::binary) << text;
-    }
 };
 
 }  // namespace
 
 TEST_F(KXLinuxDeviceFactsTest, ReadsOsReleaseAndDMIOfAPC) {
-    write(sources.osRelease,
-          "# comment\n"
-          "PRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\n"
-          "NAME=\"Debian GNU/Linux\"\n"
-          "VERSION_ID=\"12\"\n"
-          "ID=debian\n");
-    write(sources.dmiProductName, "ThinkPad X1 Carbon Gen 9\n");
-    write(sources.dmiSysVendor, "LENOVO\n");
-    write(sources.deviceTreeModel, std::string("Raspberry Pi 4 Model B Rev 1.4\0", 31));
+    kxplatformtest::writeFile(sources.osRelease,
+                              "# comment\n"
+                              "PRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\n"
+                              "NAME=\"Debian GNU/Linux\"\n"
+                              "VERSION_ID=\"12\"\n"
+                              "ID=debian\n");
+    kxplatformtest::writeFile(sources.dmiProductName, "ThinkPad X1 Carbon Gen 9\n");
+    kxplatformtest::writeFile(sources.dmiSysVendor, "LENOVO\n");
+    kxplatformtest::writeFile(sources.deviceTreeModel,
+                              std::string("Raspberry Pi 4 Model B Rev 1.4\0", 31));
 
     const KXDeviceFacts facts = kxReadLinuxDeviceFacts(sources);
     EXPECT_EQ(facts.systemName, "Debian GNU/Linux");
@@ -64,9 +61,11 @@ TEST_F(KXLinuxDeviceFactsTest, ReadsOsReleaseAndDMIOfAPC) {
 
 TEST_F(KXLinuxDeviceFactsTest, EmbeddedBoardsAndMissingFilesFallBack) {
     // /etc/os-release missing: the fallback file; unquoted and single-quoted values.
-    write(sources.osReleaseFallback, "NAME='Raspbian GNU/Linux'\nVERSION_ID=11\n");
+    kxplatformtest::writeFile(sources.osReleaseFallback,
+                              "NAME='Raspbian GNU/Linux'\nVERSION_ID=11\n");
     // Device tree strings end with NUL; DMI is absent on such boards.
-    write(sources.deviceTreeModel, std::string("Raspberry Pi 4 Model B Rev 1.4\0", 31));
+    kxplatformtest::writeFile(sources.deviceTreeModel,
+                              std::string("Raspberry Pi 4 Model B Rev 1.4\0", 31));
 
     KXDeviceFacts facts = kxReadLinuxDeviceFacts(sources);
     EXPECT_EQ(facts.systemName, "Raspbian GNU/Linux");
@@ -75,8 +74,8 @@ TEST_F(KXLinuxDeviceFactsTest, EmbeddedBoardsAndMissingFilesFallBack) {
     EXPECT_EQ(facts.manufacturer, "Unknown");
 
     // Firmware placeholders count as unknown.
-    write(sources.dmiProductName, "To be filled by O.E.M.\n");
-    write(sources.dmiSysVendor, "System manufacturer\n");
+    kxplatformtest::writeFile(sources.dmiProductName, "To be filled by O.E.M.\n");
+    kxplatformtest::writeFile(sources.dmiSysVendor, "System manufacturer\n");
     facts = kxReadLinuxDeviceFacts(sources);
     EXPECT_EQ(facts.model, "Raspberry Pi 4 Model B Rev 1.4");
     EXPECT_EQ(facts.manufacturer, "Unknown");

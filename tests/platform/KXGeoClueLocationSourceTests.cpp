@@ -1,6 +1,7 @@
 // The GeoClue location source: the accuracy levels it asks for, the quick fallback of the Linux
 // platform when the system bus or GeoClue does not answer, and fixes from the real GeoClue
 // daemon on a private bus, fed by its NMEA socket source.
+#include "KXPlatformTestSupport.h"
 #include "KXSealedFiles.h"
 
 #include <KXClientFramework/KXAsioMainQueue.h>
@@ -11,41 +12,28 @@
 #include <gio/gio.h>
 #include <gtest/gtest.h>
 
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cmath>
 #include <csignal>
 #include <cstdlib>
 #include <functional>
 #include <future>
-#include <mutex>
 #include <thread>
 
 using namespace std::chrono_literals;
 namespace fs = std::filesystem;
+using kxplatformtest::RecordingLocationDelegate;
 
 namespace {
 
-struct RecordingDelegate final : KXLocationSourceDelegate {
-    std::vector<KXLocation> fixes;
-    std::vector<KXError> errors;
-    void didUpdateLocations(const std::vector<KXLocation>& locations) override {
-        fixes.insert(fixes.end(), locations.begin(), locations.end());
-    }
-    void didFailWithError(const KXError& error) override { errors.push_back(error); }
-};
-
 TEST(KXGeoClueLocationSource, AccuracyLevelsMapToGeoClueLevels) {
-    struct Case {
-        double metres;
-        std::uint32_t level;
-    };
-    const std::vector<Case> cases = {
+    const std::vector<std::pair<double, std::uint32_t>> cases = {
         {kCLLocationAccuracyBestForNavigation, 8},
         {kCLLocationAccuracyBest, 8},
         {kCLLocationAccuracyNearestTenMeters, 8},
@@ -58,8 +46,8 @@ TEST(KXGeoClueLocationSource, AccuracyLevelsMapToGeoClueLevels) {
         {1e9, 4},
         {std::nan(""), 4},
     };
-    for (const auto& c : cases) {
-        EXPECT_EQ(KXGeoClueLocationSource::accuracyLevel(c.metres), c.level) << c.metres;
+    for (const auto& [metres, level] : cases) {
+        EXPECT_EQ(KXGeoClueLocationSource::accuracyLevel(metres), level) << metres;
     }
 }
 
@@ -67,11 +55,11 @@ TEST(KXGeoClueLocationSource, AccuracyLevelsMapToGeoClueLevels) {
 /// the test process end first (a sanitizer's halt, a crash), so no daemon is left behind.
 class Child {
 public:
-    explicit Child(const std::vector<std::string>& arguments) {
+    explicit Child(std::vector<std::string> arguments) {
         std::vector<char*> argv;
         argv.reserve(arguments.size() + 1);
-        for (const std::string& argument : arguments) {
-            argv.push_back(const_cast<char*>(argument.c_str()));
+        for (std::string& argument : arguments) {
+            argv.push_back(argument.data());
         }
         argv.push_back(nullptr);
         const pid_t parent = getpid();
@@ -110,54 +98,41 @@ bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds timeou
     return true;
 }
 
-/// A private D-Bus daemon that takes the place of the system bus for this process and its
-/// children.
+/// A directory with a short path, for sockets (their paths are limited to 107 bytes), holding a
+/// private D-Bus daemon that takes the place of the system bus for this process and its
+/// children; removed with everything in it when this goes.
 class PrivateBus {
 public:
-    explicit PrivateBus(const fs::path& directory) : socket_(directory / "bus.sock") {
-        const fs::path config = directory / "bus.conf";
-        kxtest::writeText(config,
-                          "<!DOCTYPE busconfig PUBLIC \"-//freedesktop//DTD D-Bus Bus "
-                          "Configuration 1.0//EN\" "
-                          "\"http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd\">"
-                          "<busconfig><type>system</type><listen>unix:path=" +
-                              socket_.string() +
-                              "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
-                              "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
-                              "<allow eavesdrop=\"true\"/><allow own=\"*\"/>"
-                              "<allow user=\"*\"/></policy></busconfig>");
+    PrivateBus() {
+        std::string pattern = "/tmp/kxgc-XXXXXX";
+        directory_ = mkdtemp(pattern.data()) != nullptr ? fs::path(pattern) : fs::path();
+        const fs::path config = directory_ / "bus.conf";
+        kxtest::writeText(config, "<busconfig><type>system</type><listen>" + address() +
+                                      "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
+                                      "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
+                                      "<allow eavesdrop=\"true\"/><allow own=\"*\"/>"
+                                      "<allow user=\"*\"/></policy></busconfig>");
         daemon_ = std::make_unique<Child>(std::vector<std::string>{
             "dbus-daemon", "--nofork", "--config-file=" + config.string()});
-        ready_ = waitFor([&] { return fs::exists(socket_); }, 5s);
+        ready_ = waitFor([&] { return fs::exists(directory_ / "bus.sock"); }, 5s);
         setenv("DBUS_SYSTEM_BUS_ADDRESS", address().c_str(), 1);
     }
+    ~PrivateBus() {
+        daemon_.reset();
+        std::error_code ignored;
+        fs::remove_all(directory_, ignored);
+    }
+    PrivateBus(const PrivateBus&) = delete;
+    PrivateBus& operator=(const PrivateBus&) = delete;
+
     bool ready() const { return ready_; }
-    std::string address() const { return "unix:path=" + socket_.string(); }
+    const fs::path& directory() const { return directory_; }
+    std::string address() const { return "unix:path=" + (directory_ / "bus.sock").string(); }
 
 private:
-    fs::path socket_;
+    fs::path directory_;
     std::unique_ptr<Child> daemon_;
     bool ready_ = false;
-};
-
-/// A directory with a short path, for sockets (their paths are limited to 107 bytes); removed
-/// with everything in it when this goes.
-class SocketDirectory {
-public:
-    SocketDirectory() {
-        std::string pattern = "/tmp/kxgc-XXXXXX";
-        path_ = mkdtemp(pattern.data()) != nullptr ? fs::path(pattern) : fs::path();
-    }
-    ~SocketDirectory() {
-        std::error_code ignored;
-        fs::remove_all(path_, ignored);
-    }
-    SocketDirectory(const SocketDirectory&) = delete;
-    SocketDirectory& operator=(const SocketDirectory&) = delete;
-    const fs::path& path() const { return path_; }
-
-private:
-    fs::path path_;
 };
 
 /// A socket listening at `path`; -1 when it cannot be made.
@@ -178,45 +153,85 @@ int listenAt(const fs::path& path) {
     return listener;
 }
 
-/// Elapsed time of `work`.
-template <typename Work>
-std::chrono::milliseconds timed(Work&& work) {
-    const auto start = std::chrono::steady_clock::now();
-    work();
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() -
-                                                                 start);
-}
-
 TEST(KXGeoClueLocationSource, WithoutTheServiceThePlatformFallsBackToTheFedSourceQuickly) {
-    const SocketDirectory sockets;
-    const fs::path& directory = sockets.path();
+    PrivateBus bus;  // a bus without GeoClue on it
+    ASSERT_TRUE(bus.ready());
     // A socket that takes connections and never says a word.
-    const fs::path silent = directory / "silent.sock";
+    const fs::path silent = bus.directory() / "silent.sock";
     const int listener = listenAt(silent);
     ASSERT_GE(listener, 0);
-    PrivateBus bus(directory);  // a bus without GeoClue on it
-    ASSERT_TRUE(bus.ready());
 
     KXAsioMainQueue queue;
-    for (const std::string& busAddress : {"unix:path=" + (directory / "absent.sock").string(),
+    for (const std::string& busAddress : {"unix:path=" + (bus.directory() / "absent.sock").string(),
                                           "unix:path=" + silent.string(), bus.address()}) {
         setenv("DBUS_SYSTEM_BUS_ADDRESS", busAddress.c_str(), 1);
-        std::unique_ptr<KXGeoClueLocationSource> source;
-        const auto elapsed = timed(
-            [&] { source = KXGeoClueLocationSource::connect(queue, "com.example.kiosk", 300ms); });
-        EXPECT_EQ(source, nullptr) << busAddress;
-        EXPECT_LT(elapsed, 1500ms) << busAddress;
+        auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(KXGeoClueLocationSource::connect(queue, "com.example.kiosk", 300ms), nullptr);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms) << busAddress;
 
         KXLinuxPlatformOptions options;
         options.applicationId = "com.example.kiosk";
         options.locationServiceTimeout = 300ms;
         KXLinuxPlatform platform(options);
-        std::unique_ptr<KXLocationSource> made;
-        EXPECT_LT(timed([&] { made = platform.makeLocationSource(); }), 1500ms) << busAddress;
+        start = std::chrono::steady_clock::now();
+        const auto made = platform.makeLocationSource();
+        EXPECT_LT(std::chrono::steady_clock::now() - start, 1500ms) << busAddress;
         EXPECT_NE(dynamic_cast<KXLinuxLocationSource*>(made.get()), nullptr) << busAddress;
     }
     close(listener);
 }
+
+/// What GeoClue's NMEA socket source reads: GGA sentences written when the test asks.
+class NMEAFeed {
+public:
+    explicit NMEAFeed(const fs::path& path) : listener_(listenAt(path)) {}
+    ~NMEAFeed() {
+        close(connection_);
+        close(listener_);
+    }
+    NMEAFeed(const NMEAFeed&) = delete;
+    NMEAFeed& operator=(const NMEAFeed&) = delete;
+
+    /// Whether GeoClue has connected (takes its connection when it is waiting).
+    bool connected() {
+        pollfd waiting{listener_, POLLIN, 0};
+        if (connection_ < 0 && poll(&waiting, 1, 0) == 1) {
+            connection_ = accept(listener_, nullptr, nullptr);
+        }
+        return connection_ >= 0;
+    }
+
+    /// Sends a fix at latitude north and longitude east, in degrees (GGA, time of day now).
+    void send(double latitude, double longitude) {
+        const auto now = std::chrono::system_clock::now() + std::chrono::milliseconds(10 * ++sent_);
+        const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+        std::tm utc{};
+        gmtime_r(&seconds, &utc);
+        const auto centiseconds =
+            std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() %
+            1000 / 10;
+        // Degrees and minutes: ddmm.mmmm (dddmm.mmmm for longitudes).
+        auto minutes = [](double degrees, int width) {
+            const double whole = std::floor(degrees);
+            return fmt::format("{:0{}}{:07.4f}", static_cast<int>(whole), width,
+                               (degrees - whole) * 60.0);
+        };
+        const std::string body = fmt::format(
+            "GPGGA,{:02}{:02}{:02}.{:02},{},N,{},E,1,08,0.9,35.0,M,47.0,M,,", utc.tm_hour,
+            utc.tm_min, utc.tm_sec, centiseconds, minutes(latitude, 2), minutes(longitude, 3));
+        unsigned checksum = 0;
+        for (const char c : body) {
+            checksum ^= static_cast<unsigned char>(c);
+        }
+        const std::string sentence = fmt::format("${}*{:02X}\r\n", body, checksum);
+        (void)!write(connection_, sentence.data(), sentence.size());
+    }
+
+private:
+    int listener_ = -1;
+    int connection_ = -1;
+    int sent_ = 0;
+};
 
 // The GeoClue agent of this test: it lets every application have the location up to
 // `maximumLevel` (0 refuses all), as a desktop shell's agent would after asking the user.
@@ -234,23 +249,9 @@ public:
             g_main_loop_run(loop_);
             g_main_context_pop_thread_default(context_);
         });
-        registered_ = answer.get();
-        if (registered_) {
-            // Added from this thread while the agent's thread answers GeoClue's questions.
-            GError* error = nullptr;
-            GVariant* reply = g_dbus_connection_call_sync(
-                connection_, "org.freedesktop.GeoClue2", "/org/freedesktop/GeoClue2/Manager",
-                "org.freedesktop.GeoClue2.Manager", "AddAgent",
-                g_variant_new("(s)", "kxtest-agent"), nullptr, G_DBUS_CALL_FLAGS_NONE, 5000,
-                nullptr, &error);
-            registered_ = reply != nullptr;
-            if (reply != nullptr) {
-                g_variant_unref(reply);
-            } else {
-                ADD_FAILURE() << "AddAgent: " << error->message;
-                g_error_free(error);
-            }
-        }
+        // Added from this thread while the agent's thread answers GeoClue's questions; refused
+        // until GeoClue has taken its name.
+        registered_ = answer.get() && waitFor([this] { return addAgent(); }, 10s);
     }
     ~TestAgent() {
         g_main_context_invoke(
@@ -270,6 +271,19 @@ public:
     bool registered() const { return registered_; }
 
 private:
+    // Called from the test's thread while the agent's thread answers GeoClue's questions;
+    // refused until GeoClue has taken its name.
+    bool addAgent() {
+        GVariant* reply = g_dbus_connection_call_sync(
+            connection_, "org.freedesktop.GeoClue2", "/org/freedesktop/GeoClue2/Manager",
+            "org.freedesktop.GeoClue2.Manager", "AddAgent", g_variant_new("(s)", "kxtest-agent"),
+            nullptr, G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
+        if (reply != nullptr) {
+            g_variant_unref(reply);
+        }
+        return reply != nullptr;
+    }
+
     bool connect(const std::string& busAddress) {
         GError* error = nullptr;
         connection_ = g_dbus_connection_new_for_address_sync(
@@ -322,87 +336,17 @@ private:
     bool registered_ = false;
 };
 
-/// What GeoClue's NMEA socket source reads: GGA sentences written when the test asks.
-class NMEAFeed {
-public:
-    explicit NMEAFeed(const fs::path& path) : listener_(listenAt(path)) {
-        acceptor_ = std::thread([this] {
-            for (;;) {
-                const int connection = accept(listener_, nullptr, nullptr);
-                if (connection < 0) {
-                    return;
-                }
-                std::lock_guard lock(mutex_);
-                if (connection_ >= 0) {
-                    close(connection_);
-                }
-                connection_ = connection;
-            }
-        });
-    }
-    ~NMEAFeed() {
-        shutdown(listener_, SHUT_RDWR);
-        close(listener_);
-        acceptor_.join();
-        if (connection_ >= 0) {
-            close(connection_);
-        }
-    }
-    NMEAFeed(const NMEAFeed&) = delete;
-    NMEAFeed& operator=(const NMEAFeed&) = delete;
-
-    bool connected() const {
-        std::lock_guard lock(mutex_);
-        return connection_ >= 0;
-    }
-
-    /// Sends a fix at latitude north and longitude east, in degrees (GGA, time of day now).
-    void send(double latitude, double longitude) {
-        const auto now = std::chrono::system_clock::now() + std::chrono::milliseconds(10 * ++sent_);
-        const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
-        std::tm utc{};
-        gmtime_r(&seconds, &utc);
-        const auto centiseconds =
-            std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() %
-            1000 / 10;
-        // Degrees and minutes: ddmm.mmmm (dddmm.mmmm for longitudes).
-        auto minutes = [](double degrees, int width) {
-            const double whole = std::floor(degrees);
-            return fmt::format("{:0{}}{:07.4f}", static_cast<int>(whole), width,
-                               (degrees - whole) * 60.0);
-        };
-        const std::string body = fmt::format(
-            "GPGGA,{:02}{:02}{:02}.{:02},{},N,{},E,1,08,0.9,35.0,M,47.0,M,,", utc.tm_hour,
-            utc.tm_min, utc.tm_sec, centiseconds, minutes(latitude, 2), minutes(longitude, 3));
-        unsigned checksum = 0;
-        for (const char c : body) {
-            checksum ^= static_cast<unsigned char>(c);
-        }
-        const std::string sentence = fmt::format("${}*{:02X}\r\n", body, checksum);
-        std::lock_guard lock(mutex_);
-        if (connection_ >= 0) {
-            (void)!write(connection_, sentence.data(), sentence.size());
-        }
-    }
-
-private:
-    int listener_ = -1;
-    mutable std::mutex mutex_;
-    int connection_ = -1;
-    int sent_ = 0;
-    std::thread acceptor_;
-};
-
-/// The real GeoClue daemon on a private bus, reading only the test's NMEA socket. GeoClue reads
-/// its configuration from /etc/geoclue/geoclue.conf alone, so it runs in a mount namespace of
-/// its own where the test's configuration is mounted there.
+/// The real GeoClue daemon on a private bus, reading only the test's NMEA socket. GeoClue reads its
+/// configuration from /etc/geoclue/geoclue.conf alone, so it runs in a mount namespace of its own
+/// where the test's configuration is mounted there.
 class KXGeoClueDaemon : public testing::Test {
 protected:
-    SocketDirectory sockets;
-    fs::path directory = sockets.path();
     std::unique_ptr<PrivateBus> bus;
     std::unique_ptr<NMEAFeed> feed;
     std::unique_ptr<Child> geoclue;
+    std::unique_ptr<TestAgent> agent;
+    KXAsioMainQueue queue;
+    RecordingLocationDelegate delegate;
 
     void SetUp() override {
         constexpr const char* kDaemon = "/usr/libexec/geoclue";
@@ -412,47 +356,33 @@ protected:
         if (std::system("unshare -m true 2>/dev/null") != 0) {
             GTEST_SKIP() << "needs a mount namespace (unshare -m) for GeoClue's configuration";
         }
-        bus = std::make_unique<PrivateBus>(directory);
+        bus = std::make_unique<PrivateBus>();
         ASSERT_TRUE(bus->ready());
-        feed = std::make_unique<NMEAFeed>(directory / "nmea.sock");
-        // Only the NMEA socket; the other sources off, and the network one's service unreachable.
-        const fs::path config = directory / "geoclue.conf";
-        kxtest::writeText(config,
-                          "[agent]\nwhitelist=kxtest-agent\n"
-                          "[network-nmea]\nenable=true\nnmea-socket=" +
-                              (directory / "nmea.sock").string() +
-                              "\n[3g]\nenable=false\n[cdma]\nenable=false\n"
-                              "[modem-gps]\nenable=false\n[compass]\nenable=false\n"
-                              "[wifi]\nenable=false\nurl=http://127.0.0.1:9/\n");
+        feed = std::make_unique<NMEAFeed>(bus->directory() / "nmea.sock");
+    }
+
+    // Starts GeoClue with only the NMEA socket as a source (the network one's service
+    // unreachable) and the test's agent, which allows up to `maximumLevel`, and connects a source.
+    std::unique_ptr<KXGeoClueLocationSource> start(std::uint32_t maximumLevel) {
+        const fs::path config = bus->directory() / "geoclue.conf";
+        kxtest::writeText(config, fmt::format("[agent]\nwhitelist=kxtest-agent\n"
+                                              "[network-nmea]\nenable=true\nnmea-socket={}\n"
+                                              "[3g]\nenable=false\n[cdma]\nenable=false\n"
+                                              "[modem-gps]\nenable=false\n[compass]\nenable=false\n"
+                                              "[wifi]\nenable=false\nurl=http://127.0.0.1:9/\n",
+                                              (bus->directory() / "nmea.sock").string()));
         geoclue = std::make_unique<Child>(std::vector<std::string>{
             "unshare", "-m", "sh", "-c",
             "mount --bind \"$0\" /etc/geoclue/geoclue.conf && exec /usr/libexec/geoclue -t 0",
             config.string()});
-        ASSERT_TRUE(waitFor([&] { return nameHasOwner(); }, 10s) && geoclue->running())
-            << "GeoClue did not take its name on the private bus";
-    }
-
-    bool nameHasOwner() const {
-        GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-            bus->address().c_str(),
-            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr, nullptr);
-        if (connection == nullptr) {
-            return false;
+        agent = std::make_unique<TestAgent>(bus->address(), maximumLevel);
+        EXPECT_TRUE(agent->registered() && geoclue->running())
+            << "GeoClue did not take its name on the private bus or refused the agent";
+        auto source = KXGeoClueLocationSource::connect(queue, "com.example.kiosk", 2s);
+        if (source != nullptr) {
+            source->setDelegate(&delegate);
         }
-        GVariant* reply = g_dbus_connection_call_sync(
-            connection, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-            "NameHasOwner", g_variant_new("(s)", "org.freedesktop.GeoClue2"), G_VARIANT_TYPE("(b)"),
-            G_DBUS_CALL_FLAGS_NONE, 1000, nullptr, nullptr);
-        gboolean owned = FALSE;
-        if (reply != nullptr) {
-            g_variant_get(reply, "(b)", &owned);
-            g_variant_unref(reply);
-        }
-        g_dbus_connection_close_sync(connection, nullptr, nullptr);
-        g_object_unref(connection);
-        return owned != FALSE;
+        return source;
     }
 };
 
@@ -462,13 +392,8 @@ double north(double latitude, double metres) {
 }
 
 TEST_F(KXGeoClueDaemon, FixesArriveAsTheDistanceFilterAllowsAndStopWithTheUpdates) {
-    TestAgent agent(bus->address(), 8);
-    ASSERT_TRUE(agent.registered());
-    KXAsioMainQueue queue;
-    auto source = KXGeoClueLocationSource::connect(queue, "com.example.kiosk", 2s);
+    auto source = start(8);
     ASSERT_NE(source, nullptr);
-    RecordingDelegate delegate;
-    source->setDelegate(&delegate);
     source->setDesiredAccuracy(kCLLocationAccuracyBest);
     source->setDistanceFilter(10.0);
     source->startUpdatingLocation();
@@ -485,6 +410,7 @@ TEST_F(KXGeoClueDaemon, FixesArriveAsTheDistanceFilterAllowsAndStopWithTheUpdate
     EXPECT_NEAR(delegate.fixes[1].latitude, north(latitude, 50.0), 1e-6);
     EXPECT_LT(std::chrono::system_clock::now() - delegate.fixes[1].timestamp, 1min);
     EXPECT_TRUE(delegate.errors.empty());
+    EXPECT_TRUE(delegate.onMainThread);
 
     source->stopUpdatingLocation();
     feed->send(north(latitude, 500.0), 2.25);
@@ -494,13 +420,8 @@ TEST_F(KXGeoClueDaemon, FixesArriveAsTheDistanceFilterAllowsAndStopWithTheUpdate
 }
 
 TEST_F(KXGeoClueDaemon, AnAgentThatAllowsNothingIsADeniedError) {
-    TestAgent agent(bus->address(), 0);
-    ASSERT_TRUE(agent.registered());
-    KXAsioMainQueue queue;
-    auto source = KXGeoClueLocationSource::connect(queue, "com.example.kiosk", 2s);
+    auto source = start(0);
     ASSERT_NE(source, nullptr);
-    RecordingDelegate delegate;
-    source->setDelegate(&delegate);
     source->startUpdatingLocation();
     ASSERT_TRUE(queue.runUntil([&] { return !delegate.errors.empty(); }, 10s));
     EXPECT_EQ(delegate.errors[0].domain, kCLErrorDomain);

@@ -3,33 +3,24 @@
 #include <KXClientFramework/KXFileKeychain.h>
 
 #include "KXCapturingSink.h"
-#include "KXTestDirectories.h"
+#include "KXPlatformTestSupport.h"
+#include "KXSealedFiles.h"
 
 #include <gtest/gtest.h>
 
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <filesystem>
-#include <fstream>
 #include <thread>
 
 namespace fs = std::filesystem;
+using namespace kxplatformtest;
 
 namespace {
 
 using Bytes = std::vector<std::uint8_t>;
 
+// Two missing levels under the test's own directory, which the keychain makes.
 fs::path keychainFile() {
-    const std::string test = testing::UnitTest::GetInstance()->current_test_info()->name();
-    return KXTestDirectories::current() / "data" / test / "app" / "keychain.plist";
-}
-
-mode_t modeOf(const fs::path& path) {
-    struct stat info {};
-    EXPECT_EQ(stat(path.c_str(), &info), 0) << path;
-    return info.st_mode & 07777;
+    return kxtest::scratchDirectory("keychain") / "store" / "app" / "keychain.plist";
 }
 
 }  // namespace
@@ -95,36 +86,14 @@ TEST(KXFileKeychain, FilesAreOwnerOnlyFromTheStartWhateverTheUmask) {
     EXPECT_EQ(modeOf(keychainFile()), 0600u);
 }
 
-TEST(KXFileKeychain, ItemsSurviveARestartAndAreSharedBetweenProcesses) {
+TEST(KXFileKeychain, ItemsAreSharedBetweenProcessesAndConcurrentWritersLoseNothing) {
     {
         KXFileKeychain keychain(keychainFile());
         ASSERT_EQ(keychain.add({"credentials", "client"}, {0xC0, 0xFF, 0xEE}),
                   KXKeychainStatus::Success);
     }
-    // Another process sees the item and changes it; this process sees the change.
-    const pid_t child = fork();
-    ASSERT_NE(child, -1);
-    if (child == 0) {
-        KXFileKeychain keychain(keychainFile());
-        const bool ok =
-            keychain.copy({"credentials", "client"}) == Bytes({0xC0, 0xFF, 0xEE}) &&
-            keychain.update({"credentials", "client"}, {1}) == KXKeychainStatus::Success &&
-            keychain.add({"credentials", "second"}, {2}) == KXKeychainStatus::Success;
-        _exit(ok ? 0 : 1);
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-
-    KXFileKeychain keychain(keychainFile());
-    EXPECT_EQ(keychain.copy({"credentials", "client"}), Bytes({1}));
-    EXPECT_EQ(keychain.copy({"credentials", "second"}), Bytes({2}));
-}
-
-TEST(KXFileKeychain, ConcurrentWritersLoseNothing) {
-    // Two processes, two threads each, all adding to one store.
-    const pid_t child = fork();
-    ASSERT_NE(child, -1);
+    // Two processes, two threads each, all adding to one store; the other process also sees
+    // the item stored before and changes it.
     auto addMany = [](const std::string& who) {
         KXFileKeychain keychain(keychainFile());
         std::vector<std::thread> threads;
@@ -139,15 +108,16 @@ TEST(KXFileKeychain, ConcurrentWritersLoseNothing) {
         for (auto& thread : threads) {
             thread.join();
         }
+        return who == "parent" ||
+               (keychain.copy({"credentials", "client"}) == Bytes({0xC0, 0xFF, 0xEE}) &&
+                keychain.update({"credentials", "client"}, {1}) == KXKeychainStatus::Success);
     };
-    if (child == 0) {
-        addMany("child");
-        _exit(0);
-    }
+    const pid_t child = startChild([&] { return addMany("child"); });
     addMany("parent");
-    ASSERT_EQ(waitpid(child, nullptr, 0), child);
+    ASSERT_TRUE(childSucceeded(child));
 
     KXFileKeychain keychain(keychainFile());
+    EXPECT_EQ(keychain.copy({"credentials", "client"}), Bytes({1}));
     for (const std::string who : {"child", "parent"}) {
         for (int t = 0; t < 2; ++t) {
             for (int i = 0; i < 25; ++i) {
@@ -161,18 +131,14 @@ TEST(KXFileKeychain, ConcurrentWritersLoseNothing) {
 
 TEST(KXFileKeychain, ADamagedStoreIsMovedAsideAndStartsEmpty) {
     auto sink = KXCapturingSink::install();
-    fs::create_directories(keychainFile().parent_path());
-    std::ofstream(keychainFile(), std::ios::binary) << "bplist00 this is not a keychain";
+    writeFile(keychainFile(), "bplist00 this is not a keychain");
 
     KXFileKeychain keychain(keychainFile());
     EXPECT_FALSE(keychain.copy({"svc", "a"}).has_value());
     EXPECT_EQ(keychain.add({"svc", "a"}, {1}), KXKeychainStatus::Success);
     EXPECT_EQ(keychain.copy({"svc", "a"}), Bytes({1}));
-    int asides = 0;
-    for (const auto& entry : fs::directory_iterator(keychainFile().parent_path())) {
-        asides += entry.path().filename().string().rfind("keychain.plist.damaged-", 0) == 0;
-    }
-    EXPECT_EQ(asides, 1);
+    EXPECT_EQ(entriesStartingWith(keychainFile().parent_path(), "keychain.plist.damaged-").size(),
+              1u);
     EXPECT_EQ(sink->linesContaining("Keychain").size(), 1u);
 }
 
@@ -183,7 +149,7 @@ TEST(KXFileKeychain, AnUnwritableStoreReportsIOAndKeepsItsItems) {
     const fs::path directory = keychainFile().parent_path();
     const fs::path away = directory.string() + ".away";
     fs::rename(directory, away);
-    std::ofstream(directory) << "in the way";
+    writeFile(directory, "in the way");
     EXPECT_EQ(keychain.add({"svc", "b"}, {2}), KXKeychainStatus::IO);
     EXPECT_EQ(keychain.update({"svc", "a"}, {3}), KXKeychainStatus::IO);
     EXPECT_EQ(keychain.remove({"svc", "a"}), KXKeychainStatus::IO);

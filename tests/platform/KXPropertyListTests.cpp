@@ -137,24 +137,6 @@ TEST(KXPropertyList, RefusesToWriteOrReadNestingBeyondTheLimit) {
     EXPECT_EQ(KXPropertyList::parse(KXPropertyList::toBinary(shallow)), shallow);
 }
 
-TEST(KXPropertyList, RejectsThingsThatAreNotPropertyLists) {
-    const std::vector<std::string> inputs = {
-        "",
-        "hello",
-        "{\"json\": true}",
-        "<html><body>Not found</body></html>",
-        "<?xml version=\"1.0\"?>",
-        "<plist>",
-        "<plist><dict><key>a</key><string>unterminated",
-        "bplist00",
-        "bplist00" + std::string(40, '\0'),
-        std::string("<plist><string>\xFF\xFE</string></plist>"),
-    };
-    for (const auto& input : inputs) {
-        EXPECT_FALSE(KXPropertyList::parse(input).has_value()) << input;
-    }
-}
-
 // Hand-made binary property lists: header, objects, offset table, 32-byte trailer.
 namespace {
 
@@ -195,62 +177,65 @@ std::string arrayOf(std::initializer_list<std::uint32_t> refs) {
 
 }  // namespace
 
-TEST(KXPropertyList, RejectsHostileBinaryStructures) {
+TEST(KXPropertyList, RejectsWhatIsNotAPropertyListAndHostileBinaryStructures) {
     // A well-formed one first, so the builder is known to be right.
-    const std::string ok = binaryPlist({arrayOf({1}), std::string(1, '\x09')});
-    ASSERT_EQ(KXPropertyList::parse(ok), KXJSON::array({true}));
-
-    // An array that contains itself.
-    EXPECT_FALSE(KXPropertyList::parse(binaryPlist({arrayOf({0})})).has_value());
-    // A reference past the last object.
-    EXPECT_FALSE(KXPropertyList::parse(binaryPlist({arrayOf({7})})).has_value());
-    // A dictionary whose key holds U+0000, or whose key is not a string.
-    std::string dict(1, '\xD1');
+    ASSERT_EQ(KXPropertyList::parse(binaryPlist({arrayOf({1}), "\x09"})), KXJSON::array({true}));
+    std::string dict(1, '\xD1');  // one key (object 1), one value (object 2)
     appendBigEndian(dict, 1, 4);
     appendBigEndian(dict, 2, 4);
-    EXPECT_TRUE(KXPropertyList::parse(binaryPlist({dict,
+    ASSERT_TRUE(KXPropertyList::parse(binaryPlist({dict,
                                                    "\x52"
                                                    "ab",
                                                    "\x09"}))
                     .has_value());
-    EXPECT_FALSE(KXPropertyList::parse(binaryPlist({dict,
-                                                    std::string("\x52"
-                                                                "a\0",
-                                                                3),
-                                                    "\x09"}))
-                     .has_value());
-    EXPECT_FALSE(KXPropertyList::parse(binaryPlist({dict, "\x10\x05", "\x09"})).has_value());
-    // Top object out of range; object count larger than the offset table.
-    EXPECT_FALSE(KXPropertyList::parse(binaryPlist({arrayOf({})}, 3)).has_value());
-    EXPECT_FALSE(KXPropertyList::parse(binaryPlist({arrayOf({})}, 0, 1ULL << 60)).has_value());
-    // An array claiming more elements than the file holds (extended count of 2^62).
-    std::string huge(1, static_cast<char>(0xAF));
-    huge.push_back(static_cast<char>(0x13));
-    appendBigEndian(huge, 1ULL << 62, 8);
-    EXPECT_FALSE(KXPropertyList::parse(binaryPlist({huge})).has_value());
-    // Data and strings claiming impossible lengths.
-    for (char marker : {'\x4F', '\x5F', '\x6F'}) {
-        std::string object(1, marker);
-        object.push_back(static_cast<char>(0x13));
-        appendBigEndian(object, 0x7FFFFFFFFFFFFFFFULL, 8);
-        EXPECT_FALSE(KXPropertyList::parse(binaryPlist({object})).has_value());
-    }
-
-    // Shared objects that would expand exponentially: each array holds its successor twice.
-    std::vector<std::string> bomb;
-    for (std::uint32_t i = 0; i < 60; ++i) {
-        bomb.push_back(arrayOf({i + 1, i + 1}));
-    }
-    bomb.push_back(arrayOf({}));
-    EXPECT_FALSE(KXPropertyList::parse(binaryPlist(bomb)).has_value());
-
-    // Nesting a hundred thousand levels deep.
-    std::vector<std::string> chain;
+    const auto withCount = [](char marker, std::uint64_t count) {
+        std::string object{marker, '\x13'};  // the count follows as an 8-byte integer
+        appendBigEndian(object, count, 8);
+        return binaryPlist({object});
+    };
+    // Shared objects that would expand exponentially: each array holds its successor twice;
+    // and nesting a hundred thousand levels deep.
+    std::vector<std::string> bomb, chain;
     for (std::uint32_t i = 0; i < 100000; ++i) {
+        if (i < 60) {
+            bomb.push_back(arrayOf({i + 1, i + 1}));
+        }
         chain.push_back(arrayOf({i + 1}));
     }
+    bomb.push_back(arrayOf({}));
     chain.push_back(arrayOf({}));
-    EXPECT_FALSE(KXPropertyList::parse(binaryPlist(chain)).has_value());
+
+    const std::vector<std::pair<const char*, std::string>> inputs = {
+        {"empty", ""},
+        {"text", "hello"},
+        {"JSON", "{\"json\": true}"},
+        {"HTML", "<html><body>Not found</body></html>"},
+        {"XML declaration alone", "<?xml version=\"1.0\"?>"},
+        {"open plist", "<plist>"},
+        {"unterminated", "<plist><dict><key>a</key><string>unterminated"},
+        {"invalid UTF-8", "<plist><string>\xFF\xFE</string></plist>"},
+        {"binary header alone", "bplist00"},
+        {"binary zeros", "bplist00" + std::string(40, '\0')},
+        {"array containing itself", binaryPlist({arrayOf({0})})},
+        {"reference past the last object", binaryPlist({arrayOf({7})})},
+        {"key holding U+0000", binaryPlist({dict,
+                                            std::string("\x52"
+                                                        "a\0",
+                                                        3),
+                                            "\x09"})},
+        {"key that is not a string", binaryPlist({dict, "\x10\x05", "\x09"})},
+        {"top object out of range", binaryPlist({arrayOf({})}, 3)},
+        {"count beyond the offset table", binaryPlist({arrayOf({})}, 0, 1ULL << 60)},
+        {"array of 2^62 elements", withCount('\xAF', 1ULL << 62)},
+        {"data of 2^63 bytes", withCount('\x4F', 0x7FFFFFFFFFFFFFFFULL)},
+        {"string of 2^63 bytes", withCount('\x5F', 0x7FFFFFFFFFFFFFFFULL)},
+        {"UTF-16 string of 2^63 units", withCount('\x6F', 0x7FFFFFFFFFFFFFFFULL)},
+        {"exponential expansion", binaryPlist(bomb)},
+        {"deep nesting", binaryPlist(chain)},
+    };
+    for (const auto& [name, input] : inputs) {
+        EXPECT_FALSE(KXPropertyList::parse(input).has_value()) << name;
+    }
 }
 
 TEST(KXPropertyList, SurvivesTruncatedAndMutatedInput) {

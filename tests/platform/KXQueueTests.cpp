@@ -12,6 +12,7 @@
 #include <functional>
 #include <future>
 #include <mutex>
+#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -221,11 +222,10 @@ TEST(KXBackgroundQueue, SerialQueuesRunOneItemAtATimeInOrder) {
     done.get_future().get();
     EXPECT_FALSE(overlapped);
     EXPECT_FALSE(offPool);
+    std::vector<int> expected(kItems);
+    std::iota(expected.begin(), expected.end(), 0);
     std::lock_guard lock(mutex);
-    ASSERT_EQ(order.size(), static_cast<std::size_t>(kItems));
-    for (int i = 0; i < kItems; ++i) {
-        ASSERT_EQ(order[i], i);
-    }
+    EXPECT_EQ(order, expected);
 }
 
 TEST(KXBackgroundQueue, ShutdownWaitsForRunningWorkAndDropsTheRest) {

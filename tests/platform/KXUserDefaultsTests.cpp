@@ -4,44 +4,30 @@
 #include <KXClientFramework/KXPropertyList.h>
 
 #include "KXCapturingSink.h"
-#include "KXTestDirectories.h"
+#include "KXPlatformTestSupport.h"
+#include "KXSealedFiles.h"
 #include "platform/linux/internal/KXFileUtilities.h"
 
 #include <gtest/gtest.h>
 
 #include <signal.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <random>
 #include <string>
 #include <thread>
 
 namespace fs = std::filesystem;
-using namespace std::chrono_literals;
+using namespace kxplatformtest;
 
 namespace {
 
 // A file of its own for each test, so the cases stay independent even when run in one process.
 fs::path defaultsFile() {
-    const std::string test = testing::UnitTest::GetInstance()->current_test_info()->name();
-    return KXTestDirectories::current() / "config" / test / "UserDefaults.plist";
-}
-
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void writeFile(const fs::path& path, const std::string& bytes) {
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary) << bytes;
+    return kxtest::scratchDirectory("defaults") / "prefs" / "UserDefaults.plist";
 }
 
 // Content large enough that writing it takes many write() calls and a while on disk, cheap to
@@ -53,17 +39,10 @@ KXJSON bigContent(int generation) {
         {"list", {generation, generation + 1, generation + 2}}};
 }
 
-// Runs `body` in a forked child and ends the child with _exit(), whatever happens, so that it
-// never returns into the test runner (which would run other tests and clean up the test's
-// directories from the child).
-template <typename Body>
-[[noreturn]] void inChild(Body body) {
-    bool ok = false;
-    try {
-        ok = body();
-    } catch (...) {
+void store(KXFileUserDefaults& defaults, const KXJSON& content) {
+    for (const auto& [key, value] : content.items()) {
+        defaults.setObject(key, value);
     }
-    _exit(ok ? 0 : 1);
 }
 
 /// Runs `rounds` rounds: a child process runs `writeForever` (which calls `ready` once its first
@@ -76,26 +55,17 @@ int killWritersAtRandomMoments(
     const std::function<void(int)>& check) {
     std::mt19937 random(std::random_device{}());
     int interrupted = 0;
-    for (int round = 0; round < rounds; ++round) {
-        int ready[2];
-        if (pipe(ready) != 0) {
+    for (int round = 0; round < rounds && !testing::Test::HasFatalFailure(); ++round) {
+        std::array<int, 2> ready{};
+        if (pipe(ready.data()) != 0) {
             ADD_FAILURE() << "pipe failed";
             break;
         }
-        const pid_t child = fork();
-        if (child == -1) {
-            ADD_FAILURE() << "fork failed";
+        const pid_t child = startChild([&] {
             close(ready[0]);
-            close(ready[1]);
-            break;
-        }
-        if (child == 0) {
-            inChild([&] {
-                close(ready[0]);
-                writeForever(round, [&] { (void)!write(ready[1], "r", 1); });
-                return true;
-            });
-        }
+            writeForever(round, [&] { (void)!write(ready[1], "r", 1); });
+            return true;
+        });
         close(ready[1]);
         char signal = 0;
         EXPECT_EQ(read(ready[0], &signal, 1), 1);
@@ -106,14 +76,9 @@ int killWritersAtRandomMoments(
         EXPECT_EQ(waitpid(child, &status, 0), child);
         EXPECT_TRUE(WIFSIGNALED(status));
         check(round);
-        if (testing::Test::HasFatalFailure()) {
-            break;
-        }
-        for (const auto& entry : fs::directory_iterator(directory)) {
-            if (entry.path().filename().string().find(".tmp-") != std::string::npos) {
-                ++interrupted;
-                fs::remove(entry.path());
-            }
+        for (const auto& leftover : entriesStartingWith(directory, "UserDefaults.plist.tmp-")) {
+            ++interrupted;
+            fs::remove(leftover);
         }
     }
     return interrupted;
@@ -122,37 +87,38 @@ int killWritersAtRandomMoments(
 }  // namespace
 
 TEST(KXFileUserDefaults, TypedReadsConvertNumbersButNeverStrings) {
+    struct Row {
+        const char* key;
+        KXJSON value;
+        std::optional<std::string> string;
+        std::int64_t integer;
+        bool boolean;
+    };
+    constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
+    const std::vector<Row> rows = {
+        {"string", "42", "42", 0, false},  // strings are not converted
+        {"yesString", "YES", "YES", 0, false},
+        {"int", 42, std::nullopt, 42, true},
+        {"negative", -3, std::nullopt, -3, true},
+        {"real", 2.9, std::nullopt, 2, true},
+        {"negativeReal", -2.9, std::nullopt, -2, true},
+        {"huge", 1e300, std::nullopt, kMax, true},
+        {"unsigned", std::numeric_limits<std::uint64_t>::max(), std::nullopt, kMax, true},
+        {"true", true, std::nullopt, 1, true},
+        {"zero", 0, std::nullopt, 0, false},
+        {"missing", nullptr, std::nullopt, 0, false},
+    };
     KXFileUserDefaults defaults(defaultsFile());
-    defaults.setObject("string", "42");
-    defaults.setObject("yesString", "YES");
-    defaults.setObject("int", 42);
-    defaults.setObject("negative", -3);
-    defaults.setObject("real", 2.9);
-    defaults.setObject("negativeReal", -2.9);
-    defaults.setObject("huge", 1e300);
-    defaults.setObject("unsigned", std::numeric_limits<std::uint64_t>::max());
-    defaults.setObject("true", true);
-    defaults.setObject("zero", 0);
+    for (const Row& row : rows) {
+        defaults.setObject(row.key, row.value);
+    }
+    for (const Row& row : rows) {
+        EXPECT_EQ(defaults.stringForKey(row.key), row.string) << row.key;
+        EXPECT_EQ(defaults.integerForKey(row.key), row.integer) << row.key;
+        EXPECT_EQ(defaults.boolForKey(row.key), row.boolean) << row.key;
+    }
     defaults.setObject("strings", {"a", "b"});
     defaults.setObject("mixed", {"a", 1});
-
-    EXPECT_EQ(defaults.stringForKey("string"), "42");
-    EXPECT_EQ(defaults.stringForKey("int"), std::nullopt);
-    EXPECT_EQ(defaults.stringForKey("missing"), std::nullopt);
-    EXPECT_EQ(defaults.integerForKey("string"), 0) << "strings are not converted";
-    EXPECT_FALSE(defaults.boolForKey("yesString"));
-    EXPECT_EQ(defaults.integerForKey("int"), 42);
-    EXPECT_EQ(defaults.integerForKey("negative"), -3);
-    EXPECT_EQ(defaults.integerForKey("real"), 2);
-    EXPECT_EQ(defaults.integerForKey("negativeReal"), -2);
-    EXPECT_EQ(defaults.integerForKey("huge"), std::numeric_limits<std::int64_t>::max());
-    EXPECT_EQ(defaults.integerForKey("unsigned"), std::numeric_limits<std::int64_t>::max());
-    EXPECT_EQ(defaults.integerForKey("true"), 1);
-    EXPECT_TRUE(defaults.boolForKey("true"));
-    EXPECT_TRUE(defaults.boolForKey("int"));
-    EXPECT_TRUE(defaults.boolForKey("real"));
-    EXPECT_FALSE(defaults.boolForKey("zero"));
-    EXPECT_FALSE(defaults.boolForKey("missing"));
     EXPECT_EQ(defaults.stringArrayForKey("strings"), (std::vector<std::string>{"a", "b"}));
     EXPECT_TRUE(defaults.stringArrayForKey("mixed").empty());
 
@@ -163,24 +129,17 @@ TEST(KXFileUserDefaults, TypedReadsConvertNumbersButNeverStrings) {
 TEST(KXFileUserDefaults, ChangesSurviveAProcessRestartOnlyAfterSynchronize) {
     const KXJSON token = KXJSON::binary({0xDE, 0xAD, 0xBE, 0xEF});
     // A child process writes; this process reads what it left.
-    const pid_t child = fork();
-    ASSERT_NE(child, -1);
-    if (child == 0) {
-        inChild([&] {
-            // Never destroyed: the child ends with _exit(), as a crash would, so nothing
-            // flushes the last, unsynchronised change.
-            auto* defaults = new KXFileUserDefaults(defaultsFile());
-            defaults->setObject("guestId", "g-123");
-            defaults->setObject("pushToken", token);
-            defaults->setObject("nested", {{"list", {1, 2, 3}}});
-            const bool ok = defaults->synchronize();
-            defaults->setObject("unsynchronised", true);
-            return ok;
-        });
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    ASSERT_TRUE(childSucceeded(startChild([&] {
+        // Never destroyed: the child ends with _exit(), as a crash would, so nothing
+        // flushes the last, unsynchronised change.
+        auto* defaults = new KXFileUserDefaults(defaultsFile());
+        defaults->setObject("guestId", "g-123");
+        defaults->setObject("pushToken", token);
+        defaults->setObject("nested", {{"list", {1, 2, 3}}});
+        const bool ok = defaults->synchronize();
+        defaults->setObject("unsynchronised", true);
+        return ok;
+    })));
 
     KXFileUserDefaults reopened(defaultsFile());
     EXPECT_EQ(reopened.stringForKey("guestId"), "g-123");
@@ -198,32 +157,22 @@ TEST(KXFileUserDefaults, ChangesSurviveAProcessRestartOnlyAfterSynchronize) {
         again.setObject("flushed", 1);
     }
     EXPECT_EQ(KXFileUserDefaults(defaultsFile()).integerForKey("flushed"), 1);
-
-    struct stat info {};
-    ASSERT_EQ(stat(defaultsFile().c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0600u);
+    EXPECT_EQ(modeOf(defaultsFile()), 0600u);
 }
 
 TEST(KXFileUserDefaults, AProcessKilledWhileSynchronisingLeavesTheOldOrTheNewFile) {
     const fs::path file = defaultsFile();
     {
         KXFileUserDefaults defaults(file);
-        const KXJSON content = bigContent(-1);
-        for (const auto& [key, value] : content.items()) {
-            defaults.setObject(key, value);
-        }
+        store(defaults, bigContent(-1));
         ASSERT_TRUE(defaults.synchronize());
     }
-
     const int interrupted = killWritersAtRandomMoments(
         file.parent_path(), 10, 40000,
         [&](int round, const std::function<void()>& ready) {
             KXFileUserDefaults defaults(file);
             for (int generation = round * 1000;; ++generation) {
-                const KXJSON content = bigContent(generation);
-                for (const auto& [key, value] : content.items()) {
-                    defaults.setObject(key, value);
-                }
+                store(defaults, bigContent(generation));
                 defaults.synchronize();
                 if (generation == round * 1000) {
                     ready();  // in the loop: the kill may come now
@@ -246,10 +195,10 @@ TEST(KXFileUserDefaults, AProcessKilledWhileSynchronisingLeavesTheOldOrTheNewFil
 // lands, the file holds exactly one of the versions.
 TEST(KXAtomicFile, AKillDuringReplacementLeavesExactlyTheOldOrTheNewBytes) {
     const fs::path file = defaultsFile();
-    fs::create_directories(file.parent_path());
     const std::vector<std::string> versions = {std::string(8u << 20, 'A'),
                                                std::string(5u << 20, 'B') + "tail"};
     const std::string original = "original";
+    fs::create_directories(file.parent_path());
     ASSERT_TRUE(kxWriteFileAtomically(file, original, 0600));
 
     const int interrupted = killWritersAtRandomMoments(
@@ -270,13 +219,9 @@ TEST(KXAtomicFile, AKillDuringReplacementLeavesExactlyTheOldOrTheNewBytes) {
 
 TEST(KXFileUserDefaults, LeftoversOfInterruptedWritesAreRemovedByTheNextStore) {
     const fs::path file = defaultsFile();
-    fs::create_directories(file.parent_path());
     // One left by a process that is gone, one by a process that is alive (this one).
-    pid_t gone = fork();
-    if (gone == 0) {
-        _exit(0);
-    }
-    waitpid(gone, nullptr, 0);
+    const pid_t gone = startChild([] { return true; });
+    childSucceeded(gone);
     const fs::path stale = file.string() + ".tmp-" + std::to_string(gone) + "-0";
     const fs::path live = file.string() + ".tmp-" + std::to_string(getpid()) + "-99";
     writeFile(stale, "<plist><dict><key>half");
@@ -295,12 +240,7 @@ TEST(KXFileUserDefaults, ADamagedFileIsMovedAsideAndTheStoreStartsEmpty) {
     KXFileUserDefaults defaults(file);
     EXPECT_TRUE(defaults.dictionaryRepresentation().empty());
     EXPECT_FALSE(fs::exists(file));
-    std::vector<fs::path> asides;
-    for (const auto& entry : fs::directory_iterator(file.parent_path())) {
-        if (entry.path().filename().string().rfind("UserDefaults.plist.damaged-", 0) == 0) {
-            asides.push_back(entry.path());
-        }
-    }
+    const auto asides = entriesStartingWith(file.parent_path(), "UserDefaults.plist.damaged-");
     ASSERT_EQ(asides.size(), 1u);
     EXPECT_EQ(readFile(asides[0]), damaged) << "the damaged bytes are kept as they were";
     EXPECT_EQ(sink->linesContaining("damaged").size(), 1u);
@@ -312,13 +252,8 @@ TEST(KXFileUserDefaults, ADamagedFileIsMovedAsideAndTheStoreStartsEmpty) {
 
     // A property list that is not a dictionary is damaged too; the earlier copy stays.
     writeFile(file, KXPropertyList::toXML(KXJSON::array({1, 2})));
-    KXFileUserDefaults again(file);
-    EXPECT_TRUE(again.dictionaryRepresentation().empty());
-    int count = 0;
-    for (const auto& entry : fs::directory_iterator(file.parent_path())) {
-        count += entry.path().filename().string().find(".damaged-") != std::string::npos ? 1 : 0;
-    }
-    EXPECT_EQ(count, 2);
+    EXPECT_TRUE(KXFileUserDefaults(file).dictionaryRepresentation().empty());
+    EXPECT_EQ(entriesStartingWith(file.parent_path(), "UserDefaults.plist.damaged-").size(), 2u);
 }
 
 TEST(KXFileUserDefaults, AFailedWriteKeepsTheChangesPending) {
