@@ -4,6 +4,7 @@
 // it as an application does: environment 3 (the local server) with business unit "BU1", the
 // staging token endpoint on the sandbox, the staging credentials authenticated.
 
+#include "KXProcess.h"
 #include "KXSandboxProcess.h"
 #include "KXSealedFiles.h"
 #include "KXTestPlatform.h"
@@ -143,6 +144,20 @@ protected:
     std::string bearerToken() const {
         const auto token = KXHTTPSessionManager::sharedManager().bearerToken();
         return token && token->token() ? *token->token() : std::string();
+    }
+
+    /// The kxsandbox tool on the sandbox's database.
+    kxtest::ProcessResult kxsandbox(std::vector<std::string> arguments) const {
+        arguments.insert(arguments.begin(), {"--db", database.string()});
+        return kxtest::runProcess(kxtest::builtProgram("tools/kxsandbox/kxsandbox"), arguments);
+    }
+
+    /// What the kxsandbox tool prints with --json added to `arguments`.
+    KXJSON json(std::vector<std::string> arguments) const {
+        arguments.push_back("--json");
+        const kxtest::ProcessResult result = kxsandbox(arguments);
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        return KXJSON::parse(result.out, nullptr, false);
     }
 
     /// A plain HTTP client on the sandbox, for requests the library cannot send.

@@ -1,8 +1,6 @@
-// The operator commands on the database of a running sandbox, and the failure injection an
-// application developer switches on.
+// The operator commands on the database of a running sandbox, kxctl pointed at the sandbox as
+// docs/SANDBOX.md shows, and the failure injection an application developer switches on.
 #include "KXSandboxFixture.h"
-
-#include "KXProcess.h"
 
 #include <regex>
 
@@ -13,18 +11,6 @@ protected:
     void SetUp() override {
         startSandbox();
         ASSERT_FALSE(authenticate().has_value());
-    }
-
-    kxtest::ProcessResult kxsandbox(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), {"--db", database.string()});
-        return kxtest::runProcess(kxtest::builtProgram("tools/kxsandbox/kxsandbox"), arguments);
-    }
-
-    KXJSON json(std::vector<std::string> arguments) {
-        arguments.push_back("--json");
-        const kxtest::ProcessResult result = kxsandbox(arguments);
-        EXPECT_EQ(result.exitCode, 0) << result.err;
-        return KXJSON::parse(result.out, nullptr, false);
     }
 };
 
@@ -113,4 +99,29 @@ TEST_F(SandboxOperator, FailRateAndLatencyAreForTestingErrorHandling) {
     const auto started = std::chrono::steady_clock::now();
     ASSERT_FALSE(authenticate().has_value());
     EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(300));
+}
+
+// The local development server (environment 3) with a business unit, the sandbox as the staging
+// token host.
+TEST_F(SandboxOperator, KxctlRegistersFetchesAndPagesThroughTheBusinessUnitsBasePath) {
+    auto kxctl = [&](std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(),
+                         {"--config", configFile.string(), "--key", kKey, "--env", "3",
+                          "--business-unit", "BU7", "--endpoint", "local=" + sandbox->baseURL(),
+                          "--endpoint", "staging-token=" + sandbox->baseURL()});
+        const kxtest::ProcessResult result =
+            kxtest::runProcess(kxtest::builtProgram("tools/kxctl/kxctl"), arguments);
+        EXPECT_EQ(result.exitCode, 0) << result.err;
+        return kxtest::jsonLines(result.out).at(0);
+    };
+    EXPECT_FALSE(kxctl({"token"})["token"].get<std::string>().empty());
+    const KXJSON created = kxctl({"call", "POST", "/guests", "--data", R"({"externalId": "ada"})"});
+    EXPECT_EQ(created["status"], 201);
+    EXPECT_EQ(created["headers"]["newRecordId"], "ada");
+    const KXJSON page =
+        kxctl({"call", "GET", "/guests/ada/inboxes/inbox-1/messages?offset=0&limit=5"});
+    EXPECT_EQ(page["status"], 200);
+    EXPECT_EQ(page["body"]["records"].size(), 5u);
+    EXPECT_EQ(page["body"]["hasMoreRecords"], true);
+    EXPECT_EQ(json({"guests", "--tenant", "BU7"}).at(0)["externalId"], "ada");
 }

@@ -3,34 +3,27 @@
 #include "KXProcess.h"
 
 #include <fcntl.h>
-#include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <condition_variable>
+#include <chrono>
+#include <fstream>
 #include <regex>
 #include <stdexcept>
+#include <thread>
 
 extern char** environ;
 
 KXSandboxProcess::KXSandboxProcess(std::filesystem::path database,
                                    std::vector<std::string> arguments)
-    : database_(std::move(database)), arguments_(std::move(arguments)) {
+    : database_(std::move(database)),
+      arguments_(std::move(arguments)),
+      log_(database_.string() + ".log") {
     start();
 }
 
-KXSandboxProcess::~KXSandboxProcess() {
-    if (pid_ > 0) {
-        terminate();
-    }
-}
-
 void KXSandboxProcess::start() {
-    int pipeEnds[2];
-    if (pipe2(pipeEnds, O_CLOEXEC) != 0) {
-        throw std::runtime_error("pipe failed");
-    }
     const std::filesystem::path program = kxtest::builtProgram("tools/kxsandbox/kxsandbox");
     std::vector<std::string> storage = {program.string(), "--db",   database_.string(),
                                         "serve",          "--port", "0"};
@@ -40,106 +33,59 @@ void KXSandboxProcess::start() {
         argv.push_back(argument.data());
     }
     argv.push_back(nullptr);
+    const std::size_t earlierLines = lines().size();
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], 1);
+    posix_spawn_file_actions_addopen(&actions, 1, log_.c_str(), O_WRONLY | O_CREAT | O_APPEND,
+                                     0600);
     const int spawned =
         posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    close(pipeEnds[1]);
     if (spawned != 0) {
-        close(pipeEnds[0]);
         pid_ = -1;
         throw std::runtime_error("cannot start " + program.string());
     }
-    output_ = pipeEnds[0];
-
-    std::mutex ready;
-    std::condition_variable listening;
-    int port = 0;
-    bool ended = false;
-    reader_ = std::thread([this, &ready, &listening, &port, &ended] {
-        static const std::regex kListening(R"(listening on http://127\.0\.0\.1:(\d+))");
-        std::string pending;
-        char chunk[4096];
-        bool announced = false;
-        for (;;) {
-            const ssize_t got = ::read(output_, chunk, sizeof chunk);
-            if (got <= 0) {
-                break;
-            }
-            pending.append(chunk, static_cast<std::size_t>(got));
-            std::size_t newline = 0;
-            while ((newline = pending.find('\n')) != std::string::npos) {
-                const std::string line = pending.substr(0, newline);
-                pending.erase(0, newline + 1);
-                {
-                    std::lock_guard lock(mutex_);
-                    lines_.push_back(line);
-                }
-                std::smatch match;
-                if (!announced && std::regex_search(line, match, kListening)) {
-                    announced = true;
-                    std::lock_guard lock(ready);
-                    port = std::stoi(match[1]);
-                    listening.notify_all();
-                }
+    // Wait for this run's announcement of its port, or for the process to end.
+    static const std::regex kListening(R"(listening on http://127\.0\.0\.1:(\d+))");
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (waitpid(pid_, nullptr, WNOHANG) != 0) {
+            pid_ = -1;  // it ended
+            break;
+        }
+        const std::vector<std::string> written = lines();
+        for (std::size_t i = earlierLines; i < written.size(); ++i) {
+            std::smatch match;
+            if (std::regex_search(written[i], match, kListening)) {
+                port_ = std::stoi(match[1]);
+                return;
             }
         }
-        close(output_);
-        if (!announced) {
-            std::lock_guard lock(ready);
-            ended = true;
-            listening.notify_all();
-        }
-    });
-    std::unique_lock lock(ready);
-    if (!listening.wait_for(lock, std::chrono::seconds(20), [&] { return port != 0 || ended; }) ||
-        port == 0) {
-        lock.unlock();
-        kill();
-        throw std::runtime_error("kxsandbox did not start listening");
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    port_ = port;
+    kill();
+    throw std::runtime_error("kxsandbox did not start listening");
 }
 
-void KXSandboxProcess::wait() {
-    if (reader_.joinable()) {
-        reader_.join();
-    }
-}
-
-int KXSandboxProcess::terminate() {
+int KXSandboxProcess::stop(int signal) {
     if (pid_ <= 0) {
         return -1;
     }
-    ::kill(pid_, SIGTERM);
+    ::kill(pid_, signal);
     int status = 0;
     waitpid(pid_, &status, 0);
     pid_ = -1;
-    wait();
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-void KXSandboxProcess::kill() {
-    if (pid_ <= 0) {
-        return;
-    }
-    ::kill(pid_, SIGKILL);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    wait();
-}
-
-void KXSandboxProcess::restart() {
-    if (pid_ > 0) {
-        terminate();
-    }
-    start();
-}
-
 std::vector<std::string> KXSandboxProcess::lines() const {
-    std::lock_guard lock(mutex_);
-    return lines_;
+    std::ifstream log(log_, std::ios::binary);
+    const std::string text((std::istreambuf_iterator<char>(log)), std::istreambuf_iterator<char>());
+    std::vector<std::string> lines;
+    // A last line still being written is left out until its newline arrives.
+    for (std::size_t start = 0, end = 0; (end = text.find('\n', start)) != std::string::npos;
+         start = end + 1) {
+        lines.push_back(text.substr(start, end - start));
+    }
+    return lines;
 }

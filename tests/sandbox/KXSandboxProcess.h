@@ -1,13 +1,11 @@
 #pragma once
 
 // A kxsandbox service running as a child process on a free port, for tests that drive it
-// through the library. Its standard output (the request log) is collected on a thread.
+// through the library. Its standard output (the request log) goes to a file beside the database.
 
-#include <chrono>
+#include <csignal>
 #include <filesystem>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include <sys/types.h>
@@ -17,7 +15,7 @@ public:
     /// Starts `kxsandbox --db <database> serve --port 0 <arguments>` and waits until it listens.
     KXSandboxProcess(std::filesystem::path database, std::vector<std::string> arguments);
     /// Stops the service with SIGTERM if it still runs.
-    ~KXSandboxProcess();
+    ~KXSandboxProcess() { terminate(); }
     KXSandboxProcess(const KXSandboxProcess&) = delete;
     KXSandboxProcess& operator=(const KXSandboxProcess&) = delete;
 
@@ -26,25 +24,25 @@ public:
     std::string baseURL() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
     /// Stops with SIGTERM and waits; the exit status (-1 when it did not exit normally).
-    int terminate();
+    int terminate() { return stop(SIGTERM); }
     /// Kills with SIGKILL at once and waits.
-    void kill();
+    void kill() { stop(SIGKILL); }
     /// Starts again on the same database and arguments (a new port).
-    void restart();
+    void restart() {
+        terminate();
+        start();
+    }
 
-    /// The lines written to standard output so far.
+    /// The lines written to standard output so far, by every start.
     std::vector<std::string> lines() const;
 
 private:
     void start();
-    void wait();
+    int stop(int signal);
 
     std::filesystem::path database_;
     std::vector<std::string> arguments_;
+    std::filesystem::path log_;
     pid_t pid_ = -1;
     int port_ = 0;
-    int output_ = -1;
-    std::thread reader_;
-    mutable std::mutex mutex_;
-    std::vector<std::string> lines_;
 };

@@ -15,18 +15,15 @@ protected:
     httplib::Result send(const std::string& method, const std::string& path,
                          const std::string& body,
                          std::optional<std::string> authorization = std::nullopt) {
-        httplib::Client client = rawClient();
-        httplib::Headers headers = {
-            {"Authorization", authorization.value_or("BEARER " + bearerToken())}};
         httplib::Request request;
         request.method = method;
         request.path = path;
-        request.headers = headers;
+        request.headers = {{"Authorization", authorization.value_or("BEARER " + bearerToken())}};
         request.body = body;
         if (!body.empty()) {
             request.set_header("Content-Type", "application/json");
         }
-        return client.send(request);
+        return rawClient().send(request);
     }
 };
 
@@ -104,10 +101,7 @@ TEST_F(SandboxRefusals, BadRequestsGetAJSONErrorAndChangeNothing) {
     const std::string base = "/ZandrelService/rest/bu/BU1";
     const std::string guestPath = base + "/guests/" + guest;
     const KXJSON before = get("/guests/" + guest).object;
-    std::string deep;
-    for (int i = 0; i < 100000; ++i) {
-        deep += "[";
-    }
+    const std::string deep(100'000, '[');
     struct Case {
         const char* name;
         std::string method;

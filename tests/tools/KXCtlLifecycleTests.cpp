@@ -1,25 +1,12 @@
 // kxctl lifecycle run as a child process against the loopback service: the session line after
-// each event, the analytics documents the events send, and the events refused before anything
-// is sent.
-#include "KXLoopbackService.h"
-#include "KXProcess.h"
-#include "KXSealedFiles.h"
+// each event and the analytics documents the events send.
+#include "KXToolTestFixture.h"
 
-#include <KXClientFramework/KXJSON.h>
-
-#include <gtest/gtest.h>
-
-#include <chrono>
-#include <string>
-#include <vector>
-
-using kxtest::jsonLines;
-using kxtest::ProcessResult;
+using namespace kxtools;
 
 namespace {
 
-const std::string kKey = "kxctl-lifecycle-key";
-const std::string kSessions = "/KXFrontier-stg/sessions";
+const std::string kSessions = kBase + "/sessions";
 
 KXJSON sessionLine(const std::string& event, const KXJSON& sessionId, int state, bool closed,
                    int received) {
@@ -29,14 +16,6 @@ KXJSON sessionLine(const std::string& event, const KXJSON& sessionId, int state,
               {"sessionState", state},
               {"isClosed", closed},
               {"receivedBroadcasts", received}}}};
-}
-
-KXScriptedAnswer createdAs(const std::string& id,
-                           std::chrono::milliseconds delay = std::chrono::milliseconds(0)) {
-    KXScriptedAnswer answer = KXScriptedAnswer::empty(201);
-    answer.headers = {{"newRecordId", id}};
-    answer.delay = delay;
-    return answer;
 }
 
 // The activation's start answered slowly: the timer's first tick, due at once, then certainly
@@ -63,26 +42,11 @@ void expectMinuteTimes(const KXJSON& value, const std::string& where) {
     }
 }
 
-class KXCtlLifecycle : public testing::Test {
+class KXCtlLifecycle : public KXCtlTest {
 protected:
-    KXLoopbackService service;
-    std::filesystem::path directory = kxtest::scratchDirectory("kxctl-lifecycle");
-    std::filesystem::path configFile = directory / "KXConfig.enc";
-
-    void SetUp() override {
+    KXCtlLifecycle() {
         service.scriptToken("tok");
-        kxtest::sealCredentialConfiguration(
-            configFile, kKey,
-            "<key>analyticsEnabled</key><true/><key>locationServicesEnabled</key><true/>");
-    }
-
-    ProcessResult kxctl(const std::vector<std::string>& arguments) {
-        std::vector<std::string> all = {"--config", configFile.string(), "--key", kKey};
-        for (const char* name : {"development", "staging-token"}) {
-            all.insert(all.end(), {"--endpoint", std::string(name) + "=" + service.baseURL()});
-        }
-        all.insert(all.end(), arguments.begin(), arguments.end());
-        return kxtest::runProcess(kxtest::builtProgram("tools/kxctl/kxctl"), all);
+        seal("<key>analyticsEnabled</key><true/><key>locationServicesEnabled</key><true/>");
     }
 
     // The analytics posts, each as "path below /sessions" and its body.
@@ -184,35 +148,6 @@ TEST_F(KXCtlLifecycle, StatesOfPushesFixesAndGuestChangesReachTheDocuments) {
     EXPECT_FALSE(posts[2].second.contains("receivedBroadcasts")) << posts[2].second;
     EXPECT_EQ(posts[3].second["isClosed"], true);
     EXPECT_EQ(posts[4].second["triggeringBroadcastId"], "T1");
-}
-
-TEST_F(KXCtlLifecycle, BadEventsAreUsageErrorsBeforeAnythingIsSent) {
-    struct Case {
-        std::vector<std::string> arguments;
-        std::string err;  // a part of standard error
-    };
-    const std::vector<Case> cases = {
-        {{"lifecycle"}, "EVENT is required"},
-        {{"lifecycle", "active", "sleep"}, "unknown lifecycle event sleep"},
-        {{"lifecycle", "push:active:{"}, "push:active is not JSON: {"},
-        {{"lifecycle", "push:active:[1]"}, "push:active takes a notification payload"},
-        {{"lifecycle", "push:active:" + std::string(600, '[') + std::string(600, ']')},
-         "nested deeper than 512"},
-        {{"lifecycle", "push:asleep:{}"}, "push takes push:STATE:JSON"},
-        {{"lifecycle", "push:active"}, "push takes push:STATE:JSON"},
-        {{"lifecycle", "location:91,0"}, "location takes location:LAT,LON"},
-        {{"lifecycle", "location:1;2"}, "location takes location:LAT,LON"},
-        {{"lifecycle", "location:1,"}, "location takes location:LAT,LON"},
-        {{"--launch-notification", "nope", "lifecycle", "active"},
-         "--launch-notification is not JSON"},
-    };
-    for (const Case& c : cases) {
-        const ProcessResult result = kxctl(c.arguments);
-        const std::string shown = testing::PrintToString(c.arguments) + "\n" + result.err;
-        EXPECT_EQ(result.exitCode, 2) << shown;
-        EXPECT_NE(result.err.find(c.err), std::string::npos) << shown;
-    }
-    EXPECT_TRUE(service.requests().empty());
 }
 
 }  // namespace

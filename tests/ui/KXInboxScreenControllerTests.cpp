@@ -90,7 +90,7 @@ TEST(KXInboxTimeText, TheFirstNonZeroComponentNamesTheUnit) {
     }
 }
 
-TEST(KXInboxScreenController, RowsHeightsAndEditingStyleFollowTheMessageCount) {
+TEST(KXInboxScreenController, RowsAndHeightsFollowTheMessageCount) {
     const struct {
         bool loaded;
         std::size_t messages;
@@ -106,9 +106,6 @@ TEST(KXInboxScreenController, RowsHeightsAndEditingStyleFollowTheMessageCount) {
         EXPECT_EQ(KXInboxScreenController::rowCount(c.loaded, c.messages), c.rows);
         EXPECT_EQ(KXInboxScreenController::rowHeight(c.messages, 600.0), c.height);
     }
-    EXPECT_EQ(KXInboxScreenController::editingStyle(1), 1);
-    EXPECT_EQ(KXInboxScreenController::editingStyle(2), 2);
-    EXPECT_EQ(KXInboxScreenController::editingStyle(7), 7);
 }
 
 TEST(KXInboxScreenController, DeleteTitlesAndConfirmationFollowTheSelection) {

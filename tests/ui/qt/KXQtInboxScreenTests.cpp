@@ -90,32 +90,21 @@ std::vector<std::string> deletedIds(const std::vector<std::string>& targets, std
 
 }  // namespace
 
-TEST_F(KXQtPlatformAlertsTest, ReportTheButtonPressedAndEscapeAsCancel) {
-    const struct {
-        const char* name;
-        std::function<void(QMessageBox*)> dismiss;
-        std::optional<std::size_t> reported;
-    } cases[] = {
-        {"OK", [](QMessageBox* box) { press(box, "OK"); }, 0},
-        {"Cancel", [](QMessageBox* box) { press(box, "Cancel"); }, 1},
-        {"Escape", [](QMessageBox* box) { QTest::keyClick(box, Qt::Key_Escape); }, 1},
-    };
-    for (const auto& c : cases) {
-        std::optional<std::size_t> reported;
-        KXAlert sheet{"Sure?", "", {"OK", "Cancel"}};
-        sheet.style = KXAlertStyle::ActionSheet;
-        sheet.destructiveButton = 0;
-        sheet.cancelButton = 1;
-        sheet.onDismiss = [&](std::size_t button) { reported = button; };
-        platform->alertPresenter().present(sheet);
-        QMessageBox* box = shownMessageBox();
-        ASSERT_NE(box, nullptr) << c.name;
-        EXPECT_EQ(box->defaultButton()->text(), "Cancel") << c.name;
-        c.dismiss(box);
-        ASSERT_TRUE(waitFor([&] { return reported.has_value(); }, 2000)) << c.name;
-        EXPECT_EQ(reported, c.reported) << c.name;
-        QTest::qWait(20);  // the box closes and deletes itself
-    }
+// OK and Cancel are pressed on the editing flow's action sheet below.
+TEST_F(KXQtPlatformAlertsTest, EscapeOnAnActionSheetReportsItsCancelButton) {
+    std::optional<std::size_t> reported;
+    KXAlert sheet{"Sure?", "", {"OK", "Cancel"}};
+    sheet.style = KXAlertStyle::ActionSheet;
+    sheet.destructiveButton = 0;
+    sheet.cancelButton = 1;
+    sheet.onDismiss = [&](std::size_t button) { reported = button; };
+    platform->alertPresenter().present(sheet);
+    QMessageBox* box = shownMessageBox();
+    ASSERT_NE(box, nullptr);
+    EXPECT_EQ(box->defaultButton()->text(), "Cancel");
+    QTest::keyClick(box, Qt::Key_Escape);
+    ASSERT_TRUE(waitFor([&] { return reported.has_value(); }, 2000));
+    EXPECT_EQ(reported, std::optional<std::size_t>(1));
 }
 
 TEST_F(KXQtInboxTest, ATapOpensTheMessageOrShowsTheErrorAlert) {
@@ -185,13 +174,6 @@ TEST_F(KXQtInboxTest, EditingDeletesTheSelectedMessagesOrAllOfThem) {
         {"two of five", {3, 1}, "Delete (2)", "these messages?", "OK", {"m3", "m1"}, 3},
         {"one of five", {4}, "Delete (1)", "this message?", "OK", {"m4"}, 4},
         {"none", {}, "Delete All", "these messages?", "OK", {"m0", "m1", "m2", "m3", "m4"}, 1},
-        {"all five",
-         {0, 1, 2, 3, 4},
-         "Delete All",
-         "these messages?",
-         "OK",
-         {"m0", "m1", "m2", "m3", "m4"},
-         1},
         {"cancelled", {2}, "Delete (1)", "this message?", "Cancel", {}, 5},
     };
     for (const auto& c : cases) {

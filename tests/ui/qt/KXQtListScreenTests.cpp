@@ -141,11 +141,6 @@ TEST_F(KXQtListTest, FilterAndColourDialogsActOnTheButtonPressed) {
          .button = "Cancel",
          .refetch = "/lists?offset=0",
          .rows = 2},
-        {.name = "triple tap, Sonics",
-         .open = &Screen::handleTripleTapGesture,
-         .button = "Sonics",
-         .even = Qt::yellow,
-         .odd = Qt::green},
         {.name = "triple tap, Seahawks",
          .open = &Screen::handleTripleTapGesture,
          .button = "Seahawks",
@@ -156,11 +151,6 @@ TEST_F(KXQtListTest, FilterAndColourDialogsActOnTheButtonPressed) {
          .button = "Enable",
          .even = Qt::white,
          .odd = grey},
-        {.name = "double tap, Disable",
-         .open = &Screen::handleDoubleTapGesture,
-         .button = "Disable",
-         .even = Qt::white,
-         .odd = Qt::white},
     };
     KXListTableViewController screen("g1");
     screen.resize(360, 480);
