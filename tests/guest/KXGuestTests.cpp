@@ -32,7 +32,7 @@ protected:
 // A lookup on the guest `g`.
 #define KX_LOOKUP(call) [](const KXGuest& g) { return g.call; }
 
-TEST_F(KXGuestLookupTest, FindsTheProfileOfAnIdInboxTokenDeviceOrChannel) {
+TEST_F(KXGuestLookupTest, FindsTheProfileOfAnIdInboxTokenDeviceOrChannelAndRefusesOtherChannels) {
     struct Row {
         std::function<std::shared_ptr<KXDeliveryProfile>(const KXGuest&)> lookup;
         std::optional<std::string> expected;  // absent: none found
@@ -78,6 +78,17 @@ TEST_F(KXGuestLookupTest, FindsTheProfileOfAnIdInboxTokenDeviceOrChannel) {
         const auto found = row.lookup(*guest);
         EXPECT_EQ(found ? found->profileId() : std::nullopt, row.expected);
     }
+    // A channel outside 1 to 4 raises.
+    for (std::int64_t channel : {0, 5, -1, 1000}) {
+        SCOPED_TRACE("channel " + std::to_string(channel));
+        try {
+            guest->currentDeliveryProfileForChannel(static_cast<KXChannelType>(channel));
+            ADD_FAILURE() << "did not raise";
+        } catch (const KXException& exception) {
+            EXPECT_EQ(exception.name(), "Invalid KXChannelType value");
+            EXPECT_EQ(exception.reason(), "channel is invalid");
+        }
+    }
 }
 
 TEST_F(KXGuestLookupTest, ChannelListsKeepProfileOrderWhateverTheCase) {
@@ -96,18 +107,6 @@ TEST_F(KXGuestLookupTest, ChannelListsKeepProfileOrderWhateverTheCase) {
     EXPECT_TRUE(guest->hasAPNSDeliveryProfile());
     EXPECT_TRUE(guest->hasInboxDeliveryProfile());
     EXPECT_FALSE(KXGuest().hasAPNSDeliveryProfile());
-}
-
-TEST_F(KXGuestLookupTest, ChannelOutsideOneToFourRaises) {
-    for (std::int64_t channel : {0, 5, -1, 1000}) {
-        try {
-            guest->currentDeliveryProfileForChannel(static_cast<KXChannelType>(channel));
-            ADD_FAILURE() << "channel " << channel << " did not raise";
-        } catch (const KXException& exception) {
-            EXPECT_EQ(exception.name(), "Invalid KXChannelType value");
-            EXPECT_EQ(exception.reason(), "channel is invalid");
-        }
-    }
 }
 
 TEST(KXGuestData, BusinessUnitPropertiesMergeAndRemoveAndAreSentOnceSet) {
@@ -162,16 +161,11 @@ TEST(KXGuestData, LogoutClearsIdProfilesAndTagsOnlyOnceTheSessionIsPosted) {
     kxSetAnalyticsSessionPoster(nullptr);
 }
 
-}  // namespace
-
-namespace {
-
 struct ParseCase {
     const char* name;
     const char* before;  // parsed first, to give the guest earlier values
     const char* input;
-    const char* expected;  // describeGuest() afterwards, where it differs from an
-                           // empty parse
+    const char* expected;  // describeGuest() afterwards where it differs from an empty parse
 };
 
 void PrintTo(const ParseCase& c, std::ostream* os) {
