@@ -8,7 +8,6 @@
 
 #include <functional>
 #include <string>
-#include <thread>
 
 namespace {
 
@@ -257,19 +256,4 @@ TEST(KXGuestParser, EachStepRefusesAMissingGuestOrDictionary) {
         EXPECT_TRUE(step(dictionary, guest));
         EXPECT_NE(describeGuest(*guest), describeGuest(KXGuest()));
     }
-}
-
-TEST(KXGuest, CurrentGuestIsCreatedOnceUnderConcurrentFirstCalls) {
-    std::vector<KXGuest*> seen(8);
-    std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < seen.size(); ++i) {
-        threads.emplace_back([&seen, i] { seen[i] = KXGuest::currentGuest().get(); });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    for (KXGuest* guest : seen) {
-        EXPECT_EQ(guest, seen.front());
-    }
-    EXPECT_EQ(describeGuest(*KXGuest::currentGuest()), describeGuest(KXGuest()));
 }
