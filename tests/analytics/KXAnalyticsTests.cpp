@@ -144,20 +144,6 @@ TEST_F(KXAnalyticsTest, AFailedPostIsTriedThreeTimesInAllThenFailsOnce) {
     EXPECT_EQ(session().sessionState(), KXSessionStateNew);
 }
 
-TEST_F(KXAnalyticsTest, WithoutABegunSessionNothingIsSentAndNoBlockRuns) {
-    KXEventLog events;
-    engine = KXAnalytics::create();  // no activation yet: no session at all
-    engine->sessionTimerExceeded();
-    engine->postCurrentSessionWithSuccess(events.done(), events.failure());
-    engine->end();
-    engineInState(KXSessionStateNone);  // the shared session, never begun
-    engine->sessionTimerExceeded();
-    engine->postCurrentSessionWithSuccess(events.done(), events.failure());
-    drain(300ms);
-    EXPECT_TRUE(service.requests().empty());
-    EXPECT_TRUE(events.seen.empty());
-}
-
 TEST_F(KXAnalyticsTest, PushesAreHandledByTheApplicationsState) {
     const std::string payload = R"({"aps":{"alert":"Happy hour"},"kx":{"bcastId":"b-9"}})";
     const struct {
@@ -287,6 +273,13 @@ TEST_F(KXAnalyticsTest, TimerTicksPostUpdatesFromTheBackgroundQueueUntilTheEngin
     engineInState(KXSessionStateOpen, "s-t");
     script(route("s-t"), {created("")});
     engine->startTimer();
+    // The interval is the configuration's when the timer was made.
+    KXConfig::defaultConfig().setAnalyticsSessionInterval(90);
+    engine->stopTimer();
+    EXPECT_FALSE(engine->backgroundTimer()->isRunning());
+    engine->startTimer();
+    EXPECT_TRUE(engine->backgroundTimer()->isRunning());
+    EXPECT_EQ(engine->backgroundTimer()->interval(), 1.0);
     // Pushes arrive on the main thread while ticks come from the background queue.
     std::atomic<int> handled{0};
     for (int i = 0; i < 20; ++i) {
@@ -301,18 +294,6 @@ TEST_F(KXAnalyticsTest, TimerTicksPostUpdatesFromTheBackgroundQueueUntilTheEngin
     const std::size_t sent = service.requestsTo(route("s-t")).size();
     drain(1500ms);
     EXPECT_LE(service.requestsTo(route("s-t")).size(), sent + 1);  // at most the one queued
-}
-
-TEST_F(KXAnalyticsTest, TheIntervalIsTheConfigurationsAtTheTimersCreation) {
-    engineInState(KXSessionStateNone);
-    KXConfig::defaultConfig().setAnalyticsSessionInterval(1000);
-    engine->startTimer();
-    KXConfig::defaultConfig().setAnalyticsSessionInterval(90);
-    engine->stopTimer();
-    EXPECT_FALSE(engine->backgroundTimer()->isRunning());
-    engine->startTimer();
-    EXPECT_TRUE(engine->backgroundTimer()->isRunning());
-    EXPECT_EQ(engine->backgroundTimer()->interval(), 1000.0);
 }
 
 TEST_F(KXAnalyticsTest, AHostileRecordIdentifierIsNotUsedInTheSessionsURL) {
@@ -429,11 +410,22 @@ TEST_F(AnalyticsLifeCycle, AnEndWithoutAStartedSessionGoesToAnEmptyIdentifier) {
 }
 
 TEST_F(AnalyticsLifeCycle, AnEngineWithoutASessionOnlyBeginsABackgroundTaskThatExpires) {
+    // Without a begun session nothing is sent and no block runs.
+    KXEventLog events;
+    engine->sessionTimerExceeded();
+    engine->postCurrentSessionWithSuccess(events.done(), events.failure());
+    {
+        const auto other = KXAnalytics::create();
+        other->setSession(&session());  // the shared session, never begun
+        other->sessionTimerExceeded();
+        other->postCurrentSessionWithSuccess(events.done(), events.failure());
+    }
     application().postEvent(KXApplicationEvent::WillEnterForeground);
     application().postEvent(KXApplicationEvent::DidEnterBackground);
     EXPECT_EQ(application().backgroundTaskCount(), 1U);
     ASSERT_TRUE(waitFor([&] { return application().backgroundTaskCount() == 0; }));
     EXPECT_TRUE(service.requests().empty());
+    EXPECT_TRUE(events.seen.empty());
     EXPECT_EQ(logCount("Enter Foreground."), 1U);
     // A released engine no longer follows the application.
     engine.reset();

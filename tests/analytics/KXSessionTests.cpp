@@ -53,8 +53,9 @@ using LocationService = SessionDocuments;
 
 }  // namespace
 
-TEST_F(SessionDocuments, TheStartHasItsTimeAndDeviceDataLeftOutOnlyWhileTheSessionIsOpen) {
+TEST_F(SessionDocuments, TheStartLeavesOutDeviceDataOnlyWhileOpenAndTheEndAlwaysSaysIfClosed) {
     EXPECT_EQ(session.startSessionData(), (KXJSON{{"deviceData", deviceData}}));
+    EXPECT_EQ(session.endSessionData(), (KXJSON{{"isClosed", false}}));
     session.setCurrentDate(kStart);
     for (const auto state :
          {KXSessionStateNone, KXSessionStateNew, KXSessionStateEnded, KXSessionStateOpen}) {
@@ -65,6 +66,9 @@ TEST_F(SessionDocuments, TheStartHasItsTimeAndDeviceDataLeftOutOnlyWhileTheSessi
         }
         EXPECT_EQ(session.startSessionData(), expected) << state;
     }
+    session.setClosed(true);
+    session.setBroadcast(broadcast("b-1"));  // a start key, never in the end document
+    EXPECT_EQ(session.endSessionData(), (KXJSON{{"time", kStartMinute}, {"isClosed", true}}));
 }
 
 TEST_F(SessionDocuments, TimesAreWholeMinutesInUTCWrittenAsStrings) {
@@ -107,14 +111,6 @@ TEST_F(SessionDocuments, TheLocationServicesFixWinsOverTheOneCapturedAtTheStart)
     EXPECT_EQ(session.endSessionData()["geoLocation"]["time"], kStartMinute + "000");
 }
 
-TEST_F(SessionDocuments, TheEndDocumentAlwaysSaysWhetherTheSessionIsClosed) {
-    EXPECT_EQ(session.endSessionData(), (KXJSON{{"isClosed", false}}));
-    session.setCurrentDate(kStart);
-    session.setClosed(true);
-    session.setBroadcast(broadcast("b-1"));  // a start key, never in the end document
-    EXPECT_EQ(session.endSessionData(), (KXJSON{{"time", kStartMinute}, {"isClosed", true}}));
-}
-
 TEST_F(SessionDocuments, TheTriggeringBroadcastIsSentAsReceivedUnlessEmpty) {
     const std::pair<KXJSON, bool> cases[] = {{"b-17", true},     {42, true},       {4.5, true},
                                              {"", false},        {nullptr, false}, {true, false},
@@ -127,24 +123,9 @@ TEST_F(SessionDocuments, TheTriggeringBroadcastIsSentAsReceivedUnlessEmpty) {
     }
 }
 
-TEST_F(SessionDocuments, ReceivedBroadcastsKeepTheirOrderAndSkipThoseWithoutAnIdentifier) {
+TEST_F(SessionDocuments, ResetKeepsUnsentBroadcastsWhichKeepTheirOrderWithoutThoseWithoutAnId) {
     EXPECT_FALSE(session.remoteBroadcastIds()) << "no list until the session is reset";
     EXPECT_FALSE(session.endSessionData().contains("receivedBroadcasts"));
-    session.reset();
-    EXPECT_FALSE(session.endSessionData().contains("receivedBroadcasts"));  // an empty list
-    session.remoteBroadcastIds()->push_back(broadcast("a"));
-    session.remoteBroadcastIds()->push_back(broadcast(nullptr, kStart + 1min));
-    session.remoteBroadcastIds()->push_back(broadcast(7, kStart + 2min + 30s));
-    session.remoteBroadcastIds()->push_back(broadcast("c", kStart - 24h));
-    EXPECT_EQ(session.endSessionData()["receivedBroadcasts"],
-              (KXJSON{{{"broadcastId", "a"}, {"time", kStartMinute}},
-                      {{"broadcastId", 7}, {"time", "1592224620"}},
-                      {{"broadcastId", "c"}, {"time", "1592138040"}}}));
-    session.setRemoteBroadcastIds(KXSession::BroadcastList{broadcast(nullptr)});
-    EXPECT_FALSE(session.endSessionData().contains("receivedBroadcasts"));
-}
-
-TEST_F(SessionDocuments, ResetStartsASessionButKeepsUnsentBroadcasts) {
     session.setSessionId("s-1");
     session.setCurrentDate(kStart);
     session.setClosed(true);
@@ -154,7 +135,12 @@ TEST_F(SessionDocuments, ResetStartsASessionButKeepsUnsentBroadcasts) {
     session.reset();
     ASSERT_TRUE(session.remoteBroadcastIds());
     EXPECT_TRUE(session.remoteBroadcastIds()->empty());
-    session.remoteBroadcastIds()->push_back(broadcast("kept"));
+    EXPECT_FALSE(session.endSessionData().contains("receivedBroadcasts"));  // an empty list
+    session.remoteBroadcastIds()->push_back(broadcast("a"));
+    session.remoteBroadcastIds()->push_back(broadcast(nullptr, kStart + 1min));
+    session.remoteBroadcastIds()->push_back(broadcast(7, kStart + 2min + 30s));
+    session.remoteBroadcastIds()->push_back(broadcast("c", kStart - 24h));
+    // Reset starts a new session but keeps what was not sent yet, the trigger and the fix.
     session.reset();
     EXPECT_FALSE(session.sessionId());
     EXPECT_FALSE(session.currentDate());
@@ -162,7 +148,12 @@ TEST_F(SessionDocuments, ResetStartsASessionButKeepsUnsentBroadcasts) {
     EXPECT_EQ(session.sessionState(), KXSessionStateEnded);
     EXPECT_EQ(session.broadcast()->broadcastId(), "trigger");
     EXPECT_TRUE(session.location());
-    EXPECT_EQ(session.endSessionData()["receivedBroadcasts"][0]["broadcastId"], "kept");
+    EXPECT_EQ(session.endSessionData()["receivedBroadcasts"],
+              (KXJSON{{{"broadcastId", "a"}, {"time", kStartMinute}},
+                      {{"broadcastId", 7}, {"time", "1592224620"}},
+                      {{"broadcastId", "c"}, {"time", "1592138040"}}}));
+    session.setRemoteBroadcastIds(KXSession::BroadcastList{broadcast(nullptr)});
+    EXPECT_FALSE(session.endSessionData().contains("receivedBroadcasts"));
 }
 
 TEST_F(SessionDocuments, NodesRefuseOnlyAnAbsentDictionary) {
@@ -205,6 +196,9 @@ TEST_F(LocationService, FuzzCoarsensExactlyTheFourFineLevelsAndOnlyWhenTheConfig
     }
     KXLocationService::setDistanceFilter(25.0);
     EXPECT_EQ(KXLocationService::distanceFilter(), 25.0);
+    // Miles are international miles.
+    EXPECT_DOUBLE_EQ(KXLocationService::milesToMeters(1), 1609.344);
+    EXPECT_DOUBLE_EQ(KXLocationService::milesToMeters(2.5), 4023.36);
 }
 
 TEST_F(LocationService, TheLastDeliveredFixIsKeptAndErrorsDoNotEraseIt) {
@@ -261,9 +255,8 @@ TEST_F(LocationService, PermissionIsAskedFromSystemVersion8WhateverTheChecksFoun
         EXPECT_FALSE(service().isEnabled());
     }
     EXPECT_EQ(platform->locationSources().size(), 1u);  // one owned source throughout
-}
 
-TEST_F(LocationService, SignificantChangesReplaceTheStandardUpdates) {
+    // Significant changes replace the standard updates.
     KXFakeLocationSource& fake = source();
     service().enableStandardLocationService();
     service().enableSignificantLocationService();
@@ -273,9 +266,4 @@ TEST_F(LocationService, SignificantChangesReplaceTheStandardUpdates) {
     service().disableSignificantLocationService();
     EXPECT_FALSE(fake.isMonitoringSignificantChanges());
     EXPECT_FALSE(service().isEnabled());
-}
-
-TEST(LocationServiceUnits, MilesAreInternationalMiles) {
-    EXPECT_DOUBLE_EQ(KXLocationService::milesToMeters(1), 1609.344);
-    EXPECT_DOUBLE_EQ(KXLocationService::milesToMeters(2.5), 4023.36);
 }

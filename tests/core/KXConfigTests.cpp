@@ -121,7 +121,8 @@ TEST(KXConfig, IntegerReadingSaturatesInsteadOfOverflowing) {
     EXPECT_EQ(KXConfig::integerValue(KXJSON::object()), 0);
 }
 
-TEST(KXConfig, MissingKeysAndWrongTypesReadAsAbsentOrFalse) {
+TEST(KXConfig, ALaterLoadOverwritesEveryPropertyAndMissingKeysAndWrongTypesReadAsAbsent) {
+    loaded(kFullEntries);
     const auto& config = loaded(
         "<key>appId</key><integer>42</integer>\n"
         "<key>inboxDomainId</key><string></string>\n"
@@ -131,15 +132,8 @@ TEST(KXConfig, MissingKeysAndWrongTypesReadAsAbsentOrFalse) {
     EXPECT_EQ(config.inboxDomainId(), "");
     EXPECT_FALSE(config.validateInboxDomainId());
     EXPECT_EQ(config.stageClientId(), std::nullopt);
-    EXPECT_FALSE(config.inProduction()) << "no inProduction selects staging";
-}
-
-TEST(KXConfig, SecondLoadOverwritesEveryProperty) {
-    loaded(kFullEntries);
-    const auto& config = loaded("<key>appId</key><string>second</string>\n");
-    EXPECT_EQ(config.appId(), "second");
     EXPECT_EQ(config.prodClientId(), std::nullopt);
-    EXPECT_FALSE(config.inProduction());
+    EXPECT_FALSE(config.inProduction()) << "no inProduction selects staging";
     EXPECT_FALSE(config.analyticsEnabled());
     EXPECT_EQ(config.analyticsSessionInterval(), 90);
 }
@@ -155,17 +149,13 @@ TEST(KXConfig, OpeningWithTheWrongKeyIsAbsentWithoutStopping) {
 
 using KXConfigDeathTest = testing::Test;
 
-TEST_F(KXConfigDeathTest, WrongKeyStopsTheProcessNamingTheConfigurationFile) {
+TEST_F(KXConfigDeathTest, AWrongKeyOrADamagedOrForeignFileStopsTheProcessNamingTheFile) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto path = sealed(xmlPropertyList(kFullEntries));
     EXPECT_DEATH(KXConfig::defaultConfig().configWithContentsOfFile(path, "not-the-key"),
                  "configurationFile");
-}
-
-TEST_F(KXConfigDeathTest, DamagedOrForeignFilesStopTheProcess) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto directory = kxtest::scratchDirectory("damaged");
-    auto bytes = kxtest::readBytes(sealed(xmlPropertyList(kFullEntries)));
+    auto bytes = kxtest::readBytes(path);
     bytes.resize(bytes.size() - 7);
     kxtest::writeBytes(directory / "truncated.enc", bytes);
     EXPECT_DEATH(

@@ -92,27 +92,29 @@ TEST_F(KXLogTest, LevelSettingGatesEachLevel) {
             EXPECT_EQ(lines[i].rfind(row.words[i], 0), 0u) << lines[i];
         }
     }
-}
-
-TEST_F(KXLogTest, LineCarriesLevelFunctionAndLine) {
+    // A line carries its level, function and line.
+    sink->clear();
     kxLogLevel = 1;
     const int line = LogEmitter::emitAllLevels();
-    ASSERT_EQ(sink->lines().size(), 1u);
-    EXPECT_EQ(sink->lines()[0], "[ERROR] {anonymous}::LogEmitter::emitAllLevels [Line " +
-                                    std::to_string(line) + "] error 1");
+    EXPECT_EQ(sink->lines(),
+              std::vector<std::string>{"[ERROR] {anonymous}::LogEmitter::emitAllLevels [Line " +
+                                       std::to_string(line) + "] error 1"});
 }
 
-TEST_F(KXLogTest, GatedLinesAreNeverFormatted) {
+TEST_F(KXLogTest, GatedLinesAreNeverFormattedNorWritten) {
     FormatProbe::formatted = 0;
     kxLogLevel = 3;
     KX_LOG_DEBUG("{}", FormatProbe{});
     kxLoggingEnabled = false;
+    kxLoggingToDiskEnabled = true;
     kxLogLevel = 4;
     KX_LOG_ERROR("{}", FormatProbe{});
     EXPECT_EQ(FormatProbe::formatted, 0);
     EXPECT_TRUE(sink->lines().empty());
+    EXPECT_FALSE(std::filesystem::exists(KXDiskLogger::logFilePath(cachesDirectory())));
 
     kxLoggingEnabled = true;
+    kxLoggingToDiskEnabled = false;
     KX_LOG_DEBUG("{}", FormatProbe{});
     EXPECT_EQ(FormatProbe::formatted, 1);
 }
@@ -124,14 +126,6 @@ TEST(KXLogFunctionName, StripsReturnTypeParametersAndLambdaSuffix) {
     EXPECT_EQ(KXLog::functionName("KXFoo::bar()::<lambda()>"), "KXFoo::bar");
     EXPECT_EQ(KXLog::functionName("static std::map<int, std::pair<int, int> > KXB::c()"), "KXB::c");
     EXPECT_EQ(KXLog::functionName("main"), "main");
-}
-
-TEST_F(KXLogTest, LoggingOffLeavesTheDiskFileAlone) {
-    kxLoggingToDiskEnabled = true;
-    kxLoggingEnabled = false;
-    LogEmitter::emitAllLevels();
-    EXPECT_TRUE(sink->lines().empty());
-    EXPECT_FALSE(std::filesystem::exists(KXDiskLogger::logFilePath(cachesDirectory())));
 }
 
 TEST_F(KXLogTest, DiskLoggingAppendsEveryWrittenLine) {
@@ -151,17 +145,17 @@ TEST_F(KXLogTest, DiskLoggingAppendsEveryWrittenLine) {
     EXPECT_EQ(KXDiskLogger::logFilePath(cachesDirectory()).filename(), "ZandrelSDK.log");
 }
 
-TEST_F(KXLogTest, ClearLogFromDiskKeepsTheFile) {
+TEST_F(KXLogTest, ClearLogFromDiskKeepsTheFileAndAnUnwritableFileLosesTheLine) {
     KXDiskLogger logger(cachesDirectory());
     logger.writeLogToDisk("first");
     logger.clearLogFromDisk();
     KXDiskLogger(cachesDirectory()).writeLogToDisk("second");
     EXPECT_EQ(readFile(KXDiskLogger::logFilePath(cachesDirectory())), "first\nsecond\n");
     EXPECT_EQ(sink->linesContaining("error: (null)").size(), 1u);
-}
 
-TEST_F(KXLogTest, UnwritableLogFileLosesTheLineQuietly) {
+    // A log file that cannot be written loses the line quietly.
     const auto path = KXDiskLogger::logFilePath(cachesDirectory());
+    std::filesystem::remove(path);
     std::filesystem::create_directories(path);  // a directory where the file should be
     KXDiskLogger(cachesDirectory()).writeLogToDisk("lost");
     EXPECT_TRUE(std::filesystem::is_directory(path));

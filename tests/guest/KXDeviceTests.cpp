@@ -63,55 +63,59 @@ TEST_F(KXDeviceTest, SavedTokensAccumulateOnceEachAndAbsentOrEmptyOnesAreRefused
     const auto warnings = sink->linesContaining("No device token found");
     ASSERT_EQ(warnings.size(), 2u);
     EXPECT_EQ(warnings[0].rfind("[WARN] KXDevice::saveDeviceToken [Line ", 0), 0u) << warnings[0];
+
+    // The diagnostic dump writes three debug lines, only at debug level.
+    sink->clear();
+    kxLogLevel = 3;
+    device.printDeviceTokensSavedInUserDefaults();
+    EXPECT_TRUE(sink->lines().empty());
+    kxLogLevel = 4;
+    device.printDeviceTokensSavedInUserDefaults();
+    const auto lines = sink->lines();
+    ASSERT_EQ(lines.size(), 3u);
+    EXPECT_NE(lines[0].find("] retrieveDeviceTokenFromUserDefaults: aa01"), std::string::npos);
+    EXPECT_NE(lines[1].find("] retrieveDeviceTokenListFromUserDefaults: "), std::string::npos);
+    EXPECT_NE(lines[1].find("bb02"), std::string::npos);
+    EXPECT_NE(lines[2].find("] deviceUserAgent: "), std::string::npos);
+    EXPECT_NE(lines[2].find("\"frameworkVersion\":\"1.0.8.1\""), std::string::npos);
+
+    // A later launch reads the same file with nothing in memory.
+    platform = KXTestPlatform::install();
+    KXDevice nextLaunch;
+    EXPECT_EQ(nextLaunch.deviceToken(), "aa01");
+    EXPECT_EQ(nextLaunch.retrieveDeviceTokenListFromUserDefaults(), (Strings{"aa01", "bb02"}));
+    EXPECT_TRUE(nextLaunch.multipleDeviceTokens());
 }
 
-TEST_F(KXDeviceTest, CurrentEntryTakesTheTokenInMemoryNotTheArgument) {
+TEST_F(KXDeviceTest, TheTokenInMemoryAndTheStoredTokenAndListChangeApart) {
+    // Stored values of the wrong type read as absent.
+    platform->userDefaults().setObject("applicationDeviceToken", 42);
+    platform->userDefaults().setObject("applicationDeviceTokenList", "not a list");
+    EXPECT_EQ(device.deviceToken(), std::nullopt);
+    EXPECT_FALSE(device.multipleDeviceTokens());
+
+    // The current entry takes the token in memory, not the argument; setDeviceToken alone
+    // touches memory only.
     device.setDeviceToken("memory");
     device.saveToUserDefaults("argument");
     EXPECT_EQ(device.retrieveDeviceTokenFromUserDefaults(), "memory");
     EXPECT_EQ(device.retrieveDeviceTokenListFromUserDefaults(), (Strings{"argument"}));
-
-    // setDeviceToken alone touches memory only.
     device.setDeviceToken("later");
     EXPECT_EQ(device.deviceToken(), "later");
     EXPECT_EQ(device.retrieveDeviceTokenFromUserDefaults(), "memory");
-}
 
-TEST_F(KXDeviceTest, DeletingTheTokenKeepsTheListAndDeletingTheListKeepsTheToken) {
-    device.saveDeviceToken("aa01");
+    // Deleting the token keeps the list, and deleting the list keeps the token.
     device.saveDeviceToken("bb02");
     device.deleteDeviceToken();
     EXPECT_EQ(device.deviceToken(), std::nullopt);
-    EXPECT_EQ(device.retrieveDeviceTokenListFromUserDefaults(), (Strings{"aa01", "bb02"}));
+    EXPECT_EQ(device.retrieveDeviceTokenListFromUserDefaults(), (Strings{"argument", "bb02"}));
     EXPECT_FALSE(storedOnDisk().contains("applicationDeviceToken"));
-
     device.saveDeviceToken("cc03");
     device.deleteDeviceTokenList();
     EXPECT_EQ(device.deviceToken(), "cc03");
     EXPECT_EQ(device.retrieveDeviceTokenFromUserDefaults(), "cc03");
     EXPECT_TRUE(device.retrieveDeviceTokenListFromUserDefaults().empty());
     EXPECT_FALSE(storedOnDisk().contains("applicationDeviceTokenList"));
-}
-
-TEST_F(KXDeviceTest, ALaterLaunchAnswersWithTheTokenOfAnEarlierOne) {
-    KXDevice::currentDevice().saveDeviceToken("aa01");
-    KXDevice::currentDevice().saveDeviceToken("bb02");
-    // A new platform reads the same user-defaults file, as the next launch would; the new device
-    // has nothing in memory.
-    platform = KXTestPlatform::install();
-    KXDevice nextLaunch;
-    EXPECT_EQ(nextLaunch.deviceToken(), "bb02");
-    EXPECT_EQ(nextLaunch.retrieveDeviceTokenListFromUserDefaults(), (Strings{"aa01", "bb02"}));
-    EXPECT_TRUE(nextLaunch.multipleDeviceTokens());
-}
-
-TEST_F(KXDeviceTest, StoredValuesOfTheWrongTypeReadAsAbsent) {
-    platform->userDefaults().setObject("applicationDeviceToken", 42);
-    platform->userDefaults().setObject("applicationDeviceTokenList", "not a list");
-    EXPECT_EQ(device.deviceToken(), std::nullopt);
-    EXPECT_FALSE(device.multipleDeviceTokens());
-    device.saveDeviceToken("aa01");
-    EXPECT_EQ(device.retrieveDeviceTokenListFromUserDefaults(), (Strings{"aa01"}));
 }
 
 TEST_F(KXDeviceTest, DeviceDataCarriesWhatThePlatformKnowsAndThePushSwitch) {
@@ -135,23 +139,4 @@ TEST_F(KXDeviceTest, DeviceDataCarriesWhatThePlatformKnowsAndThePushSwitch) {
     KXClientFramework::sharedManager().setPushEnabledOnDevice(false);
     EXPECT_EQ(device.deviceData(), KXJSON::parse(R"({"manufacturer":"Unknown",
         "frameworkVersion":"1.0.8.1","pushEnabled":false})"));
-}
-
-TEST_F(KXDeviceTest, DiagnosticDumpWritesThreeDebugLinesOnlyAtDebugLevel) {
-    device.saveDeviceToken("aa01");
-    device.saveDeviceToken("bb02");
-    auto sink = KXCapturingSink::install();
-    kxLogLevel = 3;
-    device.printDeviceTokensSavedInUserDefaults();
-    EXPECT_TRUE(sink->lines().empty());
-
-    kxLogLevel = 4;
-    device.printDeviceTokensSavedInUserDefaults();
-    const auto lines = sink->lines();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_NE(lines[0].find("] retrieveDeviceTokenFromUserDefaults: bb02"), std::string::npos);
-    EXPECT_NE(lines[1].find("] retrieveDeviceTokenListFromUserDefaults: "), std::string::npos);
-    EXPECT_NE(lines[1].find("aa01"), std::string::npos);
-    EXPECT_NE(lines[2].find("] deviceUserAgent: "), std::string::npos);
-    EXPECT_NE(lines[2].find("\"frameworkVersion\":\"1.0.8.1\""), std::string::npos);
 }

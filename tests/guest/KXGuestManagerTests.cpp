@@ -1,6 +1,6 @@
 // Every single-request guest operation against the loopback service (method, URL, body, what
-// success receives), every refusal (error, log line, nothing sent) and the channels that have no
-// switch.
+// success or failure receives), every refusal (error, log line, nothing sent) and the channels
+// that have no switch.
 #include "KXGuestServiceFixture.h"
 
 #include <KXClientFramework/KXConfig.h>
@@ -18,6 +18,9 @@ struct RequestCase {
     std::string result;     // what the log holds afterwards
     const char* request;    // "METHOD suffix", query included
     KXJSON body = nullptr;  // none sent
+    // The created answer names the new record in whatever case the service likes.
+    KXScriptedAnswer answer = createdAs("NEW-7", "NewRecordID");
+    std::string errorLine = {};  // the one ERROR line a failure writes
 };
 
 // A refusal: the ERROR line it writes (its reason after "error: "), or only the reason when it
@@ -51,6 +54,10 @@ KXJSON inboxAddress(const std::string& guest) {
     return KXJSON::parse(R"({"address":{"channel":"INBOX","attributes":{"guestId":")" + guest +
                          R"(","inboxDomainId":"Dom2"}}})");
 }
+
+const KXError kBusy(NSOSStatusErrorDomain, 409, {{"reason", "busy"}});
+const KXJSON kSMSAddress =
+    KXJSON::parse(R"({"address":{"channel":"SMS","attributes":{"mdn":"555"}}})");
 
 const RequestCase kRequestCases[] = {
     // Tags and profiles stay out of the saved body; an empty language goes in.
@@ -90,8 +97,17 @@ const RequestCase kRequestCases[] = {
      "POST /guests/g2/profiles",
      KXJSON::parse(R"({"address":{"channel":"EMAIL","attributes":{"emailAddress":"a@b.c"}}})")},
     {KX_GUEST_CALL(M::addSMSDeliveryProfileForGuestWithId, "g2", "555"), "id:NEW-7",
-     "POST /guests/g2/profiles",
-     KXJSON::parse(R"({"address":{"channel":"SMS","attributes":{"mdn":"555"}}})")},
+     "POST /guests/g2/profiles", kSMSAddress},
+    // Transport failures are logged and passed on unchanged; a created answer without
+    // "newRecordId" names no profile: a failure, not an empty id.
+    {KX_GUEST_CALL(M::APNSDeliveryProfileEnable, true), failed(kBusy),
+     "POST /guests/g1/profiles/AP-1/enable", nullptr, KXScriptedAnswer::json(409, kBusy.userInfo),
+     "ERROR: " + kBusy.description()},
+    {KX_GUEST_CALL(M::fetchGuestWithId, "g1"), failed(kBusy), "GET /guests/g1", nullptr,
+     KXScriptedAnswer::json(409, kBusy.userInfo), "ERROR: " + kBusy.description()},
+    {KX_GUEST_CALL(M::addSMSDeliveryProfileForGuestWithId, "g2", "555"),
+     refused("missing newRecordId"), "POST /guests/g2/profiles", kSMSAddress,
+     KXScriptedAnswer::empty(201), "ERROR: missing newRecordId"},
 };
 
 void forgetGuestId() {
@@ -164,12 +180,14 @@ const RefusalCase kRefusalCases[] = {
     {KX_GUEST_CALL(M::registerGuestWithQRID, ""), "invalid guest"},
 };
 
-// The created answer names the new record in whatever case the service likes.
 TEST_F(KXGuestOperationTest, EachOperationSendsOneRequestAndReportsItsResult) {
+    kxLogLevel = 1;
+    auto sink = KXCapturingSink::install();
     for (const RequestCase& c : kRequestCases) {
         SCOPED_TRACE(c.request);
         const std::size_t before = service.requests().size();
-        answer(c.request, createdAs("NEW-7", "NewRecordID"));
+        answer(c.request, c.answer);
+        sink->clear();
         KXGuestLog log;
         c.operation(log);
         waitForEvents(log, 1);
@@ -178,6 +196,9 @@ TEST_F(KXGuestOperationTest, EachOperationSendsOneRequestAndReportsItsResult) {
         const std::string body = service.requests()[before].body;
         EXPECT_EQ(body.empty() ? KXJSON() : KXJSON::parse(body), c.body);
         EXPECT_EQ(log.seen, Lines{c.result});
+        const std::size_t errors = c.errorLine.empty() ? 0 : 1;
+        EXPECT_EQ(sink->lines().size(), errors);
+        EXPECT_EQ(sink->linesContaining(c.errorLine).size(), errors);
     }
 }
 
@@ -199,42 +220,13 @@ TEST_F(KXGuestOperationTest, EachRefusalFailsBeforeReturningWithItsErrorLineAndS
         EXPECT_EQ(sink->linesContaining("[ERROR]").size(), logs ? 1u : 0u);
         EXPECT_EQ(sink->linesContaining(c.text).size(), logs ? 1u : 0u);
     }
-    drain();
-    EXPECT_EQ(log.count(), std::size(kRefusalCases));
-    EXPECT_TRUE(service.requests().empty());
-}
-
-TEST_F(KXGuestOperationTest, TransportFailuresAreLoggedAndPassedOnUnchanged) {
-    kxLogLevel = 1;
-    auto sink = KXCapturingSink::install();
-    const KXError busy(NSOSStatusErrorDomain, 409, {{"reason", "busy"}});
-    answer("POST /guests/g1/profiles/AP-1/enable", KXScriptedAnswer::json(409, busy.userInfo));
-    answer("GET /guests/g1", KXScriptedAnswer::json(409, busy.userInfo));
-    answer("POST /guests/g2/profiles", KXScriptedAnswer::empty(201));
-    const KXJSON guestBefore = describeGuest(*KXGuest::currentGuest());
-
-    KXGuestLog log;
-    M::APNSDeliveryProfileEnable(true, log.onSuccess(), log.onFailure());
-    waitForEvents(log, 1);
-    // A failed fetch leaves the guest as it was.
-    M::fetchGuestWithId("g1", log.onSuccess(), log.onFailure());
-    waitForEvents(log, 2);
-    // A created answer without "newRecordId" names no profile: a failure, not an empty id.
-    M::addSMSDeliveryProfileForGuestWithId("g2", "555", log.onSuccess(), log.onFailure());
-    waitForEvents(log, 3);
-    EXPECT_EQ(log.seen, (Lines{failed(busy), failed(busy), refused("missing newRecordId")}));
-    EXPECT_EQ(sink->linesContaining("ERROR: " + busy.description()).size(), 2u);
-    EXPECT_EQ(describeGuest(*KXGuest::currentGuest()), guestBefore);
-}
-
-TEST_F(KXGuestOperationTest, SMSAndEmailChannelsHaveNoSwitchAndAnswerNothing) {
-    KXGuestLog log;
+    // SMS and e-mail profiles have no switch: enabling or disabling them answers nothing.
     for (KXChannelType channel : {KXChannelTypeSMS, KXChannelTypeEmail}) {
         M::enableDeliveryProfileForChannel(channel, log.onSuccess(), log.onFailure());
         M::disableDeliveryProfileForChannel(channel, log.onSuccess(), log.onFailure());
     }
     drain();
-    EXPECT_EQ(log.count(), 0u);
+    EXPECT_EQ(log.count(), std::size(kRefusalCases));
     EXPECT_TRUE(service.requests().empty());
 }
 

@@ -171,25 +171,13 @@ protected:
         return KXSessionManager::kxBaseURI() + suffix;
     }
 
-    /// Every request as "METHOD path".
-    Lines requestLines() const {
-        Lines lines;
-        for (const auto& request : service.requests()) {
-            lines.push_back(request.method + " " + request.path);
-        }
-        return lines;
-    }
-
     /// Every request as "METHOD suffix", the suffix after the base URI.
     Lines sentRequests() const {
         const std::string base = KXSessionManager::kxBaseURI();
         Lines lines;
-        for (auto line : requestLines()) {
-            const auto start = line.find(' ') + 1;
-            if (line.compare(start, base.size(), base) == 0) {
-                line.erase(start, base.size());
-            }
-            lines.push_back(line);
+        for (const auto& request : service.requests()) {
+            const bool under = request.path.rfind(base, 0) == 0;
+            lines.push_back(request.method + " " + request.path.substr(under ? base.size() : 0));
         }
         return lines;
     }

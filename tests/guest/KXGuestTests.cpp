@@ -1,8 +1,10 @@
-// The guest's lookups over its profiles, its business-unit properties and logging out.
+// The guest: what the parser takes from the service's answer, the lookups over its profiles,
+// its business-unit properties and logging out.
 #include "KXGuestServiceFixture.h"
 
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXException.h>
+#include <KXClientFramework/KXGuestParser.h>
 
 #include <functional>
 #include <string>
@@ -26,27 +28,12 @@ protected:
     std::shared_ptr<KXGuest> guest = KXGuest::currentGuest();
 };
 
-using Lookup = std::function<std::shared_ptr<KXDeliveryProfile>(const KXGuest&)>;
+// A lookup on the guest `g`.
+#define KX_LOOKUP(call) [](const KXGuest& g) { return g.call; }
 
-Lookup byId(std::optional<std::string> id) {
-    return [id](const KXGuest& g) { return g.deliveryProfileForId(id); };
-}
-Lookup byInboxId(std::string id) {
-    return [id](const KXGuest& g) { return g.inboxDeliveryProfileWithInboxId(id); };
-}
-Lookup byToken(std::string token) {
-    return [token](const KXGuest& g) { return g.APNSDeliveryProfileWithApplicationToken(token); };
-}
-Lookup byChannel(KXChannelType channel) {
-    return [channel](const KXGuest& g) { return g.currentDeliveryProfileForChannel(channel); };
-}
-const Lookup forThisDevice = [](const KXGuest& g) {
-    return g.APNSDeliveryProfileForCurrentDevice();
-};
-
-TEST_F(KXGuestLookupTest, FindsTheProfileOfAnIdInboxTokenDeviceOrChannel) {
+TEST_F(KXGuestLookupTest, FindsTheProfileOfAnIdInboxTokenDeviceOrChannelAndRefusesOtherChannels) {
     struct Row {
-        Lookup lookup;
+        std::function<std::shared_ptr<KXDeliveryProfile>(const KXGuest&)> lookup;
         std::optional<std::string> expected;  // absent: none found
         const char* token = nullptr;          // this device's token
         const char* inboxDomainId = "Dom";
@@ -54,27 +41,28 @@ TEST_F(KXGuestLookupTest, FindsTheProfileOfAnIdInboxTokenDeviceOrChannel) {
     const Row rows[] = {
         // Ids ignore case; inbox ids and tokens do not. Tokens count on push profiles only,
         // whatever the case of the channel name.
-        {byId("ap-2"), "AP-2"},
-        {byId(""), std::nullopt},
-        {byId(std::nullopt), std::nullopt},
-        {byId("AP-3"), std::nullopt},
-        {byInboxId("Dom"), "IN-1"},
-        {byInboxId("dom"), std::nullopt},
-        {byInboxId(""), std::nullopt},
-        {byToken("bb"), "AP-2"},
-        {byToken("AA"), std::nullopt},
-        {byToken("cc"), std::nullopt},
-        {byToken(""), std::nullopt},
-        {forThisDevice, std::nullopt},
-        {forThisDevice, "AP-2", "bb"},
+        {KX_LOOKUP(deliveryProfileForId("ap-2")), "AP-2"},
+        {KX_LOOKUP(deliveryProfileForId("")), std::nullopt},
+        {KX_LOOKUP(deliveryProfileForId(std::nullopt)), std::nullopt},
+        {KX_LOOKUP(deliveryProfileForId("AP-3")), std::nullopt},
+        {KX_LOOKUP(inboxDeliveryProfileWithInboxId("Dom")), "IN-1"},
+        {KX_LOOKUP(inboxDeliveryProfileWithInboxId("dom")), std::nullopt},
+        {KX_LOOKUP(inboxDeliveryProfileWithInboxId("")), std::nullopt},
+        {KX_LOOKUP(APNSDeliveryProfileWithApplicationToken("bb")), "AP-2"},
+        {KX_LOOKUP(APNSDeliveryProfileWithApplicationToken("AA")), std::nullopt},
+        {KX_LOOKUP(APNSDeliveryProfileWithApplicationToken("cc")), std::nullopt},
+        {KX_LOOKUP(APNSDeliveryProfileWithApplicationToken("")), std::nullopt},
+        {KX_LOOKUP(APNSDeliveryProfileForCurrentDevice()), std::nullopt},
+        {KX_LOOKUP(APNSDeliveryProfileForCurrentDevice()), "AP-2", "bb"},
         // By channel: this device's push profile, the first SMS or e-mail profile, the inbox
         // profile of the configured domain.
-        {byChannel(KXChannelTypeAPNS), std::nullopt},
-        {byChannel(KXChannelTypeAPNS), "AP-1", "aa"},
-        {byChannel(KXChannelTypeSMS), "SM-1"},
-        {byChannel(KXChannelTypeEmail), "EM-1"},
-        {byChannel(KXChannelTypeInbox), "IN-1"},
-        {byChannel(KXChannelTypeInbox), std::nullopt, nullptr, nullptr},
+        {KX_LOOKUP(currentDeliveryProfileForChannel(KXChannelTypeAPNS)), std::nullopt},
+        {KX_LOOKUP(currentDeliveryProfileForChannel(KXChannelTypeAPNS)), "AP-1", "aa"},
+        {KX_LOOKUP(currentDeliveryProfileForChannel(KXChannelTypeSMS)), "SM-1"},
+        {KX_LOOKUP(currentDeliveryProfileForChannel(KXChannelTypeEmail)), "EM-1"},
+        {KX_LOOKUP(currentDeliveryProfileForChannel(KXChannelTypeInbox)), "IN-1"},
+        {KX_LOOKUP(currentDeliveryProfileForChannel(KXChannelTypeInbox)), std::nullopt, nullptr,
+         nullptr},
     };
     for (std::size_t i = 0; i < std::size(rows); ++i) {
         SCOPED_TRACE("row " + std::to_string(i));
@@ -88,6 +76,17 @@ TEST_F(KXGuestLookupTest, FindsTheProfileOfAnIdInboxTokenDeviceOrChannel) {
             row.inboxDomainId ? std::optional<std::string>(row.inboxDomainId) : std::nullopt);
         const auto found = row.lookup(*guest);
         EXPECT_EQ(found ? found->profileId() : std::nullopt, row.expected);
+    }
+    // A channel outside 1 to 4 raises.
+    for (std::int64_t channel : {0, 5, -1, 1000}) {
+        SCOPED_TRACE("channel " + std::to_string(channel));
+        try {
+            guest->currentDeliveryProfileForChannel(static_cast<KXChannelType>(channel));
+            ADD_FAILURE() << "did not raise";
+        } catch (const KXException& exception) {
+            EXPECT_EQ(exception.name(), "Invalid KXChannelType value");
+            EXPECT_EQ(exception.reason(), "channel is invalid");
+        }
     }
 }
 
@@ -109,18 +108,6 @@ TEST_F(KXGuestLookupTest, ChannelListsKeepProfileOrderWhateverTheCase) {
     EXPECT_FALSE(KXGuest().hasAPNSDeliveryProfile());
 }
 
-TEST_F(KXGuestLookupTest, ChannelOutsideOneToFourRaises) {
-    for (std::int64_t channel : {0, 5, -1, 1000}) {
-        try {
-            guest->currentDeliveryProfileForChannel(static_cast<KXChannelType>(channel));
-            ADD_FAILURE() << "channel " << channel << " did not raise";
-        } catch (const KXException& exception) {
-            EXPECT_EQ(exception.name(), "Invalid KXChannelType value");
-            EXPECT_EQ(exception.reason(), "channel is invalid");
-        }
-    }
-}
-
 TEST(KXGuestData, BusinessUnitPropertiesMergeAndRemoveAndAreSentOnceSet) {
     KXGuest guest;
     guest.removeBuPropertiesForKeys({"a"});
@@ -139,44 +126,134 @@ TEST(KXGuestData, BusinessUnitPropertiesMergeAndRemoveAndAreSentOnceSet) {
     EXPECT_EQ(guest.guestData(), KXJSON::parse(R"({"buProperties":{"b":[3]}})"));
 }
 
-// How the analytics post ends: it succeeds, fails, or no engine runs to post it.
-const char* const kPostOutcomes[] = {"PostSucceeds", "PostFails", "NoEngine"};
-
-class KXGuestLogoutTest : public testing::TestWithParam<const char*> {
-protected:
-    void TearDown() override { kxSetAnalyticsSessionPoster(nullptr); }
-};
-
-TEST_P(KXGuestLogoutTest, ClearsIdProfilesAndTagsOnlyOnceTheSessionIsPosted) {
+// Logging out posts the session, and only a post that succeeds clears the guest.
+TEST(KXGuestData, LogoutClearsIdProfilesAndTagsOnlyOnceTheSessionIsPosted) {
     auto platform = KXTestPlatform::install();
-    const std::string outcome = GetParam();
-    int posts = 0;
-    if (outcome != "NoEngine") {
-        kxSetAnalyticsSessionPoster([&posts, outcome](auto success, auto failure) {
-            ++posts;
-            if (outcome == "PostSucceeds" && success) {
-                success();
-            } else if (outcome == "PostFails" && failure) {
-                failure(KXError(NSOSStatusErrorDomain, 500));
-            }
-        });
-    }
-    const auto guest = KXGuest::currentGuest();
-    guest->guestWithDictionary(KXJSON::parse(R"({"externalId":"g1","externalIdType":"QRID",
-        "languagePref":"fr","buCreativeLabel":"gold","tags":["a"],"buProperties":{"k":1},
-        "deliveryProfiles":[{"id":"p1"}]})"));
-    KXJSON expected = describeGuest(*guest);
-    if (outcome == "PostSucceeds") {
-        expected.update(
-            {{"externalId", nullptr}, {"deliveryProfiles", nullptr}, {"tags", nullptr}});
-    }
+    for (const std::string outcome : {"PostSucceeds", "PostFails", "NoEngine"}) {
+        SCOPED_TRACE(outcome);
+        int posts = 0;
+        kxSetAnalyticsSessionPoster(nullptr);
+        if (outcome != "NoEngine") {
+            kxSetAnalyticsSessionPoster([&posts, outcome](auto success, auto failure) {
+                ++posts;
+                if (outcome == "PostSucceeds" && success) {
+                    success();
+                } else if (outcome == "PostFails" && failure) {
+                    failure(KXError(NSOSStatusErrorDomain, 500));
+                }
+            });
+        }
+        const auto guest = KXGuest::currentGuest();
+        guest->guestWithDictionary(KXJSON::parse(R"({"externalId":"g1","externalIdType":"QRID",
+            "languagePref":"fr","buCreativeLabel":"gold","tags":["a"],"buProperties":{"k":1},
+            "deliveryProfiles":[{"id":"p1"}]})"));
+        KXJSON expected = describeGuest(*guest);
+        if (outcome == "PostSucceeds") {
+            expected.update(
+                {{"externalId", nullptr}, {"deliveryProfiles", nullptr}, {"tags", nullptr}});
+        }
 
-    guest->logout();
-    EXPECT_EQ(describeGuest(*guest), expected);
-    EXPECT_EQ(posts, outcome == "NoEngine" ? 0 : 1);
+        guest->logout();
+        EXPECT_EQ(describeGuest(*guest), expected);
+        EXPECT_EQ(posts, outcome == "NoEngine" ? 0 : 1);
+    }
+    kxSetAnalyticsSessionPoster(nullptr);
 }
 
-INSTANTIATE_TEST_SUITE_P(Outcomes, KXGuestLogoutTest, testing::ValuesIn(kPostOutcomes),
-                         [](const auto& info) { return std::string(info.param); });
+struct ParseCase {
+    const char* name;
+    const char* before;  // parsed first, to give the guest earlier values
+    const char* input;
+    const char* expected;  // describeGuest() afterwards where it differs from an empty parse
+};
+
+void PrintTo(const ParseCase& c, std::ostream* os) {
+    *os << c.name;
+}
+
+const ParseCase kParseCases[] = {
+    {"FullGuest", "{}",
+     R"({"externalId":"g1","externalIdType":"QRID","buCreativeLabel":"gold","languagePref":"fr",
+         "tags":["b","a","b"],"buProperties":{"tier":2,"vip":true},
+         "deliveryProfiles":[{"id":"p1","enabled":true,"tags":["t"],
+           "memberships":[{"recipientListId":"L1","languagePref":"en","enabled":true}],
+           "address":{"channel":"APNS_PUSH","enabled":true,"attributes":{"applicationToken":"aa"}}}]})",
+     R"({"externalId":"g1","externalIdType":"QRID","languagePref":"fr","buCreativeLabel":"gold",
+         "tags":["b","a","b"],"buProperties":{"tier":2,"vip":true},
+         "deliveryProfiles":[{"profileId":"p1","enabled":true,"tags":["t"],
+           "memberships":[{"recipientListId":"L1","languagePref":"en","enabled":true}],
+           "address":{"channel":"APNS_PUSH","attributes":{"applicationToken":"aa"},"enabled":true}}]})"},
+    // The type travels with the identifier: without an identifier it is ignored...
+    {"TypeWithoutIdKeepsTheOldType", R"({"externalId":"g1","externalIdType":"QRID"})",
+     R"({"externalIdType":"OTHER"})", R"({"externalId":"g1","externalIdType":"QRID"})"},
+    // ...and a new identifier without a type clears the old type.
+    {"IdWithoutTypeClearsTheType", R"({"externalId":"g1","externalIdType":"QRID"})",
+     R"({"externalId":"g2"})", R"({"externalId":"g2"})"},
+    // Absent scalars keep their values; absent collections are emptied.
+    {"AbsentKeys",
+     R"({"externalId":"g1","languagePref":"fr","buCreativeLabel":"gold",
+         "tags":["a"],"buProperties":{"k":1},"deliveryProfiles":[{"id":"p1"}]})",
+     "{}", R"({"externalId":"g1","languagePref":"fr","buCreativeLabel":"gold"})"},
+    // Numbers become their decimal text; other wrong types count as absent.
+    {"WrongTypes", R"({"languagePref":"fr"})",
+     R"({"externalId":42,"externalIdType":7.0,"languagePref":true,"buCreativeLabel":[1],
+         "tags":"a","buProperties":["k"],"deliveryProfiles":{"id":"p"}})",
+     R"({"externalId":"42","externalIdType":"7","languagePref":"fr"})"},
+    {"NullIdLeavesTheGuestsId", R"({"externalId":"g1","externalIdType":"QRID"})",
+     R"({"externalId":null,"externalIdType":"OTHER","buCreativeLabel":1.5})",
+     R"({"externalId":"g1","externalIdType":"QRID","buCreativeLabel":"1.5"})"},
+    {"WrongTypesInsideProfiles", "{}",
+     R"({"deliveryProfiles":[7,{"id":12,"enabled":"yes","tags":"x","memberships":[1,{"enabled":0}],
+         "address":{"channel":["apns"],"enabled":"no","attributes":"flat"}},{"address":"x"}]})",
+     R"({"deliveryProfiles":[
+         {"profileId":null,"enabled":false,"tags":null,"memberships":[],
+          "address":{"channel":null,"attributes":null,"enabled":false}},
+         {"profileId":"12","enabled":true,"tags":"x",
+          "memberships":[{"recipientListId":null,"languagePref":null,"enabled":false},
+                         {"recipientListId":null,"languagePref":null,"enabled":false}],
+          "address":{"channel":null,"attributes":"flat","enabled":false}},
+         {"profileId":null,"enabled":false,"tags":null,"memberships":[],
+          "address":{"channel":null,"attributes":null,"enabled":false}}]})"},
+    // Anything but an object leaves the guest as it was.
+    {"NotAnObject", R"({"externalId":"g1","tags":["a"]})", R"(["externalId","g2"])",
+     R"({"externalId":"g1","tags":["a"]})"},
+};
+
+class KXGuestParseTest : public testing::TestWithParam<ParseCase> {
+protected:
+    std::shared_ptr<KXTestPlatform> platform = KXTestPlatform::install();
+};
+
+TEST_P(KXGuestParseTest, FillsTheCurrentGuest) {
+    const ParseCase& c = GetParam();
+    KXGuestParser::parse(KXJSON::parse(c.before));
+    // Whichever guest receives the call, the current guest is filled.
+    KXGuest other;
+    other.guestWithDictionary(KXJSON::parse(c.input));
+    KXJSON expected = KXJSON::parse(R"({"externalId":null,"externalIdType":null,
+        "languagePref":null,"buCreativeLabel":null,"tags":[],"buProperties":{},
+        "deliveryProfiles":[]})");
+    expected.update(KXJSON::parse(c.expected));
+    EXPECT_EQ(describeGuest(*KXGuest::currentGuest()), expected);
+    EXPECT_EQ(other.externalId(), std::nullopt);
+}
+
+INSTANTIATE_TEST_SUITE_P(Cases, KXGuestParseTest, testing::ValuesIn(kParseCases),
+                         [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
+
+TEST(KXGuestParser, EachStepRefusesAMissingGuestOrDictionary) {
+    using Step = bool (*)(const KXJSON&, const std::shared_ptr<KXGuest>&);
+    const KXJSON dictionary = {{"externalId", "g"}, {"tags", {"t"}}};
+    for (Step step : {&KXGuestParser::parseRoot, &KXGuestParser::parseTags,
+                      &KXGuestParser::parseDeliveryProfiles, &KXGuestParser::parseBuProperties}) {
+        auto guest = std::make_shared<KXGuest>();
+        EXPECT_FALSE(step(dictionary, nullptr));
+        EXPECT_FALSE(step(KXJSON(), guest));
+        EXPECT_FALSE(step(KXJSON::array(), guest));
+        EXPECT_EQ(describeGuest(*guest), describeGuest(KXGuest()));
+        EXPECT_TRUE(step(dictionary, guest));
+        EXPECT_NE(describeGuest(*guest), describeGuest(KXGuest()));
+    }
+}

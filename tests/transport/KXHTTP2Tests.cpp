@@ -106,15 +106,7 @@ TEST_F(HTTP2OverTLS, CallsStartedTogetherAreMultiplexedOnOneConnection) {
     giveToken();
     trust(server.certificateFile());
     constexpr int kCalls = 8;
-    std::vector<KXCallOutcome> outcomes(kCalls);
-    for (auto& outcome : outcomes) {
-        start(&KXHTTPSessionManager::GET, "/inbox.json", nullptr, outcome);
-    }
-    ASSERT_TRUE(runUntil([&] {
-        return std::all_of(outcomes.begin(), outcomes.end(),
-                           [](const KXCallOutcome& outcome) { return outcome.callbacks() > 0; });
-    }));
-    drain();
+    const std::vector<KXCallOutcome> outcomes = getConcurrently(kCalls, "/inbox.json");
     for (int i = 0; i < kCalls; ++i) {
         EXPECT_EQ(outcomes[i].callbacks(), 1) << i;
         ASSERT_EQ(outcomes[i].successes, 1) << i << ": " << describe(outcomes[i]);

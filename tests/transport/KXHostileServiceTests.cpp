@@ -3,6 +3,7 @@
 #include "KXTransportFixture.h"
 
 #include <KXClientFramework/KXOAuth2Client.h>
+#include <KXClientFramework/KXTransportActivity.h>
 
 #include <curl/curl.h>
 
@@ -27,20 +28,6 @@ protected:
     void SetUp() override {
         KXOAuth2Client::client().initWithClientId("hostile-client", "hostile-secret");
         service.script("GET", "/inbox", KXScriptedAnswer::json(200, KXJSON{{"messages", 0}}));
-    }
-
-    /// Starts `count` GETs of /inbox at once and waits until every one has an outcome.
-    std::vector<KXCallOutcome> getConcurrently(std::size_t count) {
-        std::vector<KXCallOutcome> outcomes(count);
-        for (KXCallOutcome& outcome : outcomes) {
-            start(&KXHTTPSessionManager::GET, "/inbox", nullptr, outcome);
-        }
-        EXPECT_TRUE(runUntil([&] {
-            return std::all_of(outcomes.begin(), outcomes.end(),
-                               [](const KXCallOutcome& o) { return o.callbacks() > 0; });
-        }));
-        drain();
-        return outcomes;
     }
 };
 
@@ -96,26 +83,44 @@ TEST_F(HostileService, TheDefaultBodyLimitIsSixteenMebibytes) {
     EXPECT_EQ(over.error->code, CURLE_FILESIZE_EXCEEDED);
 }
 
-TEST_F(HostileService, RequestsWaitingForATokenShareOneTokenRequest) {
+TEST_F(HostileService, RequestsWaitingForATokenShareOneTokenRequestAndUseItUntilItExpires) {
     service.scriptToken("shared-token");
-    for (const KXCallOutcome& outcome : getConcurrently(25)) {
+    for (const KXCallOutcome& outcome : getConcurrently(25, "/inbox")) {
         EXPECT_EQ(outcome.successes, 1);
     }
+    EXPECT_EQ(service.requests().front().path, "/token");
     EXPECT_EQ(service.requestsTo("/token").size(), 1u);
     const auto inbox = service.requestsTo("/inbox");
     ASSERT_EQ(inbox.size(), 25u);
     for (const KXRecordedRequest& request : inbox) {
         EXPECT_EQ(request.headers.at("Authorization"), "BEARER shared-token");
     }
+    ASSERT_TRUE(transport().bearerToken());
+    EXPECT_EQ(transport().bearerToken()->token(), "shared-token");
+
+    // A valid token is used as it is; an expired one is replaced before the request.
+    get("/inbox");
+    EXPECT_EQ(service.requestsTo("/token").size(), 1u);
+    service.scriptToken("renewed-token");
+    transport().setBearerToken(std::make_shared<KXBearerToken>("stale-token", clock.now() - 1s));
+    get("/inbox");
+    EXPECT_EQ(service.requestsTo("/inbox").back().headers.at("Authorization"),
+              "BEARER renewed-token");
+    EXPECT_EQ(service.requestsTo("/token").size(), 2u);
 }
 
-TEST_F(HostileService, TokenAnswersWithoutAUsableTokenFailEveryWaitingRequestOnce) {
+TEST_F(HostileService, TokenFailuresFailEveryWaitingRequestOnceWithoutAResponse) {
+    auto sink = KXCapturingSink::install();
     struct Case {
         const char* name;
         KXScriptedAnswer answer;
         std::int64_t code;
+        KXJSON userInfo = nullptr;
     };
+    const KXJSON invalid = {{"error", "invalid_client"}};
     const std::vector<Case> cases = {
+        {"refused", KXScriptedAnswer::json(401, invalid), 401, invalid},
+        {"dropped", KXScriptedAnswer::dropped(), CURLE_GOT_NOTHING},
         {"no lifetime left",
          KXScriptedAnswer::json(200, {{"access_token", "t"}, {"expires_in", 0}}),
          kKXTokenAnswerErrorCode},
@@ -136,21 +141,43 @@ TEST_F(HostileService, TokenAnswersWithoutAUsableTokenFailEveryWaitingRequestOnc
          KXScriptedAnswer::text(400, nested(100'000), "application/json"), 400},
     };
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
         KXLoopbackService fresh;
         pointEveryEndpointAt(fresh.baseURL());
         fresh.script("GET", "/inbox", KXScriptedAnswer::json(200, KXJSON::object()));
         fresh.script("POST", "/token", c.answer);
+        sink->clear();
 
-        for (const KXCallOutcome& outcome : getConcurrently(10)) {
-            ASSERT_TRUE(outcome.error) << c.name;
-            EXPECT_EQ(outcome.error->code, c.code) << c.name;
-            EXPECT_FALSE(outcome.error->description().empty());
+        for (const KXCallOutcome& outcome : getConcurrently(10, "/inbox")) {
+            EXPECT_FALSE(outcome.response);
+            ASSERT_TRUE(outcome.error);
+            EXPECT_EQ(outcome.error->code, c.code);
+            if (!c.userInfo.is_null()) {
+                EXPECT_EQ(outcome.error->userInfo, c.userInfo);
+            }
+            EXPECT_EQ(sink->linesContaining("ERROR: " + outcome.error->description()).size(), 10u);
         }
         platform->asioMainQueue().runFor(200ms);  // a renewal loop would show up meanwhile
-        EXPECT_EQ(fresh.requestsTo("/token").size(), 1u) << c.name;
-        EXPECT_TRUE(fresh.requestsTo("/inbox").empty()) << c.name;
-        EXPECT_FALSE(transport().bearerToken()) << c.name;
+        EXPECT_EQ(fresh.requestsTo("/token").size(), 1u);
+        EXPECT_TRUE(fresh.requestsTo("/inbox").empty()) << "no request goes out without a token";
+        EXPECT_FALSE(transport().bearerToken());
     }
+}
+
+TEST_F(HostileService, ATokenAnswerWithoutJSONLeavesTheRequestWaitingForever) {
+    service.script("POST", "/token", KXScriptedAnswer::text(200, "not json"));
+    KXCallOutcome outcome;
+    start(&KXHTTPSessionManager::GET, "/inbox", nullptr, outcome);
+    ASSERT_TRUE(service.waitForRequests(1, kPatience));
+    // Let the token answer reach the main queue and be dropped there.
+    platform->asioMainQueue().runFor(300ms);
+    EXPECT_EQ(KXTransportActivity::requestsWaitingForToken(), 1u);
+
+    // The dropped fetch does not hold up the next request: it asks for a token of its own.
+    service.scriptToken("later");
+    EXPECT_EQ(get("/inbox").successes, 1);
+    EXPECT_EQ(service.requestsTo("/token").size(), 2u);
+    EXPECT_EQ(outcome.callbacks(), 0);
 }
 
 TEST_F(HostileService, TheTokenRequestIsNeverRedirectedWhileRESTCallsKeepTheTokenInTheirOrigin) {

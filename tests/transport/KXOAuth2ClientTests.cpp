@@ -55,13 +55,20 @@ protected:
 
 }  // namespace
 
-TEST_F(OAuth2Client, AuthenticationPostsTheGrantAndStoresTokenAndCredential) {
+TEST_F(OAuth2Client, AuthenticationPostsTheGrantAndStoresTokenAndCredentialOnlyOnSuccess) {
+    // A refused grant stores nothing and starts no renewal timer.
+    service.script("POST", "/token", KXScriptedAnswer::json(401, KXJSON::object()));
+    EXPECT_EQ(authenticate().failures, 1);
+    EXPECT_FALSE(KXOAuthCredential::retrieveCredentialWithIdentifier(client.keychainId()));
+    EXPECT_EQ(client.backgroundTimer(), nullptr);
+
     service.scriptToken("token-1", 3600);
     EXPECT_EQ(client.keychainId(), "KXOAuthCredentialServiceclient-7");
     EXPECT_EQ(authenticate().successes, 1);
 
     const auto requests = service.requestsTo("/token");
-    ASSERT_EQ(requests.size(), 1u);
+    ASSERT_EQ(requests.size(), 2u);
+    EXPECT_EQ(requests[1].body, requests[0].body);
     EXPECT_EQ(requests[0].method, "POST");
     EXPECT_EQ(requests[0].headers.at("Content-Type"), "application/x-www-form-urlencoded");
     EXPECT_EQ(kxtest::formFields(requests[0].body),
@@ -143,6 +150,16 @@ TEST_F(OAuth2Client, TheRenewalComesOnTheTickThatReachesEightyPercent) {
     EXPECT_TRUE(timerRunning()) << "the saved token resumes it";
     EXPECT_EQ(client.expireInMinutes(), 47);
     EXPECT_LE(client.countOfMinutes(), 1) << "the count starts again";
+
+    // A failed renewal leaves the timer suspended and the old token in place.
+    service.script("POST", "/token", KXScriptedAnswer::json(503, KXJSON{{"error", "down"}}));
+    auto sink = KXCapturingSink::install();
+    client.setCountOfMinutes(46);
+    client.refreshBearerTokenIfNecessary();
+    ASSERT_TRUE(waitFor([&] { return logged(*sink, "Failed To Refresh Bearer Token"); }));
+    EXPECT_FALSE(timerRunning());
+    EXPECT_EQ(currentToken(), "token-2");
+    EXPECT_EQ(service.requestsTo("/token").size(), 3u);
 }
 
 TEST_F(OAuth2Client, AShortLivedTokenIsRenewedOnTheSecondTickNotInALoop) {
@@ -156,22 +173,6 @@ TEST_F(OAuth2Client, AShortLivedTokenIsRenewedOnTheSecondTickNotInALoop) {
     client.refreshBearerTokenIfNecessary();  // a minute later
     ASSERT_TRUE(waitFor([&] { return service.requestsTo("/token").size() == 2; }));
     platform->asioMainQueue().runFor(200ms);
-    EXPECT_EQ(service.requestsTo("/token").size(), 2u);
-}
-
-TEST_F(OAuth2Client, AFailedRenewalLeavesTheTimerSuspended) {
-    service.scriptToken("token-1", 3600);
-    authenticate();
-    ASSERT_TRUE(waitFor([&] { return client.countOfMinutes() == 1; }));
-
-    service.script("POST", "/token", KXScriptedAnswer::json(503, KXJSON{{"error", "down"}}));
-    auto sink = KXCapturingSink::install();
-    client.setCountOfMinutes(46);
-    client.refreshBearerTokenIfNecessary();
-    ASSERT_TRUE(waitFor([&] { return logged(*sink, "Failed To Refresh Bearer Token"); }));
-
-    EXPECT_FALSE(timerRunning());
-    EXPECT_EQ(currentToken(), "token-1") << "the old token stays in place";
     EXPECT_EQ(service.requestsTo("/token").size(), 2u);
 }
 
@@ -205,32 +206,6 @@ TEST_F(OAuth2Client, RenewalUsesTheCredentialInTheKeychain) {
     EXPECT_EQ(kxtest::formFields(service.requestsTo("/token").back().body),
               (std::map<std::string, std::string>{{"grant_type", "client_credentials"},
                                                   {"scope", "RETURN_ALL_CLIENT_SCOPES"}}));
-}
-
-TEST_F(OAuth2Client, AFailedFetchReportsTheErrorAndStoresNothing) {
-    transport().setBearerToken(std::make_shared<KXBearerToken>("kept", std::nullopt));
-    service.script("POST", "/token",
-                   KXScriptedAnswer::json(401, KXJSON{{"error", "invalid_client"}}));
-    const Result result = authenticate();
-    ASSERT_TRUE(result.error);
-    EXPECT_EQ(result.error->domain, NSOSStatusErrorDomain);
-    EXPECT_EQ(result.error->code, 401);
-    EXPECT_EQ(result.error->userInfo, (KXJSON{{"error", "invalid_client"}}));
-    EXPECT_EQ(currentToken(), "kept");
-    EXPECT_FALSE(KXOAuthCredential::retrieveCredentialWithIdentifier(client.keychainId()));
-    EXPECT_EQ(client.backgroundTimer(), nullptr);
-}
-
-TEST_F(OAuth2Client, ASuccessfulAnswerWithoutJSONIsDropped) {
-    service.script("POST", "/token",
-                   KXScriptedAnswer::text(200, "<html>maintenance</html>", "text/html"));
-    int calls = 0;
-    client.authenticateWithSuccess([&] { ++calls; }, [&](const KXError&) { ++calls; });
-    ASSERT_TRUE(service.waitForRequests(1, kPatience));
-    platform->asioMainQueue().runFor(300ms);
-    EXPECT_EQ(calls, 0);
-    EXPECT_FALSE(transport().bearerToken());
-    EXPECT_FALSE(KXOAuthCredential::retrieveCredentialWithIdentifier(client.keychainId()));
 }
 
 TEST_F(OAuth2Client, TheTokenHostFollowsInProduction) {

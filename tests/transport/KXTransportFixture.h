@@ -13,6 +13,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -162,5 +163,19 @@ protected:
 
     KXCallOutcome get(const std::string& path, const KXJSON& parameters = nullptr) {
         return call(&KXHTTPSessionManager::GET, path, parameters);
+    }
+
+    /// Starts `count` GETs of `path` at once and waits until every one has an outcome.
+    std::vector<KXCallOutcome> getConcurrently(std::size_t count, const std::string& path) {
+        std::vector<KXCallOutcome> outcomes(count);
+        for (KXCallOutcome& outcome : outcomes) {
+            start(&KXHTTPSessionManager::GET, path, nullptr, outcome);
+        }
+        EXPECT_TRUE(runUntil([&] {
+            return std::all_of(outcomes.begin(), outcomes.end(),
+                               [](const KXCallOutcome& o) { return o.callbacks() > 0; });
+        }));
+        drain();
+        return outcomes;
     }
 };
