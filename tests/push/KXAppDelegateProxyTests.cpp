@@ -394,7 +394,7 @@ TEST_F(LibraryDelegate, ATokenIsSavedAsLowercaseHexAndLoggedAndAnEmptyOneRefused
     for (std::size_t i = 0; i < wrapping.size(); ++i) {
         wrapping[i] = static_cast<std::uint8_t>(0xf0 + i);  // wraps past 0xff
     }
-    const std::pair<std::vector<std::uint8_t>, std::optional<std::string>> rows[] = {
+    const std::vector<std::pair<std::vector<std::uint8_t>, std::optional<std::string>>> rows = {
         {{}, std::nullopt},
         {{0xde, 0xad, 0xbe, 0xef}, "deadbeef"},
         {{0x0a, 0x0b, 0x00, 0xff, 0x7f}, "0a0b00ff7f"},

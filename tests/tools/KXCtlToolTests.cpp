@@ -81,8 +81,8 @@ TEST_F(KXCtlTool, AnAnswerThatTakesTooLongEndsWithThree) {
     KXScriptedAnswer slow = KXScriptedAnswer::json(200, KXJSON::object());
     slow.delay = 8s;
     service.script("GET", kBase + "/slow", slow);
-    const ProcessResult result = kxctl({"--timeout", "1", "call", "GET", "/slow"});
-    EXPECT_EQ(result.exitCode, 3) << result.err;
+    expectOutcome({{"call", "GET", "/slow"}, 3, "kxctl: no answer within 1 s"},
+                  kxctl({"--timeout", "1", "call", "GET", "/slow"}));
 }
 
 TEST_F(KXCtlTool, EngagePrintsWhereTheLibraryIsConnectedOnceTheTokenIsThere) {

@@ -112,19 +112,6 @@ protected:
         all.insert(all.end(), arguments.begin(), arguments.end());
         return kxctlAlone(all);
     }
-
-    /// "METHOD path" of the requests, the token's left out, the base path cut off.
-    Lines targets() const {
-        Lines lines;
-        for (const auto& request : service.requests()) {
-            if (request.path != "/token") {
-                lines.push_back(request.method + " " +
-                                (request.path.starts_with(kBase) ? request.path.substr(kBase.size())
-                                                                 : request.path));
-            }
-        }
-        return lines;
-    }
 };
 
 }  // namespace kxtools

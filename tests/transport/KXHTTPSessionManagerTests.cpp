@@ -27,7 +27,7 @@ TEST_F(HTTPSessionManager, Only2xxSucceedsWithAnObjectOrArrayAndOthersFailWithTh
         KXScriptedAnswer answer;
         KXJSON expected;  // the object of a success, the user info of a failure
     };
-    const Row rows[] = {
+    const std::vector<Row> rows = {
         {A::json(200, {{"status", 200}}), {{"status", 200}}},
         {A::json(201, {{"status", 201}}), {{"status", 201}}},
         {A::json(299, KXJSON::array({1, 2, 3})), KXJSON::array({1, 2, 3})},
@@ -74,7 +74,7 @@ TEST_F(HTTPSessionManager, Only2xxSucceedsWithAnObjectOrArrayAndOthersFailWithTh
 
 TEST_F(HTTPSessionManager, JSONRequestsCarryTheTokenHeadersAndABodyForEveryMethod) {
     const KXJSON parameters = {{"offset", 0}, {"name", "a b"}};
-    const std::tuple<Verb, std::string, KXJSON> calls[] = {
+    const std::vector<std::tuple<Verb, std::string, KXJSON>> calls = {
         {&KXHTTPSessionManager::GET, "GET", parameters},
         {&KXHTTPSessionManager::POST, "POST", parameters},
         {&KXHTTPSessionManager::PUT, "PUT", parameters},
@@ -192,9 +192,10 @@ TEST_F(HTTPSessionManager, TransportFailuresGiveAURLErrorWithoutResponse) {
         freePort = gone.port();
     }
     const std::string refused = "http://127.0.0.1:" + std::to_string(freePort) + "/x";
-    const std::pair<std::string, std::int64_t> rows[] = {{"/garbage", CURLE_UNSUPPORTED_PROTOCOL},
-                                                         {"/unsized", CURLE_FILESIZE_EXCEEDED},
-                                                         {refused, CURLE_COULDNT_CONNECT}};
+    const std::vector<std::pair<std::string, std::int64_t>> rows = {
+        {"/garbage", CURLE_UNSUPPORTED_PROTOCOL},
+        {"/unsized", CURLE_FILESIZE_EXCEEDED},
+        {refused, CURLE_COULDNT_CONNECT}};
     for (const auto& [path, code] : rows) {
         SCOPED_TRACE(path);
         const KXCallOutcome outcome = get(path);
