@@ -75,9 +75,9 @@ void postRegistration(const std::function<KXJSON()>& buildBody,
 }
 
 // The token-list rule after an update of stored token `updated`'s profile succeeded: shortens
-// the stored list when it holds three or more tokens and not `updated`. The only caller passes a token taken from that same list, so as the
-// reconciliation stands the list is never shortened here; the rule is kept for callers that
-// update a profile for a token not (or no longer) stored.
+// the stored list when it holds three or more tokens and not `updated`. The only caller passes a
+// token taken from that same list, so as the reconciliation stands the list is never shortened
+// here; the rule is kept for callers that update a profile for a token not (or no longer) stored.
 void applyTokenListRule(bool updateSucceeded, const std::vector<std::string>& storedTokens,
                         const std::string& updated) {
     if (!updateSucceeded) {
