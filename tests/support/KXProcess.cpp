@@ -58,6 +58,10 @@ ProcessResult runProcess(const std::filesystem::path& program,
     if (input.empty()) {
         close(inFd);
         inFd = -1;
+    } else {
+        // Non-blocking, so that a write larger than the pipe's room returns what fitted instead
+        // of waiting for a child that is itself waiting for its output to be read.
+        fcntl(inFd, F_SETFL, fcntl(inFd, F_GETFL) | O_NONBLOCK);
     }
     bool outOpen = true, errOpen = true;
     while (outOpen || errOpen || inFd >= 0) {
@@ -83,7 +87,8 @@ ProcessResult runProcess(const std::filesystem::path& program,
             if (n > 0) {
                 written += static_cast<std::size_t>(n);
             }
-            if (n <= 0 || written == input.size()) {
+            const bool retry = n < 0 && (errno == EAGAIN || errno == EINTR);
+            if ((n <= 0 && !retry) || written == input.size()) {
                 close(inFd);
                 inFd = -1;
             }
