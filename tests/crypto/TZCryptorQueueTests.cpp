@@ -30,7 +30,9 @@ const Bytes kHMACKey = patternBytes(32, 2);
 TEST(TZCryptorQueues, HandlerRunsOnAForeignResponseQueueOneCallAtATime) {
     // The response queue lives on an io_context this thread runs: every handler call happens
     // here, in order, and the work queue waits for each one.
-    asio::io_context context;
+    // The cryptor's worker may still be returning from handing over the last piece when the
+    // test ends, so the context it hands pieces to lives until the process ends.
+    static asio::io_context& context = *new asio::io_context;
     auto keepRunning = asio::make_work_guard(context);
     auto strand = asio::make_strand(context);
     const auto plain = patternBytes(900 * 1024, 3);
