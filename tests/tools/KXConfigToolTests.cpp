@@ -38,7 +38,7 @@ void PrintTo(const Refusal& r, std::ostream* os) {
     *os << r.name;
 }
 
-const Refusal kRefusals[] = {
+const std::vector<Refusal> kRefusals = {
     {"NoCommand", {}, 2, ""},
     {"AnUnknownCommand", {"frobnicate"}, 2, ""},
     {"OpenWithoutKey", {"open", "DIR/KXConfig.enc"}, 2, "--key"},

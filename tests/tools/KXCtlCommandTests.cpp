@@ -91,7 +91,7 @@ void PrintTo(const CommandCase& c, std::ostream* os) {
 
 const Script kGuestG1{"GET", "/guests/g1", KXScriptedAnswer::json(200, serviceGuest("g1"))};
 
-const CommandCase kCommandCases[] = {
+const std::vector<CommandCase> kCommandCases = {
     {"RegisterWithServiceChosenId",
      {"guest", "register"},
      registration("N1"),

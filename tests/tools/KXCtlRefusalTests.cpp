@@ -27,7 +27,7 @@ const std::string kPlaceholder =
     "auth.kx-staging.invalid is a placeholder, not the service: give its address with "
     "--endpoint staging-token=URL";
 
-const Refusal kRefusals[] = {
+const std::vector<Refusal> kRefusals = {
     {"NoCommand", {}, 2, ""},
     {"AnUnknownCommand", {"frobnicate"}, 2, ""},
     {"NoKey", {"--config", "DIR/KXConfig.enc", "token"}, 2, "", true},
@@ -142,7 +142,7 @@ INSTANTIATE_TEST_SUITE_P(Arguments, KXCtlRefusal, testing::ValuesIn(kRefusals),
 
 TEST_F(KXCtlHostileAnswer, AnswersTooDeepToPrintEndWithAnErrorLine) {
     service.scriptToken("tok");
-    const std::pair<int, KXJSON> cases[] = {
+    const std::vector<std::pair<int, KXJSON>> cases = {
         {200, errorLine(3840, {{"NSLocalizedDescription", "JSON nested deeper than 512 levels"}},
                         "NSCocoaErrorDomain")},
         {500, errorLine(500, nullptr)},

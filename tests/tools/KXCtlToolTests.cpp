@@ -87,11 +87,12 @@ TEST_F(KXCtlTool, AnAnswerThatTakesTooLongEndsWithThree) {
 
 TEST_F(KXCtlTool, EngagePrintsWhereTheLibraryIsConnectedOnceTheTokenIsThere) {
     service.scriptToken("tok-1");
-    const struct {
+    struct Case {
         std::vector<std::string> arguments;
         bool backgroundMode;  // an Info.plist with the remote-notification background mode
         KXJSON line;
-    } cases[] = {
+    };
+    const std::vector<Case> cases = {
         {{"engage"},
          false,
          {{"ready", true},

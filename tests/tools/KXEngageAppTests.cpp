@@ -67,7 +67,7 @@ TEST_F(KXEngageApp, EveryExampleAnswersHelpAndRefusesWhatItCannotRun) {
         EXPECT_EQ(help.out.rfind("usage: example_", 0), 0u) << name << help.out;
         EXPECT_EQ(kxtest::runProcess(example(name), {"--frobnicate"}).exitCode, 2) << name;
     }
-    const Outcome refusals[] = {
+    const std::vector<Outcome> refusals = {
         {{"--config", config.string(), "--key", "not-the-key"}, 1, "wrong key or damaged file"},
         {{"--config", (directory / "config.plist").string(), "--key", kKey}, 2, ""},
     };
