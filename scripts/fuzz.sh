@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets (preset "fuzz": clang, AddressSanitizer, UndefinedBehaviorSanitizer,
-# optimised with -O1, without which the parsers run about ten times slower) and runs every fuzz_* program for SECONDS seconds each, starting from a seed corpus generated
-# here, the hand-written seeds in tests/fuzz/seeds/<target>/ and the kept corpus in
+# optimised with -O1, without which the parsers run about ten times slower) and runs every
+# fuzz_* program for SECONDS seconds each, starting from a seed corpus generated here, the
+# hand-written seeds in tests/fuzz/seeds/<target>/ and the kept corpus in
 # tests/fuzz/corpus/<target>/. Exits non-zero as soon as a target reports a finding; its input is
 # kept under build/fuzz/findings/<target>/.
 # Targets: fuzz_json_answer (the decoder of the service's answers), fuzz_guest_parser,
