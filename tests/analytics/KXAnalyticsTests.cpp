@@ -332,7 +332,7 @@ TEST_F(AnalyticsLifeCycle, AnEndWithoutAStartedSessionGoesToAnEmptyIdentifier) {
     script(route(), {failed()});
     script(route(""), {failed()});
     application().postEvent(KXApplicationEvent::DidBecomeActive);
-    ASSERT_TRUE(waitFor([&] { return logCount("Attempt # ") >= 4; }));
+    ASSERT_TRUE(waitFor([&] { return logCount("Attempt # ") >= 3; }));
     drain(300ms);
     EXPECT_EQ(session().sessionState(), KXSessionStateNew);
     const auto entered = std::chrono::steady_clock::now();
