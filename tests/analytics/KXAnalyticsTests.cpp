@@ -37,10 +37,7 @@ protected:
         kxLogLevel = 4;
     }
 
-    ~KXAnalyticsTest() override {
-        KXAnalytics::setEngaged(nullptr);
-        engine.reset();
-    }
+    ~KXAnalyticsTest() override { KXAnalytics::setEngaged(nullptr); }
 
     KXSession& session() { return KXSession::currentSession(); }
 
@@ -54,11 +51,9 @@ protected:
         session().setSessionId(std::move(sessionId));
     }
 
-    /// The start route, or the update route of `sessionId`.
     static std::string route(const std::optional<std::string>& sessionId = {}) {
         return sessionId ? std::string(kSessions) + "/" + *sessionId : kSessions;
     }
-    /// Where a post of a session in `state` with `sessionId` goes.
     static std::string route(KXSessionState state, const std::string& sessionId) {
         return state == KXSessionStateNew ? kSessions : route(sessionId);
     }
@@ -213,8 +208,8 @@ TEST_F(KXAnalyticsTest, AGuestChangePostsThroughTheEngagedEngineWithItsTimerStop
         EXPECT_EQ(session().remoteBroadcastIds()->empty(), c.succeeds);
         // Restarting the timer did not make another tick due: only the guest-change post went.
         EXPECT_EQ(service.requests().size() - before, c.succeeds ? 1U : 3U);
-        const KXJSON body = KXJSON::parse(service.requests().back().body);
-        EXPECT_EQ(body.value("isClosed", false), c.state == KXSessionStateEnded);
+        EXPECT_EQ(bodiesTo(route(c.state, "s-g")).back().value("isClosed", false),
+                  c.state == KXSessionStateEnded);
     }
     EXPECT_EQ(session().sessionState(), KXSessionStateNew);
     EXPECT_EQ(session().sessionId(), "s-g");
@@ -234,9 +229,7 @@ TEST_F(KXAnalyticsTest, TimerTicksPostUpdatesFromTheBackgroundQueueUntilTheEngin
     // The interval is the configuration's when the timer was made.
     KXConfig::defaultConfig().setAnalyticsSessionInterval(90);
     engine->stopTimer();
-    EXPECT_FALSE(engine->backgroundTimer()->isRunning());
     engine->startTimer();
-    EXPECT_TRUE(engine->backgroundTimer()->isRunning());
     EXPECT_EQ(engine->backgroundTimer()->interval(), 1.0);
     // Pushes arrive on the main thread while ticks come from the background queue.
     std::atomic<int> handled{0};
