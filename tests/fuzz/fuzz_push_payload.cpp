@@ -32,6 +32,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     session.setCurrentDate(received);
     session.reset();
     session.remoteBroadcastIds()->push_back(broadcast);
+    // The document nodes fill in objects only and refuse anything else, leaving it as it was.
+    using Node = bool (KXSession::*)(KXJSON&) const;
+    for (const Node node : {&KXSession::setStartRootNode, &KXSession::setEndRootNode,
+                            &KXSession::setGuestSessionNode, &KXSession::setDeviceDataNode,
+                            &KXSession::setLocationNode, &KXSession::setRemoteBroadcastNode}) {
+        KXJSON untouched = payload;
+        if (!payload.is_object() && ((session.*node)(untouched) || untouched != payload)) {
+            __builtin_trap();
+        }
+    }
     KXJSON document = KXJSON::object();
     session.setStartRootNode(document);
     session.setEndRootNode(document);

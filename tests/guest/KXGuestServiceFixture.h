@@ -71,7 +71,7 @@ struct KXGuestLog : KXEventLog {
 
 /// Every property of `guest` under its own name; absent values are null.
 inline KXJSON describeGuest(const KXGuest& guest) {
-    KXJSON profiles;
+    KXJSON profiles = guest.deliveryProfiles() ? KXJSON::array() : KXJSON();
     for (const auto& profile : guest.deliveryProfiles().value_or(KXGuest::Profiles{})) {
         KXJSON memberships = KXJSON::array();
         for (const auto& membership : profile->memberships()) {
@@ -89,9 +89,6 @@ inline KXJSON describeGuest(const KXGuest& guest) {
                                            {"attributes", address->attributes()},
                                            {"enabled", address->enabled()}})
                                  : KXJSON()}});
-    }
-    if (guest.deliveryProfiles() && profiles.is_null()) {
-        profiles = KXJSON::array();
     }
     return {{"externalId", optionalJSON(guest.externalId())},
             {"externalIdType", optionalJSON(guest.externalIdType())},
@@ -166,11 +163,6 @@ protected:
         kxSetInboxSummaryFetcher(nullptr);
     }
 
-    /// "<base URI><suffix>", the path the service sees.
-    static std::string path(const std::string& suffix) {
-        return KXSessionManager::kxBaseURI() + suffix;
-    }
-
     /// Every request as "METHOD suffix", the suffix after the base URI.
     Lines sentRequests() const {
         const std::string base = KXSessionManager::kxBaseURI();
@@ -185,8 +177,8 @@ protected:
     /// Scripts `answer` for `request`, "METHOD suffix" (a query in the suffix is ignored).
     void answer(const std::string& request, KXScriptedAnswer answer) {
         const auto blank = request.find(' ');
-        const std::string suffix = request.substr(blank + 1);
-        service.script(request.substr(0, blank), path(suffix.substr(0, suffix.find('?'))),
+        const std::string suffix = request.substr(blank + 1, request.find('?') - blank - 1);
+        service.script(request.substr(0, blank), KXSessionManager::kxBaseURI() + suffix,
                        std::move(answer));
     }
 

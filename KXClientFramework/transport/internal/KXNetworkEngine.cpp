@@ -4,7 +4,9 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <unordered_map>
@@ -22,6 +24,14 @@ std::string trim(std::string_view text) {
         --end;
     }
     return std::string(text.substr(begin, end - begin));
+}
+
+bool isSecureURL(std::string_view url) {
+    constexpr std::string_view kScheme = "https://";
+    return url.size() >= kScheme.size() &&
+           std::equal(kScheme.begin(), kScheme.end(), url.begin(), [](char a, char b) {
+               return a == std::tolower(static_cast<unsigned char>(b));
+           });
 }
 
 std::string userAgent() {
@@ -237,10 +247,12 @@ void KXNetworkEngine::Impl::configure(CURL* handle, Transfer& transfer) {
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, transfer.errorBuffer);
     curl_easy_setopt(handle, CURLOPT_USERAGENT, agent.c_str());
-    // HTTP/2 over TLS when the server offers it; a new transfer waits for a connection that
-    // is being set up instead of opening a second one, so it can multiplex on it.
+    // HTTP/2 over TLS when the server offers it; a new https transfer waits for a connection
+    // that is being set up instead of opening a second one, so it can multiplex on it. Plain
+    // http is HTTP/1.1 only, but libcurl learns that from the first answer alone: waiting there
+    // would hold every other transfer back until that answer came.
     curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
-    curl_easy_setopt(handle, CURLOPT_PIPEWAIT, 1L);
+    curl_easy_setopt(handle, CURLOPT_PIPEWAIT, isSecureURL(request.URL) ? 1L : 0L);
     curl_easy_setopt(handle, CURLOPT_TCP_KEEPALIVE, 1L);
     curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, "");
     // libcurl leaves a custom Authorization header out of a request to another scheme, host or
