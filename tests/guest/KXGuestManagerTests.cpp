@@ -126,6 +126,11 @@ const RefusalCase kRefusalCases[] = {
     {KX_GUEST_CALL(M::APNSDeliveryProfileEnable, true),
      "APNSDeliveryProfileEnable error: invalid guest delivery profile",
      [] { KXDevice::currentDevice().deleteDeviceToken(); }},
+    {KX_GUEST_CALL(M::APNSDeliveryProfileEnable, true),
+     "APNSDeliveryProfileEnable error: invalid guest delivery profile",
+     [] {
+         haveGuest(guestJSON("g1", {{{"address", apnsAddress("aa")["address"]}}}));
+     }},
     {KX_GUEST_CALL(M::inboxDeliveryProfileEnable, true),
      "inboxDeliveryProfileEnable error: Inbox delivery profile is nil or empty",
      [] { KXConfig::defaultConfig().setInboxDomainId("dom"); }},
