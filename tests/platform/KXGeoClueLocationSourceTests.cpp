@@ -249,8 +249,6 @@ public:
             g_main_loop_run(loop_);
             g_main_context_pop_thread_default(context_);
         });
-        // Added from this thread while the agent's thread answers GeoClue's questions; refused
-        // until GeoClue has taken its name.
         registered_ = answer.get() && waitFor([this] { return addAgent(); }, 10s);
     }
     ~TestAgent() {
