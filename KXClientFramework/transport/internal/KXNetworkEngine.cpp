@@ -26,6 +26,7 @@ std::string trim(std::string_view text) {
     return std::string(text.substr(begin, end - begin));
 }
 
+// Whether `url` has the https scheme, in any case ("HTTPS://" is https too).
 bool isSecureURL(std::string_view url) {
     constexpr std::string_view kScheme = "https://";
     return url.size() >= kScheme.size() &&
@@ -252,7 +253,8 @@ void KXNetworkEngine::Impl::configure(CURL* handle, Transfer& transfer) {
     // http is HTTP/1.1 only, but libcurl learns that from the first answer alone: waiting there
     // would hold every other transfer back until that answer came.
     curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
-    curl_easy_setopt(handle, CURLOPT_PIPEWAIT, isSecureURL(request.URL) ? 1L : 0L);
+    const bool secure = isSecureURL(request.URL);
+    curl_easy_setopt(handle, CURLOPT_PIPEWAIT, secure ? 1L : 0L);
     curl_easy_setopt(handle, CURLOPT_TCP_KEEPALIVE, 1L);
     curl_easy_setopt(handle, CURLOPT_ACCEPT_ENCODING, "");
     // libcurl leaves a custom Authorization header out of a request to another scheme, host or
@@ -261,8 +263,7 @@ void KXNetworkEngine::Impl::configure(CURL* handle, Transfer& transfer) {
     curl_easy_setopt(handle, CURLOPT_MAXREDIRS, 10L);
     curl_easy_setopt(handle, CURLOPT_UNRESTRICTED_AUTH, 0L);
     curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR,
-                     request.URL.rfind("https:", 0) == 0 ? "https" : "http,https");
+    curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, secure ? "https" : "http,https");
     const long timeout = static_cast<long>(std::max<std::int64_t>(1, request.timeout.count()));
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, timeout);
     curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, timeout);
