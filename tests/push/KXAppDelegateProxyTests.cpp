@@ -1,6 +1,5 @@
-// The application-delegate dispatcher: what it claims to implement, whom it forwards each
-// callback to and in which order, the background-notification fan-out and its merge, and the
-// library's own delegate behind it.
+// The application-delegate dispatcher: what it claims, whom it forwards each callback to and in
+// which order, the background-notification fan-out and its merge; the library's own delegate.
 #include "KXCapturingSink.h"
 #include "KXTestPlatform.h"
 
@@ -10,227 +9,141 @@
 #include <KXClientFramework/KXDevice.h>
 #include <KXClientFramework/KXException.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <memory>
 #include <set>
-#include <string>
 #include <thread>
-#include <vector>
 
 using Callback = KXApplicationDelegateCallback;
 using Result = KXBackgroundFetchResult;
+using Results = std::vector<Result>;
 using Strings = std::vector<std::string>;
+using Handler = std::function<void(Result)>;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
 
 namespace {
 
-using Handler = std::function<void(Result)>;
-
-// The application's delegate: claims the callbacks it is told to, records every call it gets
-// (claimed or not) and keeps the background-notification handlers it is given.
-class AppDelegate : public KXApplicationDelegate {
+// A delegate that records every call it gets as "<who> <call>" and keeps the background-
+// notification handlers it is given (so that a test can answer through them), then does what
+// the library's delegate does. As the application's delegate it claims only `claimed` (and
+// Description); as the library's, what the library's delegate claims.
+class Recorder : public KXClientFrameworkAppDelegate {
 public:
-    AppDelegate(Strings& log, std::set<Callback> implemented)
-        : log_(log), implemented_(std::move(implemented)) {}
+    Recorder(std::string who, Strings& log, std::optional<std::set<Callback>> claimed = {})
+        : who_(std::move(who)), log_(log), claimed_(std::move(claimed)) {}
 
-    bool respondsTo(Callback callback) const override {
-        return callback == Callback::Description || implemented_.count(callback) > 0;
+    bool respondsTo(Callback c) const override {
+        return claimed_ ? c == Callback::Description || claimed_->count(c) > 0
+                        : KXClientFrameworkAppDelegate::respondsTo(c);
     }
     bool didFinishLaunching(KXApplication&, const KXJSON&) override {
-        log_.push_back("app didFinishLaunching");
+        note("didFinishLaunching");
         return launchResult;
     }
-    void didBecomeActive(KXApplication&) override { log_.push_back("app didBecomeActive"); }
+    void didBecomeActive(KXApplication&) override { note("didBecomeActive"); }
     void didRegisterForRemoteNotificationsWithDeviceToken(
-        KXApplication&, const std::vector<std::uint8_t>& token) override {
-        log_.push_back("app token " + std::to_string(token.size()));
+        KXApplication& app, const std::vector<std::uint8_t>& token) override {
+        note("token " + std::to_string(token.size()));
+        KXClientFrameworkAppDelegate::didRegisterForRemoteNotificationsWithDeviceToken(app, token);
     }
-    void didReceiveRemoteNotification(KXApplication&, const KXJSON& info) override {
-        log_.push_back("app remote " + info.dump());
+    void didReceiveRemoteNotification(KXApplication& app, const KXJSON& info, Handler h) override {
+        note("remote+handler " + info.dump());
+        handlers.push_back(h);
+        KXClientFrameworkAppDelegate::didReceiveRemoteNotification(app, info, std::move(h));
     }
-    void didReceiveRemoteNotification(KXApplication&, const KXJSON& info,
-                                      Handler handler) override {
-        log_.push_back("app remote+handler " + info.dump());
-        handlers.push_back(std::move(handler));
-    }
-    void handleActionWithIdentifier(KXApplication&, const std::string& identifier, const KXJSON&,
-                                    std::function<void()> completion) override {
-        log_.push_back("app action " + identifier);
-        completion();
+    void handleActionWithIdentifier(KXApplication& app, const std::string& identifier,
+                                    const KXJSON& info, std::function<void()> completion) override {
+        note("action " + identifier);
+        KXClientFrameworkAppDelegate::handleActionWithIdentifier(app, identifier, info,
+                                                                 std::move(completion));
     }
     std::string description() const override {
-        log_.push_back("app description");
-        return "<AppDelegate>";
+        note("description");
+        return "<" + who_ + ">";
     }
 
     bool launchResult = false;
     std::vector<Handler> handlers;
 
 private:
+    void note(const std::string& call) const { log_.push_back(who_ + " " + call); }
+
+    std::string who_;
     Strings& log_;
-    std::set<Callback> implemented_;
-};
-
-// The library's delegate with its calls recorded; each callback still does what the library's
-// delegate does. It keeps the background-notification handlers so that a test can answer
-// through them (the real one never answers).
-class RecordingLibraryDelegate : public KXClientFrameworkAppDelegate {
-public:
-    explicit RecordingLibraryDelegate(Strings& log) : log_(log) {}
-
-    void didRegisterForRemoteNotificationsWithDeviceToken(
-        KXApplication& app, const std::vector<std::uint8_t>& token) override {
-        log_.push_back("library token " + std::to_string(token.size()));
-        KXClientFrameworkAppDelegate::didRegisterForRemoteNotificationsWithDeviceToken(app, token);
-    }
-    void didReceiveRemoteNotification(KXApplication& app, const KXJSON& info,
-                                      Handler handler) override {
-        log_.push_back("library remote+handler " + info.dump());
-        handlers.push_back(handler);
-        KXClientFrameworkAppDelegate::didReceiveRemoteNotification(app, info, std::move(handler));
-    }
-    void handleActionWithIdentifier(KXApplication& app, const std::string& identifier,
-                                    const KXJSON& info, std::function<void()> completion) override {
-        log_.push_back("library action " + identifier);
-        KXClientFrameworkAppDelegate::handleActionWithIdentifier(app, identifier, info,
-                                                                 std::move(completion));
-    }
-    std::string description() const override {
-        log_.push_back("library description");
-        return "<library>";
-    }
-
-    std::vector<Handler> handlers;
-
-private:
-    Strings& log_;
+    std::optional<std::set<Callback>> claimed_;
 };
 
 class KXAppDelegateProxyTest : public testing::Test {
 protected:
-    void SetUp() override {
-        platform = KXTestPlatform::install();
-        KXClientFramework::sharedManager().setBackgroundNotificationEnabled(false);
-    }
+    void SetUp() override { setBackgroundMode(false); }
 
-    // A proxy around an application delegate implementing `implemented` and a recording
-    // library delegate, installed as the application's delegate.
-    void install(std::set<Callback> implemented) {
-        app = std::make_shared<AppDelegate>(log, std::move(implemented));
-        library = std::make_shared<RecordingLibraryDelegate>(log);
+    // A proxy around an application delegate claiming `claimed` and a recording library
+    // delegate, installed as the application's delegate.
+    void install(std::set<Callback> claimed) {
+        app = std::make_shared<Recorder>("app", log, claimed);
+        library = std::make_shared<Recorder>("library", log);
         proxy = std::make_shared<KXClientFrameworkAppDelegateProxy>();
         proxy->setOriginalAppDelegate(app);
         proxy->setZandrelAppDelegate(library);
         application().setDelegate(proxy);
     }
 
+    // Hands a background notification to the proxy; what it completes with lands in `results`.
+    void notify(const KXJSON& info = KXJSON::object()) {
+        proxy->didReceiveRemoteNotification(application(), info,
+                                            [this](Result r) { results.push_back(r); });
+    }
+
+    void setBackgroundMode(bool on) {
+        KXClientFramework::sharedManager().setBackgroundNotificationEnabled(on);
+    }
     KXApplication& application() { return platform->application(); }
 
-    std::shared_ptr<KXTestPlatform> platform;
+    std::shared_ptr<KXTestPlatform> platform = KXTestPlatform::install();
     Strings log;
-    std::shared_ptr<AppDelegate> app;
-    std::shared_ptr<RecordingLibraryDelegate> library;
+    Results results;
+    std::shared_ptr<Recorder> app;
+    std::shared_ptr<Recorder> library;
     std::shared_ptr<KXClientFrameworkAppDelegateProxy> proxy;
 };
 
+constexpr Callback kBackground = Callback::DidReceiveRemoteNotificationWithCompletionHandler;
+
 }  // namespace
 
-// ---------------------------------------------------------------------------------------------
-// What the proxy claims
-
-TEST_F(KXAppDelegateProxyTest, ClaimsWhatEitherDelegateImplementsButNotEveryObjectsCallbacks) {
+TEST_F(KXAppDelegateProxyTest, ClaimsWhatEitherDelegateImplementsAndNeedsTheApplicationsToForward) {
     install({Callback::DidBecomeActive});
     EXPECT_TRUE(proxy->respondsTo(Callback::DidBecomeActive));             // the application's
     EXPECT_FALSE(proxy->respondsTo(Callback::WillResignActive));           // nobody's
     EXPECT_TRUE(proxy->respondsTo(Callback::HandleActionWithIdentifier));  // the library's
-    EXPECT_TRUE(proxy->respondsTo(Callback::DidRegisterForRemoteNotificationsWithDeviceToken));
-    EXPECT_TRUE(proxy->respondsTo(Callback::Description));  // the application's
-
+    EXPECT_TRUE(proxy->respondsTo(Callback::Description));                 // the application's
     EXPECT_TRUE(proxy->zandrelDelegateRespondsToSelector(Callback::HandleActionWithIdentifier));
     EXPECT_FALSE(proxy->zandrelDelegateRespondsToSelector(Callback::Description));
     EXPECT_FALSE(proxy->zandrelDelegateRespondsToSelector(Callback::DidBecomeActive));
+    // The background variant needs the background mode, although the library's delegate has it.
+    EXPECT_FALSE(proxy->respondsTo(kBackground));
+    setBackgroundMode(true);
+    EXPECT_TRUE(proxy->respondsTo(kBackground));
 
-    // Without an application delegate, Description is nobody's: the library's delegate does
-    // not take over what every object answers.
+    setBackgroundMode(false);
+    install({kBackground});
+    EXPECT_TRUE(proxy->respondsTo(kBackground));
+    // Without an application delegate, Description is nobody's: the library's delegate does not
+    // take over what every object answers.
     proxy->setOriginalAppDelegate(nullptr);
+    EXPECT_FALSE(proxy->respondsTo(kBackground));
     EXPECT_FALSE(proxy->respondsTo(Callback::Description));
     EXPECT_TRUE(proxy->respondsTo(Callback::DidRegisterUserNotificationSettings));
-
-    proxy->setZandrelAppDelegate(nullptr);
-    EXPECT_FALSE(proxy->zandrelDelegateRespondsToSelector(Callback::HandleActionWithIdentifier));
-    EXPECT_FALSE(proxy->respondsTo(Callback::HandleActionWithIdentifier));
-}
-
-TEST_F(KXAppDelegateProxyTest, BackgroundNotificationIsClaimedByTheBackgroundModeOrTheApplication) {
-    constexpr Callback background = Callback::DidReceiveRemoteNotificationWithCompletionHandler;
-    KXClientFramework& manager = KXClientFramework::sharedManager();
-
-    install({});
-    manager.setBackgroundNotificationEnabled(false);
-    EXPECT_FALSE(proxy->respondsTo(background));  // although the library's delegate has it
-    manager.setBackgroundNotificationEnabled(true);
-    EXPECT_TRUE(proxy->respondsTo(background));
-
-    install({background});
-    manager.setBackgroundNotificationEnabled(false);
-    EXPECT_TRUE(proxy->respondsTo(background));
-
-    proxy->setOriginalAppDelegate(nullptr);
-    EXPECT_FALSE(proxy->respondsTo(background));
-
-    // Without the background mode the system uses the older callback.
-    install({Callback::DidReceiveRemoteNotification});
-    std::vector<Result> results;
-    application().deliverRemoteNotification({{"aps", {{"alert", "hi"}}}},
-                                            [&](Result r) { results.push_back(r); });
-    EXPECT_EQ(log, (Strings{R"(app remote {"aps":{"alert":"hi"}})"}));
-    EXPECT_EQ(results, (std::vector<Result>{Result::NoData}));  // from the application object
-}
-
-// ---------------------------------------------------------------------------------------------
-// Forwarding
-
-TEST_F(KXAppDelegateProxyTest, ACallbackBothImplementRunsOnTheLibraryDelegateFirst) {
-    install({Callback::DidRegisterForRemoteNotificationsWithDeviceToken,
-             Callback::HandleActionWithIdentifier});
-    application().deliverDeviceToken(std::vector<std::uint8_t>(32, 0xab));
-    int completions = 0;
-    application().deliverAction("ACCEPT_IDENTIFIER", KXJSON::object(), [&] { ++completions; });
-
-    EXPECT_EQ(log, (Strings{"library token 32", "app token 32", "library action ACCEPT_IDENTIFIER",
-                            "app action ACCEPT_IDENTIFIER"}));
-    EXPECT_EQ(completions, 2);  // each delegate completes the handler it was given
-    std::string expected;
-    for (int i = 0; i < 32; ++i) {
-        expected += "ab";
-    }
-    EXPECT_EQ(KXDevice::currentDevice().deviceToken(), expected);
-}
-
-TEST_F(KXAppDelegateProxyTest, OtherCallbacksAndResultsGoToTheApplicationDelegateOnly) {
-    install({Callback::DidBecomeActive, Callback::DidFinishLaunching});
-    application().postEvent(KXApplicationEvent::DidBecomeActive);
-    application().deliverDeviceToken({0x01});  // the library's alone
-    for (const bool result : {false, true}) {
-        app->launchResult = result;
-        EXPECT_EQ(proxy->didFinishLaunching(application(), KXJSON::object()), result);
-    }
-    install({});
-    proxy->didBecomeActive(application());  // unclaimed, still the application's
-    EXPECT_EQ(proxy->description(), "<AppDelegate>");
-    EXPECT_EQ(log, (Strings{"app didBecomeActive", "library token 1", "app didFinishLaunching",
-                            "app didFinishLaunching", "app didBecomeActive", "app description"}));
-}
-
-TEST_F(KXAppDelegateProxyTest, ForwardingWithoutAnApplicationDelegateThrows) {
-    install({});
-    proxy->setOriginalAppDelegate(nullptr);
-    const std::vector<std::uint8_t> token{0x0a, 0x0b};
-
+    // Forwarding without it throws, before the library's delegate runs.
     try {
-        application().deliverDeviceToken(token);
-        FAIL() << "no exception";
+        application().deliverDeviceToken({0x0a, 0x0b});
+        ADD_FAILURE() << "no exception";
     } catch (const KXException& e) {
         EXPECT_EQ(e.name(), "UAMissingOriginalDelegate");
         EXPECT_EQ(e.reason(),
@@ -238,45 +151,63 @@ TEST_F(KXAppDelegateProxyTest, ForwardingWithoutAnApplicationDelegateThrows) {
     }
     EXPECT_THROW(proxy->description(), KXException);
     EXPECT_THROW(proxy->didBecomeActive(application()), KXException);
-    EXPECT_TRUE(log.empty());  // the library's delegate did not run either
+    EXPECT_TRUE(log.empty());
     EXPECT_EQ(KXDevice::currentDevice().deviceToken(), std::nullopt);
+    proxy->setZandrelAppDelegate(nullptr);
+    EXPECT_FALSE(proxy->zandrelDelegateRespondsToSelector(Callback::HandleActionWithIdentifier));
+    EXPECT_FALSE(proxy->respondsTo(Callback::HandleActionWithIdentifier));
+    notify();  // nobody to ask: answered with no data at once
+    EXPECT_EQ(results, Results{Result::NoData});
 }
 
-// ---------------------------------------------------------------------------------------------
-// Background-notification fan-out
+TEST_F(KXAppDelegateProxyTest, ACallbackBothImplementRunsOnTheLibraryFirstTheRestOnTheApplication) {
+    install({Callback::DidRegisterForRemoteNotificationsWithDeviceToken,
+             Callback::HandleActionWithIdentifier, Callback::DidBecomeActive,
+             Callback::DidFinishLaunching});
+    application().deliverDeviceToken({0xab, 0x01});
+    int completions = 0;
+    application().deliverAction("ACCEPT_IDENTIFIER", KXJSON::object(), [&] { ++completions; });
+    EXPECT_EQ(completions, 2);  // each delegate completes the handler it was given
+    EXPECT_EQ(KXDevice::currentDevice().deviceToken(), "ab01");
+    application().postEvent(KXApplicationEvent::DidBecomeActive);
+    for (const bool result : {false, true}) {
+        app->launchResult = result;
+        EXPECT_EQ(proxy->didFinishLaunching(application(), KXJSON::object()), result);
+    }
+    install({});
+    application().deliverDeviceToken({0x01});  // the library's alone
+    proxy->didBecomeActive(application());     // unclaimed, still the application's
+    EXPECT_EQ(proxy->description(), "<app>");
+    EXPECT_EQ(log, (Strings{"library token 2", "app token 2", "library action ACCEPT_IDENTIFIER",
+                            "app action ACCEPT_IDENTIFIER", "app didBecomeActive",
+                            "app didFinishLaunching", "app didFinishLaunching", "library token 1",
+                            "app didBecomeActive", "app description"}));
+}
 
 TEST_F(KXAppDelegateProxyTest, FanOutMergesTheAnswersAndCompletesOnceAfterTheLast) {
     struct Case {
-        Result library;
-        Result app;
+        Result library, app;
         bool libraryFirst;
         Result merged;
     };
-    const std::vector<Case> cases = {
-        {Result::NoData, Result::NewData, true, Result::NewData},
-        {Result::Failed, Result::NoData, true, Result::Failed},
-        {Result::NewData, Result::Failed, true, Result::NewData},
-        {Result::Failed, Result::NewData, false, Result::NewData},
-        {Result::NoData, Result::NoData, true, Result::NoData},
-        {Result::Failed, Result::Failed, false, Result::Failed},
-    };
-    for (const Case& c : cases) {
+    for (const Case& c : {Case{Result::NoData, Result::NewData, true, Result::NewData},
+                          Case{Result::Failed, Result::NoData, true, Result::Failed},
+                          Case{Result::NewData, Result::Failed, true, Result::NewData},
+                          Case{Result::Failed, Result::NewData, false, Result::NewData},
+                          Case{Result::NoData, Result::NoData, true, Result::NoData},
+                          Case{Result::Failed, Result::Failed, false, Result::Failed}}) {
         log.clear();
-        install({Callback::DidReceiveRemoteNotificationWithCompletionHandler});
-        std::vector<Result> results;
-        proxy->didReceiveRemoteNotification(application(), {{"n", 1}},
-                                            [&](Result r) { results.push_back(r); });
-        EXPECT_EQ(log,
+        results.clear();
+        install({kBackground});
+        notify({{"n", 1}});
+        ASSERT_EQ(log,
                   (Strings{R"(library remote+handler {"n":1})", R"(app remote+handler {"n":1})"}));
-        ASSERT_EQ(library->handlers.size(), 1u);
-        ASSERT_EQ(app->handlers.size(), 1u);
-
         Handler& first = c.libraryFirst ? library->handlers[0] : app->handlers[0];
         Handler& second = c.libraryFirst ? app->handlers[0] : library->handlers[0];
         first(c.libraryFirst ? c.library : c.app);
         EXPECT_TRUE(results.empty());
         second(c.libraryFirst ? c.app : c.library);
-        EXPECT_EQ(results, (std::vector<Result>{c.merged}))
+        EXPECT_EQ(results, Results{c.merged})
             << static_cast<int>(c.library) << " + " << static_cast<int>(c.app);
     }
 }
@@ -284,28 +215,23 @@ TEST_F(KXAppDelegateProxyTest, FanOutMergesTheAnswersAndCompletesOnceAfterTheLas
 TEST_F(KXAppDelegateProxyTest, AReceiverAnsweringTwiceIsLoggedAndCountsOnce) {
     kxLogLevel = 2;
     auto sink = KXCapturingSink::install();
-    install({Callback::DidReceiveRemoteNotificationWithCompletionHandler});
-    std::vector<Result> results;
-    proxy->didReceiveRemoteNotification(application(), KXJSON::object(),
-                                        [&](Result r) { results.push_back(r); });
-
+    install({kBackground});
+    notify();
     app->handlers[0](Result::NewData);
     app->handlers[0](Result::Failed);  // ignored: neither counted nor merged
     EXPECT_TRUE(results.empty());
-    const auto warnings = sink->linesContaining("Completion handler called multiple times.");
-    ASSERT_EQ(warnings.size(), 1u);
-    EXPECT_EQ(warnings[0].rfind("[WARN] ", 0), 0u) << warnings[0];
-
+    EXPECT_THAT(sink->lines(),
+                ElementsAre(AllOf(StartsWith("[WARN] "),
+                                  HasSubstr("] Completion handler called multiple times."))));
     library->handlers[0](Result::NoData);
-    EXPECT_EQ(results, (std::vector<Result>{Result::NewData}));
     library->handlers[0](Result::NoData);
     app->handlers[0](Result::NoData);
-    EXPECT_EQ(results.size(), 1u);
+    EXPECT_EQ(results, Results{Result::NewData});
     EXPECT_EQ(sink->linesContaining("Completion handler called multiple times.").size(), 3u);
 }
 
 TEST_F(KXAppDelegateProxyTest, AnswersFromManyThreadsCompleteExactlyOnce) {
-    install({Callback::DidReceiveRemoteNotificationWithCompletionHandler});
+    install({kBackground});
     for (int round = 0; round < 50; ++round) {
         library->handlers.clear();
         app->handlers.clear();
@@ -329,18 +255,15 @@ TEST_F(KXAppDelegateProxyTest, AnswersFromManyThreadsCompleteExactlyOnce) {
     }
 }
 
-TEST_F(KXAppDelegateProxyTest,
-       AnApplicationHandlerMayCompleteAnotherNotificationFromInsideTheMerge) {
-    install({Callback::DidReceiveRemoteNotificationWithCompletionHandler});
-    std::vector<std::string> completed;
+TEST_F(KXAppDelegateProxyTest, AnApplicationHandlerMayCompleteAnotherNotificationFromTheMerge) {
+    install({kBackground});
+    Strings completed;
     proxy->didReceiveRemoteNotification(application(), {{"n", 2}},
                                         [&](Result) { completed.push_back("second"); });
-    Handler secondLibrary = library->handlers[0];
-    Handler secondApp = app->handlers[0];
     proxy->didReceiveRemoteNotification(application(), {{"n", 1}}, [&](Result) {
         // Still inside the merge of the first notification, on the same thread.
-        secondLibrary(Result::NoData);
-        secondApp(Result::NoData);
+        library->handlers[0](Result::NoData);
+        app->handlers[0](Result::NoData);
         completed.push_back("first");
     });
     library->handlers[1](Result::NoData);
@@ -348,99 +271,48 @@ TEST_F(KXAppDelegateProxyTest,
     EXPECT_EQ(completed, (Strings{"second", "first"}));
 }
 
-TEST_F(KXAppDelegateProxyTest, ThePlatformsHandlerWaitsForEveryReceiverAndTheLibraryNeverAnswers) {
-    // The application implements it and answers: expected 2, answered 1.
-    install({Callback::DidReceiveRemoteNotificationWithCompletionHandler});
-    int completions = 0;
-    application().deliverRemoteNotification(KXJSON::object(), [&](Result) { ++completions; });
-    ASSERT_EQ(app->handlers.size(), 1u);
-    app->handlers[0](Result::NewData);
-    EXPECT_EQ(completions, 0);
-
-    // The background mode is declared and the application lacks it: expected 1, answered 0.
-    log.clear();
-    install({});
-    KXClientFramework::sharedManager().setBackgroundNotificationEnabled(true);
-    application().deliverRemoteNotification({{"k", "v"}}, [&](Result) { ++completions; });
-    EXPECT_EQ(log, (Strings{R"(library remote+handler {"k":"v"})"}));
-    EXPECT_EQ(completions, 0);
-
-    // Nobody to ask: expected 0, answered with no data at once.
-    proxy->setZandrelAppDelegate(nullptr);
-    std::vector<Result> results;
-    proxy->didReceiveRemoteNotification(application(), KXJSON::object(),
-                                        [&](Result r) { results.push_back(r); });
-    EXPECT_EQ(results, (std::vector<Result>{Result::NoData}));
-}
-
-// ---------------------------------------------------------------------------------------------
-// The library's delegate
-
-namespace {
-
-class LibraryDelegate : public testing::Test {
-protected:
-    LibraryDelegate() { kxLogLevel = 3; }
-
-    std::shared_ptr<KXTestPlatform> platform = KXTestPlatform::install();
-    KXCapturingSink::Guard sink = KXCapturingSink::install();
+TEST_F(KXAppDelegateProxyTest, TheLibraryDelegateSavesATokenAsLowercaseHexAndRefusesAnEmptyOne) {
+    kxLogLevel = 3;
+    auto sink = KXCapturingSink::install();
     KXClientFrameworkAppDelegate delegate;
-};
-
-}  // namespace
-
-TEST_F(LibraryDelegate, ATokenIsSavedAsLowercaseHexAndLoggedAndAnEmptyOneRefused) {
-    std::vector<std::uint8_t> wrapping(32);
-    for (std::size_t i = 0; i < wrapping.size(); ++i) {
-        wrapping[i] = static_cast<std::uint8_t>(0xf0 + i);  // wraps past 0xff
-    }
     const std::vector<std::pair<std::vector<std::uint8_t>, std::optional<std::string>>> rows = {
         {{}, std::nullopt},
-        {{0xde, 0xad, 0xbe, 0xef}, "deadbeef"},
         {{0x0a, 0x0b, 0x00, 0xff, 0x7f}, "0a0b00ff7f"},
-        {wrapping, "f0f1f2f3f4f5f6f7f8f9fafbfcfdfeff000102030405060708090a0b0c0d0e0f"}};
+        {{0x01, 0x23, 0x45, 0x67, 0x89, 0xab, 0xcd, 0xef, 0xfe, 0xdc, 0xba, 0x98, 0x76, 0x54, 0x32,
+          0x10},
+         "0123456789abcdeffedcba9876543210"}};
     for (const auto& [bytes, hex] : rows) {
         SCOPED_TRACE(hex.value_or("(empty)"));
         sink->clear();
         KXClientFramework::sharedManager().setPushEnabledOnDevice(false);
-        delegate.didRegisterForRemoteNotificationsWithDeviceToken(platform->application(), bytes);
-        // Even a refused token marks the device.
-        EXPECT_TRUE(KXClientFramework::sharedManager().pushEnabledOnDevice());
+        delegate.didRegisterForRemoteNotificationsWithDeviceToken(application(), bytes);
+        EXPECT_TRUE(KXClientFramework::sharedManager().pushEnabledOnDevice());  // even refused
         EXPECT_EQ(KXClientFrameworkAppDelegate::deviceTokenString(bytes), hex.value_or(""));
         EXPECT_EQ(KXDevice::currentDevice().deviceToken(), hex);
         EXPECT_EQ(platform->userDefaults().stringForKey("applicationDeviceToken"), hex);
         EXPECT_EQ(sink->linesContaining("No device token found").size(), hex ? 0u : 1u);
-        const auto lines =
-            sink->linesContaining("APNS device applicationToken: " + hex.value_or("(null)"));
-        ASSERT_EQ(lines.size(), 1u);
-        EXPECT_EQ(lines[0].rfind("[INFO] KXClientFrameworkAppDelegate::"
-                                 "didRegisterForRemoteNotificationsWithDeviceToken [Line ",
-                                 0),
-                  0u)
-            << lines[0];
+        EXPECT_THAT(sink->linesContaining("APNS device applicationToken: "),
+                    ElementsAre(AllOf(
+                        StartsWith("[INFO] KXClientFrameworkAppDelegate::"
+                                   "didRegisterForRemoteNotificationsWithDeviceToken "
+                                   "[Line "),
+                        EndsWith("] APNS device applicationToken: " + hex.value_or("(null)")))));
     }
 }
 
-TEST_F(LibraryDelegate, ARegistrationFailureIsOnlyLogged) {
+TEST_F(KXAppDelegateProxyTest, TheLibraryDelegateOnlyLogsARegistrationFailure) {
     kxLogLevel = 1;
+    auto sink = KXCapturingSink::install();
+    KXClientFrameworkAppDelegate delegate;
     delegate.didFailToRegisterForRemoteNotificationsWithError(
-        platform->application(), KXError("NSCocoaErrorDomain", 3010, {{"message", "no push"}}));
-    const auto lines = sink->lines();
-    ASSERT_EQ(lines.size(), 1u);
-    EXPECT_EQ(lines[0].rfind("[ERROR] ", 0), 0u);
-    EXPECT_NE(lines[0].find("] Failed To Register For Remote Notifications With Error: Error "
-                            "Domain=NSCocoaErrorDomain Code=3010 \"no push\""),
-              std::string::npos)
-        << lines[0];
+        application(), KXError("NSCocoaErrorDomain", 3010, {{"message", "no push"}}));
+    EXPECT_THAT(sink->lines(), ElementsAre(AllOf(StartsWith("[ERROR] "),
+                                                 HasSubstr("] Failed To Register For Remote "
+                                                           "Notifications With Error: Error "
+                                                           "Domain=NSCocoaErrorDomain Code=3010 "
+                                                           "\"no push\""))));
     EXPECT_FALSE(KXClientFramework::sharedManager().pushEnabledOnDevice());
     EXPECT_EQ(KXDevice::currentDevice().deviceToken(), std::nullopt);
-}
-
-TEST_F(LibraryDelegate, AnActionIsCompletedAtOnceAndAnEmptyHandlerSkipped) {
-    int completions = 0;
-    delegate.handleActionWithIdentifier(platform->application(), "DECLINE_IDENTIFIER",
-                                        {{"aps", {{"listId", "L1"}}}}, [&] { ++completions; });
-    EXPECT_EQ(completions, 1);
-    // An empty handler is skipped.
-    delegate.handleActionWithIdentifier(platform->application(), "X", nullptr, {});
+    // An action is completed at once (KXNotificationActionTest); without a handler, skipped.
+    delegate.handleActionWithIdentifier(application(), "X", nullptr, {});
 }

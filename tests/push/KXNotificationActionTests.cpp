@@ -65,17 +65,9 @@ const KXJSON kInvite = {{"aps", {{"listId", "L1"}, {"alert", "Join?"}}}};
 const char* const kInviteText = R"({"aps":{"alert":"Join?","listId":"L1"}})";
 const char* const kSubscription = "/guests/g1/profiles/AP-1/memberships/L1?createList=true";
 const char* const kAccept = "ACCEPT_IDENTIFIER";
-
-/// An invitation that also carries a value nested beyond the JSON reader's limit.
-KXJSON inviteNestedTooDeeply() {
-    KXJSON nested = KXJSON::array();
-    for (int level = 1; level < 600; ++level) {
-        KXJSON outer = KXJSON::array();
-        outer.push_back(std::move(nested));
-        nested = std::move(outer);
-    }
-    return {{"aps", {{"listId", "L1"}}}, {"nested", std::move(nested)}};
-}
+// An invitation that also carries a value nested beyond the JSON reader's limit.
+const KXJSON kTooDeep = {{"aps", {{"listId", "L1"}}},
+                         {"nested", KXJSON::parse(std::string(600, '[') + std::string(600, ']'))}};
 
 const ActionCase kActionCases[] = {
     {"AcceptSubscribesThisDevicesProfile", kAccept, kInvite, kInviteText, "L1",
@@ -94,7 +86,7 @@ const ActionCase kActionCases[] = {
     {"AcceptWithUserInfoThatIsNoObject", kAccept, "text", "text", "(null)", "Handling accept..."},
     {"Maybe", "MAYBE_IDENTIFIER", kInvite, kInviteText, "L1", "Handling maybe..."},
     {"Decline", "DECLINE_IDENTIFIER", kInvite, kInviteText, "L1", "Handling decline..."},
-    {"DeclineWithUserInfoNestedTooDeeply", "DECLINE_IDENTIFIER", inviteNestedTooDeeply(),
+    {"DeclineWithUserInfoNestedTooDeeply", "DECLINE_IDENTIFIER", kTooDeep,
      R"("<JSON nested deeper than 512 levels>")", "L1", "Handling decline..."},
     {"UnknownIdentifier", "accept_identifier", kInvite, kInviteText, "L1", nullptr},
 };

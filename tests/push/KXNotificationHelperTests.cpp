@@ -1,21 +1,11 @@
-// Asking for notification permission and registering for remote notifications.
+// Asking for notification permission: only a granted one registers for remote notifications.
+// (The older registration and the granted path are checked end to end where engaging chooses
+// them: KXEngagementRegistrationTest in tests/core.)
 #include "KXTestPlatform.h"
 
-#include <KXClientFramework/KXClientFrameworkAppDelegate.h>
 #include <KXClientFramework/KXNotificationHelper.h>
 
 #include <gtest/gtest.h>
-
-namespace {
-
-// Runs the main queue until everything posted so far has run.
-void drain(KXTestPlatform& platform) {
-    bool reached = false;
-    platform.mainQueue().post([&] { reached = true; });
-    ASSERT_TRUE(platform.runUntil([&] { return reached; }));
-}
-
-}  // namespace
 
 TEST(KXNotificationHelper, OnlyAGrantedAuthorisationRegistersForRemoteNotifications) {
     struct Case {
@@ -39,29 +29,11 @@ TEST(KXNotificationHelper, OnlyAGrantedAuthorisationRegistersForRemoteNotificati
         if (c.granted) {
             ASSERT_TRUE(platform->runUntil([&] { return registrations() > 0; }));
         }
-        drain(*platform);
+        bool drained = false;  // everything posted so far has run
+        platform->mainQueue().post([&] { drained = true; });
+        ASSERT_TRUE(platform->runUntil([&] { return drained; }));
         EXPECT_EQ(registrations(), c.granted ? 1 : 0);
         EXPECT_EQ(platform->application().isRegisteredForRemoteNotifications(), c.granted);
         EXPECT_FALSE(platform->application().currentUserNotificationSettings().has_value());
     }
-}
-
-TEST(KXNotificationHelper, OlderRegistrationAsksForBadgeSoundAndAlertWithoutCategories) {
-    auto platform = KXTestPlatform::install();
-    KXNotificationHelper::registerUINotifications();
-
-    const auto settings = platform->application().currentUserNotificationSettings();
-    ASSERT_TRUE(settings.has_value());
-    EXPECT_EQ(settings->types, 7u);
-    EXPECT_TRUE(settings->categories.empty());
-    EXPECT_TRUE(platform->fakeNotificationAuthorizer().requests().empty());
-    drain(*platform);
-    EXPECT_EQ(platform->recordingApplication().registerForRemoteNotificationsCount(), 0);
-
-    // The library's delegate completes the older path once the settings are registered.
-    platform->application().setDelegate(std::make_shared<KXClientFrameworkAppDelegate>());
-    KXNotificationHelper::registerUINotifications();
-    ASSERT_TRUE(platform->runUntil([&] {
-        return platform->recordingApplication().registerForRemoteNotificationsCount() > 0;
-    }));
 }
