@@ -12,14 +12,12 @@ using namespace std::chrono_literals;
 namespace {
 
 // Waits (generously) until `condition` holds; the timeout only bounds a failing test.
-template <typename Condition>
-bool eventually(Condition condition, std::chrono::milliseconds timeout = 10s) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (!condition()) {
+bool eventually(const std::function<bool()>& condition) {
+    for (const auto deadline = std::chrono::steady_clock::now() + 10s; !condition();
+         std::this_thread::sleep_for(1ms)) {
         if (std::chrono::steady_clock::now() > deadline) {
             return false;
         }
-        std::this_thread::sleep_for(1ms);
     }
     return true;
 }

@@ -27,15 +27,15 @@ const std::string kFullEntries =
     "<key>locationFuzzEnabled</key><string>true</string>\n"
     "<key>analyticsSessionInterval</key><integer>300</integer>\n";
 
-// Seals a property list with the openssl tool and returns the file's path.
-std::filesystem::path sealed(const std::string& plist, const std::string& key = kKey,
-                             const std::string& name = "KXConfig.enc") {
+// Seals a property list (XML text or binary bytes) with the openssl tool; returns the file.
+std::filesystem::path sealed(const std::string& plist, const std::string& name = "KXConfig.enc") {
     const auto directory = kxtest::scratchDirectory("config");
     kxtest::writeText(directory / "plain.plist", plist);
-    kxtest::sealWithOpenSSL(directory / "plain.plist", directory / name, key);
+    kxtest::sealWithOpenSSL(directory / "plain.plist", directory / name, kKey);
     return directory / name;
 }
 
+// Loads the entries through a fresh instance: the loaded values land on the default one.
 KXConfig& loaded(const std::string& entries) {
     KXConfig loader;
     EXPECT_TRUE(loader.configWithContentsOfFile(sealed(xmlPropertyList(entries)), kKey));
@@ -44,7 +44,7 @@ KXConfig& loaded(const std::string& entries) {
 
 }  // namespace
 
-TEST(KXConfig, LoadsEveryKeyOfAnXMLPropertyListThroughAnyInstance) {
+TEST(KXConfig, LoadsEveryKeyAndALaterLoadOverwritesEveryPropertyWrongTypesReadingAsAbsent) {
     const auto& config = loaded(kFullEntries);
     EXPECT_EQ(config.appId(), "app-1");
     EXPECT_EQ(config.inboxDomainId(), "inbox-9");
@@ -60,18 +60,27 @@ TEST(KXConfig, LoadsEveryKeyOfAnXMLPropertyListThroughAnyInstance) {
     EXPECT_TRUE(config.locationFuzzEnabled());
     EXPECT_EQ(config.analyticsSessionInterval(), 300);
     EXPECT_TRUE(config.validateInboxDomainId());
+
+    loaded(
+        "<key>appId</key><integer>42</integer>\n"
+        "<key>inboxDomainId</key><string></string>\n"
+        "<key>stageClientId</key><array><string>x</string></array>\n"
+        "<key>unknownKey</key><string>ignored</string>\n");
+    EXPECT_EQ(config.appId(), "42");
+    EXPECT_EQ(config.inboxDomainId(), "");
+    EXPECT_FALSE(config.validateInboxDomainId());
+    EXPECT_EQ(config.stageClientId(), std::nullopt);
+    EXPECT_EQ(config.prodClientId(), std::nullopt);
+    EXPECT_FALSE(config.inProduction()) << "no inProduction selects staging";
+    EXPECT_FALSE(config.analyticsEnabled());
+    EXPECT_EQ(config.analyticsSessionInterval(), 90);
 }
 
 TEST(KXConfig, LoadsABinaryPropertyList) {
-    const KXJSON values = {
-        {"appId", "binary-app"}, {"inProduction", true}, {"analyticsSessionInterval", 120}};
-    const auto binary = KXPropertyList::toBinary(values);
-    const auto directory = kxtest::scratchDirectory("binary");
-    kxtest::writeBytes(directory / "plain.bplist", binary);
-    kxtest::sealWithOpenSSL(directory / "plain.bplist", directory / "KXConfig.enc", kKey);
-
-    ASSERT_TRUE(
-        KXConfig::defaultConfig().configWithContentsOfFile(directory / "KXConfig.enc", kKey));
+    const auto binary = KXPropertyList::toBinary(
+        {{"appId", "binary-app"}, {"inProduction", true}, {"analyticsSessionInterval", 120}});
+    ASSERT_TRUE(KXConfig::defaultConfig().configWithContentsOfFile(
+        sealed(std::string(binary.begin(), binary.end())), kKey));
     EXPECT_EQ(KXConfig::defaultConfig().appId(), "binary-app");
     EXPECT_TRUE(KXConfig::defaultConfig().inProduction());
     EXPECT_EQ(KXConfig::defaultConfig().analyticsSessionInterval(), 120);
@@ -98,7 +107,7 @@ TEST(KXConfig, SessionIntervalHasAFloorOfNinety) {
     EXPECT_EQ(loaded("").analyticsSessionInterval(), 90) << "missing key";
 }
 
-TEST(KXConfig, BooleanReadingFollowsThePlatformConversion) {
+TEST(KXConfig, BooleanAndIntegerReadingFollowThePlatformConversionAndSaturate) {
     for (const char* yes :
          {"YES", "yes", "Y", "true", "T", "t", "1", "9lives", " 7", "+3", "007"}) {
         EXPECT_TRUE(KXConfig::boolValue(yes)) << yes;
@@ -111,9 +120,7 @@ TEST(KXConfig, BooleanReadingFollowsThePlatformConversion) {
     EXPECT_FALSE(KXConfig::boolValue(0));
     EXPECT_FALSE(KXConfig::boolValue(KXJSON::array({1})));
     EXPECT_FALSE(KXConfig::boolValue(nullptr));
-}
 
-TEST(KXConfig, IntegerReadingSaturatesInsteadOfOverflowing) {
     EXPECT_EQ(KXConfig::integerValue("99999999999999999999999"), INT64_MAX);
     EXPECT_EQ(KXConfig::integerValue("-99999999999999999999999"), INT64_MIN);
     EXPECT_EQ(KXConfig::integerValue(1e300), INT64_MAX);
@@ -121,58 +128,32 @@ TEST(KXConfig, IntegerReadingSaturatesInsteadOfOverflowing) {
     EXPECT_EQ(KXConfig::integerValue(KXJSON::object()), 0);
 }
 
-TEST(KXConfig, ALaterLoadOverwritesEveryPropertyAndMissingKeysAndWrongTypesReadAsAbsent) {
-    loaded(kFullEntries);
-    const auto& config = loaded(
-        "<key>appId</key><integer>42</integer>\n"
-        "<key>inboxDomainId</key><string></string>\n"
-        "<key>stageClientId</key><array><string>x</string></array>\n"
-        "<key>unknownKey</key><string>ignored</string>\n");
-    EXPECT_EQ(config.appId(), "42");
-    EXPECT_EQ(config.inboxDomainId(), "");
-    EXPECT_FALSE(config.validateInboxDomainId());
-    EXPECT_EQ(config.stageClientId(), std::nullopt);
-    EXPECT_EQ(config.prodClientId(), std::nullopt);
-    EXPECT_FALSE(config.inProduction()) << "no inProduction selects staging";
-    EXPECT_FALSE(config.analyticsEnabled());
-    EXPECT_EQ(config.analyticsSessionInterval(), 90);
-}
-
 TEST(KXConfig, OpeningWithTheWrongKeyIsAbsentWithoutStopping) {
-    const auto path = sealed(xmlPropertyList(kFullEntries));
-    EXPECT_EQ(KXConfig::openSealedConfiguration(kxtest::readBytes(path), "wrong"), std::nullopt);
+    const auto bytes = kxtest::readBytes(sealed(xmlPropertyList(kFullEntries)));
+    EXPECT_EQ(KXConfig::openSealedConfiguration(bytes, "wrong"), std::nullopt);
     EXPECT_EQ(KXConfig::openSealedConfiguration({}, kKey), std::nullopt);
-    const auto opened = KXConfig::openSealedConfiguration(kxtest::readBytes(path), kKey);
+    const auto opened = KXConfig::openSealedConfiguration(bytes, kKey);
     ASSERT_TRUE(opened);
     EXPECT_EQ((*opened)["prodClientId"], "prod-id");
 }
 
 using KXConfigDeathTest = testing::Test;
 
-TEST_F(KXConfigDeathTest, AWrongKeyOrADamagedOrForeignFileStopsTheProcessNamingTheFile) {
+// A truncated file fails the same way as the wrong key (TZDecryptor tests catch the truncation).
+TEST_F(KXConfigDeathTest, AWrongKeyOrAForeignFileStopsTheProcessNamingTheFile) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto path = sealed(xmlPropertyList(kFullEntries));
     EXPECT_DEATH(KXConfig::defaultConfig().configWithContentsOfFile(path, "not-the-key"),
                  "configurationFile");
-    const auto directory = kxtest::scratchDirectory("damaged");
-    auto bytes = kxtest::readBytes(path);
-    bytes.resize(bytes.size() - 7);
-    kxtest::writeBytes(directory / "truncated.enc", bytes);
-    EXPECT_DEATH(
-        KXConfig::defaultConfig().configWithContentsOfFile(directory / "truncated.enc", kKey),
-        "configurationFile");
-
     // Opens with the key, but what is inside is not a property list.
-    kxtest::writeText(directory / "notes.txt", "just some text, not a property list");
-    kxtest::sealWithOpenSSL(directory / "notes.txt", directory / "text.enc", kKey);
-    EXPECT_DEATH(KXConfig::defaultConfig().configWithContentsOfFile(directory / "text.enc", kKey),
+    const auto text = sealed("just some text, not a property list", "text.enc");
+    EXPECT_DEATH(KXConfig::defaultConfig().configWithContentsOfFile(text, kKey),
                  "configurationFile");
 }
 
 TEST(KXConfigMissingFile, ShowsTheAlertAndChangesNothing) {
     auto platform = KXTestPlatform::install();
     loaded("<key>appId</key><string>kept</string>\n");
-
     const auto missing = kxtest::scratchDirectory("none") / "KXConfig.enc";
     EXPECT_FALSE(KXConfig::defaultConfig().configWithContentsOfFile(missing, kKey));
     EXPECT_FALSE(KXConfig::defaultConfig().configWithContentsOfFile(std::nullopt, kKey));

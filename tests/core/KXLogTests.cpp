@@ -14,6 +14,8 @@
 #include <fstream>
 #include <sstream>
 
+namespace fs = std::filesystem;
+
 namespace {
 
 // Counts how often it is formatted, to prove gated lines are never formatted.
@@ -31,14 +33,9 @@ struct LogEmitter {
     }
 };
 
-std::filesystem::path cachesDirectory() {
-    return KXPlatform::current().cachesDirectory();
-}
-
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream in(path);
+std::string readFile(const fs::path& path) {
     std::stringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path).rdbuf();
     return text.str();
 }
 
@@ -48,14 +45,15 @@ protected:
         kxLoggingEnabled = true;
         kxLoggingToDiskEnabled = false;
         kxLogLevel = 4;
-        std::filesystem::remove_all(KXDiskLogger::logFilePath(cachesDirectory()));
+        fs::remove_all(logFile);
     }
     void TearDown() override {
-        kxLoggingEnabled = true;
         kxLoggingToDiskEnabled = false;
         kxLogLevel = 1;
     }
     KXCapturingSink::Guard sink = KXCapturingSink::install();
+    const fs::path caches = KXPlatform::current().cachesDirectory();
+    const fs::path logFile = KXDiskLogger::logFilePath(caches);
 };
 
 }  // namespace
@@ -69,27 +67,17 @@ struct fmt::formatter<FormatProbe> : fmt::formatter<std::string_view> {
 };
 
 TEST_F(KXLogTest, LevelSettingGatesEachLevel) {
-    struct Row {
-        std::int64_t setting;
-        std::vector<std::string> words;
-    };
-    const Row table[] = {
-        {-3, {}},
-        {0, {}},
-        {1, {"[ERROR]"}},
-        {2, {"[ERROR]", "[WARN]"}},
-        {3, {"[ERROR]", "[WARN]", "[INFO]"}},
-        {4, {"[ERROR]", "[WARN]", "[INFO]", "[DEBUG]"}},
-        {99, {"[ERROR]", "[WARN]", "[INFO]", "[DEBUG]"}},
-    };
-    for (const auto& row : table) {
+    const std::vector<std::string> words = {"[ERROR]", "[WARN]", "[INFO]", "[DEBUG]"};
+    // The level setting, and how many of the four levels it lets through.
+    for (const auto& [setting, written] : std::vector<std::pair<std::int64_t, std::size_t>>{
+             {-3, 0}, {0, 0}, {1, 1}, {2, 2}, {3, 3}, {4, 4}, {99, 4}}) {
         sink->clear();
-        kxLogLevel = row.setting;
+        kxLogLevel = setting;
         LogEmitter::emitAllLevels();
         const auto lines = sink->lines();
-        ASSERT_EQ(lines.size(), row.words.size()) << "level setting " << row.setting;
+        ASSERT_EQ(lines.size(), written) << "level setting " << setting;
         for (std::size_t i = 0; i < lines.size(); ++i) {
-            EXPECT_EQ(lines[i].rfind(row.words[i], 0), 0u) << lines[i];
+            EXPECT_EQ(lines[i].rfind(words[i], 0), 0u) << lines[i];
         }
     }
     // A line carries its level, function and line.
@@ -111,7 +99,7 @@ TEST_F(KXLogTest, GatedLinesAreNeverFormattedNorWritten) {
     KX_LOG_ERROR("{}", FormatProbe{});
     EXPECT_EQ(FormatProbe::formatted, 0);
     EXPECT_TRUE(sink->lines().empty());
-    EXPECT_FALSE(std::filesystem::exists(KXDiskLogger::logFilePath(cachesDirectory())));
+    EXPECT_FALSE(fs::exists(logFile));
 
     kxLoggingEnabled = true;
     kxLoggingToDiskEnabled = false;
@@ -128,42 +116,36 @@ TEST(KXLogFunctionName, StripsReturnTypeParametersAndLambdaSuffix) {
     EXPECT_EQ(KXLog::functionName("main"), "main");
 }
 
-TEST_F(KXLogTest, DiskLoggingAppendsEveryWrittenLine) {
+TEST_F(KXLogTest, DiskLoggingAppendsEveryWrittenLineAndClearingKeepsTheFile) {
     kxLoggingToDiskEnabled = true;
     kxLogLevel = 2;
     LogEmitter::emitAllLevels();
     LogEmitter::emitAllLevels();
-
     // Each line goes to the sink, then a new disk logger announces itself and appends it.
     const auto lines = sink->lines();
     ASSERT_EQ(lines.size(), 8u);
     for (std::size_t i = 1; i < lines.size(); i += 2) {
         EXPECT_EQ(lines[i], "DISKLogger Created");
     }
-    const std::string file = readFile(KXDiskLogger::logFilePath(cachesDirectory()));
-    EXPECT_EQ(file, lines[0] + "\n" + lines[2] + "\n" + lines[4] + "\n" + lines[6] + "\n");
-    EXPECT_EQ(KXDiskLogger::logFilePath(cachesDirectory()).filename(), "ZandrelSDK.log");
-}
+    EXPECT_EQ(logFile.filename(), "ZandrelSDK.log");
+    const std::string written = lines[0] + "\n" + lines[2] + "\n" + lines[4] + "\n" + lines[6];
+    EXPECT_EQ(readFile(logFile), written + "\n");
 
-TEST_F(KXLogTest, ClearLogFromDiskKeepsTheFileAndAnUnwritableFileLosesTheLine) {
-    KXDiskLogger logger(cachesDirectory());
-    logger.writeLogToDisk("first");
-    logger.clearLogFromDisk();
-    KXDiskLogger(cachesDirectory()).writeLogToDisk("second");
-    EXPECT_EQ(readFile(KXDiskLogger::logFilePath(cachesDirectory())), "first\nsecond\n");
+    sink->clear();
+    KXDiskLogger(caches).clearLogFromDisk();
+    KXDiskLogger(caches).writeLogToDisk("second");
+    EXPECT_EQ(readFile(logFile), written + "\nsecond\n");
     EXPECT_EQ(sink->linesContaining("error: (null)").size(), 1u);
 
     // A log file that cannot be written loses the line quietly.
-    const auto path = KXDiskLogger::logFilePath(cachesDirectory());
-    std::filesystem::remove(path);
-    std::filesystem::create_directories(path);  // a directory where the file should be
-    KXDiskLogger(cachesDirectory()).writeLogToDisk("lost");
-    EXPECT_TRUE(std::filesystem::is_directory(path));
+    fs::remove(logFile);
+    fs::create_directories(logFile);  // a directory where the file should be
+    KXDiskLogger(caches).writeLogToDisk("lost");
+    EXPECT_TRUE(fs::is_directory(logFile));
 }
 
 TEST_F(KXLogTest, TheDiskLogAndTheFoldersItCreatesAreOwnerOnly) {
-    namespace fs = std::filesystem;
-    const fs::path outer = cachesDirectory() / "outer";
+    const fs::path outer = caches / "outer";
     const fs::path folder = outer / "inner";
     const fs::path path = KXDiskLogger::logFilePath(folder);
     fs::remove_all(outer);
@@ -173,13 +155,13 @@ TEST_F(KXLogTest, TheDiskLogAndTheFoldersItCreatesAreOwnerOnly) {
     for (const fs::path& created : {outer, folder}) {
         EXPECT_EQ(fs::status(created).permissions(), fs::perms::owner_all) << created;
     }
-    EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    const auto ownerOnly = fs::perms::owner_read | fs::perms::owner_write;
+    EXPECT_EQ(fs::status(path).permissions(), ownerOnly);
 
     // A log an older version left readable by everyone is narrowed at the next line.
-    fs::permissions(path, fs::perms::owner_read | fs::perms::owner_write | fs::perms::group_read |
-                              fs::perms::others_read);
+    fs::permissions(path, ownerOnly | fs::perms::group_read | fs::perms::others_read);
     KXDiskLogger(folder).writeLogToDisk("second");
-    EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(fs::status(path).permissions(), ownerOnly);
     EXPECT_EQ(readFile(path), "token abc\nsecond\n");
 
     // A symbolic link in the log's place is not followed.
