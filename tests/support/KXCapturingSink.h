@@ -16,6 +16,11 @@ public:
         lines_.emplace_back(line);
     }
 
+    std::vector<std::string> lines() const {
+        std::lock_guard lock(mutex_);
+        return lines_;
+    }
+
     /// Lines that contain `text`.
     std::vector<std::string> linesContaining(std::string_view text) const {
         std::vector<std::string> found;
