@@ -24,7 +24,8 @@ public:
     /// Lines that contain `text`.
     std::vector<std::string> linesContaining(std::string_view text) const {
         std::vector<std::string> found;
-        for (auto& line : lines()) {
+        std::lock_guard lock(mutex_);
+        for (const auto& line : lines_) {
             if (line.find(text) != std::string::npos) {
                 found.push_back(line);
             }

@@ -1,5 +1,7 @@
 #include "KXHTTP2Server.h"
 
+#include "KXSealedFiles.h"
+
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -13,7 +15,6 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
 #include <map>
 #include <regex>
 #include <set>
@@ -25,47 +26,29 @@ namespace {
 
 constexpr int kStartAttempts = 5;
 constexpr auto kStartPatience = std::chrono::seconds(20);
-constexpr int kPollIntervalMilliseconds = 10;
 
 std::filesystem::path findServerProgram() {
-    std::vector<std::filesystem::path> folders;
-    if (const char* path = std::getenv("PATH"); path != nullptr) {
-        std::istringstream entries(path);
-        for (std::string entry; std::getline(entries, entry, ':');) {
-            if (!entry.empty()) {
-                folders.emplace_back(entry);
-            }
-        }
-    }
     // The package installs it under sbin, which a non-root PATH often lacks.
-    folders.emplace_back("/usr/sbin");
-    folders.emplace_back("/usr/local/sbin");
-    for (const auto& folder : folders) {
-        std::filesystem::path candidate = folder / "nghttpd";
-        if (access(candidate.c_str(), X_OK) == 0) {
+    const char* path = std::getenv("PATH");
+    std::istringstream folders(std::string(path != nullptr ? path : "") + ":/usr/sbin");
+    for (std::string folder; std::getline(folders, folder, ':');) {
+        const std::filesystem::path candidate = std::filesystem::path(folder) / "nghttpd";
+        if (!folder.empty() && access(candidate.c_str(), X_OK) == 0) {
             return candidate;
         }
     }
     throw std::runtime_error(
-        "nghttpd not found: the HTTP/2 tests need it; install the Debian package nghttp2-server "
+        "nghttpd not found: the HTTP/2 tests need it; "
+        "install the Debian package nghttp2-server "
         "(scripts/install-deps.sh does)");
-}
-
-sockaddr_in loopback(int port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(static_cast<std::uint16_t>(port));
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
 }
 
 /// A port nothing listens on right now (the kernel's choice for an ephemeral bind).
 int freeLoopbackPort() {
     const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (socket < 0) {
-        throw std::system_error(errno, std::generic_category(), "socket");
-    }
-    sockaddr_in address = loopback(0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address;
     const bool bound = bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
                        getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length) == 0;
@@ -77,40 +60,10 @@ int freeLoopbackPort() {
     return ntohs(address.sin_port);
 }
 
-bool acceptsConnections(int port) {
-    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (socket < 0) {
-        return false;
-    }
-    const sockaddr_in address = loopback(port);
-    const bool connected =
-        connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    close(socket);
-    return connected;
-}
-
-std::string describeExit(int status) {
-    if (WIFEXITED(status)) {
-        return "exit status " + std::to_string(WEXITSTATUS(status));
-    }
-    return "signal " + std::to_string(WTERMSIG(status));
-}
-
-std::string readFile(const std::filesystem::path& path) {
-    std::ifstream file(path, std::ios::binary);
-    std::ostringstream text;
-    text << file.rdbuf();
-    return text.str();
-}
-
 }  // namespace
 
-KXHTTP2Server::KXHTTP2Server() : program_(findServerProgram()) {
-    std::string pattern = (std::filesystem::temp_directory_path() / "kx-http2-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-        throw std::system_error(errno, std::generic_category(), "mkdtemp");
-    }
-    scratch_ = pattern;
+KXHTTP2Server::KXHTTP2Server()
+    : program_(findServerProgram()), scratch_(kxtest::scratchDirectory("http2")) {
     documentRoot_ = scratch_ / "htdocs";
     logFile_ = scratch_ / "nghttpd.log";
     try {
@@ -153,91 +106,78 @@ bool KXHTTP2Server::tryToStart(int port) {
                                         certificate_.privateKeyFile.string(),
                                         certificate_.certificateFile.string()};
     std::vector<char*> argv;
-    argv.reserve(storage.size() + 1);
     for (auto& argument : storage) {
         argv.push_back(argument.data());
     }
     argv.push_back(nullptr);
 
-    const int input = open("/dev/null", O_RDONLY | O_CLOEXEC);
     const int output = open(logFile_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (input < 0 || output < 0) {
-        const int error = errno;
-        close(input);
-        close(output);
-        throw std::system_error(error, std::generic_category(), "opening nghttpd's files");
+    if (output < 0) {
+        throw std::system_error(errno, std::generic_category(), "opening nghttpd's log");
     }
-    const std::string execFailure = "cannot run " + program_.string() + "\n";
     const pid_t parent = getpid();
     const pid_t pid = fork();
     if (pid == 0) {
-        // Only async-signal-safe calls until exec. The server goes when this thread goes, so a
-        // test process that crashes or is killed leaves no server behind.
+        // Only async-signal-safe calls until exec. The server goes when this thread goes, so a test
+        // process that crashes or is killed leaves no server behind.
         prctl(PR_SET_PDEATHSIG, SIGTERM);
         if (getppid() != parent) {
             _exit(127);
         }
-        dup2(input, 0);
         dup2(output, 1);
         dup2(output, 2);
         // Not the test's own sockets: a listener kept open here would outlive its service.
         close_range(3, ~0U, 0);
         execv(program_.c_str(), argv.data());
-        [[maybe_unused]] const ssize_t ignored = write(2, execFailure.data(), execFailure.size());
         _exit(127);
     }
     const int error = errno;
-    close(input);
     close(output);
     if (pid < 0) {
         throw std::system_error(error, std::generic_category(), "starting " + program_.string());
     }
     pid_ = pid;
 
-    // Ready once a connection goes through while nghttpd still runs; a port taken in the
-    // meantime by someone else makes nghttpd exit, and the caller tries another.
+    // nghttpd logs "IPv4: listen 127.0.0.1:<port>" once it listens; a port taken in the meantime by
+    // someone else makes it exit, and the caller tries another.
+    const std::string listening = ": listen 127.0.0.1:" + std::to_string(port);
     const auto deadline = std::chrono::steady_clock::now() + kStartPatience;
     while (std::chrono::steady_clock::now() < deadline) {
-        const bool connected = acceptsConnections(port);
+        const std::string output = log();
         int status = 0;
         if (waitpid(pid_, &status, WNOHANG) == pid_) {
             pid_ = -1;
-            const std::string output = readFile(logFile_);
             if (output.find("Address already in use") != std::string::npos) {
                 return false;
             }
-            throw std::runtime_error("nghttpd exited at start-up (" + describeExit(status) +
-                                     "): " + output);
+            throw std::runtime_error("nghttpd exited at start-up (status " +
+                                     std::to_string(status) + "): " + output);
         }
-        if (connected) {
+        if (output.find(listening) != std::string::npos) {
             port_ = port;
             return true;
         }
-        poll(nullptr, 0, kPollIntervalMilliseconds);
+        poll(nullptr, 0, 10);
     }
-    throw std::runtime_error("nghttpd did not accept connections on port " + std::to_string(port) +
-                             ": " + readFile(logFile_));
-}
-
-std::string KXHTTP2Server::baseURL() const {
-    return "https://127.0.0.1:" + std::to_string(port_);
+    throw std::runtime_error("nghttpd did not start on port " + std::to_string(port) + ": " +
+                             log());
 }
 
 void KXHTTP2Server::addDocument(const std::string& path, const std::string& content) {
     const std::filesystem::path file = documentRoot_ / std::filesystem::path(path).relative_path();
     std::filesystem::create_directories(file.parent_path());
-    std::ofstream(file, std::ios::binary) << content;
+    kxtest::writeText(file, content);
 }
 
 std::string KXHTTP2Server::log() const {
-    return readFile(logFile_);
+    const std::vector<std::uint8_t> bytes = kxtest::readBytes(logFile_);
+    return {bytes.begin(), bytes.end()};
 }
 
 std::vector<std::size_t> KXHTTP2Server::requestStreamsPerConnection() const {
     // nghttpd -v logs each frame as
     //   [id=2] [  0.817] recv HEADERS frame <length=39, flags=0x05, stream_id=1>
-    // where id numbers the connection. Connections without requests (the start-up probe)
-    // never log a received HEADERS frame.
+    // where id numbers the connection.
     static const std::regex requestHeaders(
         R"(^\[id=(\d+)\] \[ *[0-9.]+\] recv HEADERS frame <.*stream_id=(\d+)>)");
     std::map<unsigned long, std::set<unsigned long>> streams;
@@ -249,7 +189,6 @@ std::vector<std::size_t> KXHTTP2Server::requestStreamsPerConnection() const {
         }
     }
     std::vector<std::size_t> counts;
-    counts.reserve(streams.size());
     for (const auto& [connection, ids] : streams) {
         counts.push_back(ids.size());
     }

@@ -11,15 +11,10 @@
 
 /// A real HTTP/2 server over TLS on 127.0.0.1 at a free port: nghttpd (Debian package
 /// nghttp2-server) run as a child process, serving the files of a scratch document root with a
-/// fresh self-signed certificate for 127.0.0.1.
-///
-/// nghttpd answers every method with the file at the request's path (404 when there is none)
-/// and speaks HTTP/2 only. Its verbose log of frames is captured to a file, from which
-/// requestStreamsPerConnection() tells how the requests were spread over connections.
-///
-/// The constructor returns once the server accepts connections; it throws std::runtime_error
-/// when nghttpd is not installed or does not start. The destructor stops the server; so does
-/// the end of the thread that started it, should the test process die first.
+/// fresh self-signed certificate for 127.0.0.1. nghttpd answers every method with the file at the
+/// request's path (404 when there is none) and speaks HTTP/2 only; its verbose log of frames is
+/// captured to a file. The constructor throws std::runtime_error when nghttpd is not installed
+/// or does not start; the server stops with the object or with the thread that started it.
 class KXHTTP2Server {
 public:
     KXHTTP2Server();
@@ -29,7 +24,7 @@ public:
 
     int port() const { return port_; }
     /// "https://127.0.0.1:<port>".
-    std::string baseURL() const;
+    std::string baseURL() const { return "https://127.0.0.1:" + std::to_string(port_); }
     /// The server's certificate: the certificate-authority file a client must trust.
     const std::filesystem::path& certificateFile() const { return certificate_.certificateFile; }
     /// A folder for further files of the test, outside the document root.

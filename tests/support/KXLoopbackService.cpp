@@ -10,10 +10,10 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdlib>
-#include <deque>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <sstream>
 #include <string_view>
 #include <thread>
 
@@ -45,52 +45,12 @@ bool sendAll(int socket, std::string_view data) {
 
 }  // namespace
 
-KXScriptedAnswer KXScriptedAnswer::json(int status, const KXJSON& body) {
-    KXScriptedAnswer answer;
-    answer.status = status;
-    answer.body = body.dump();
-    return answer;
-}
-
-KXScriptedAnswer KXScriptedAnswer::text(int status, std::string body, std::string contentType) {
-    KXScriptedAnswer answer;
-    answer.status = status;
-    answer.body = std::move(body);
-    answer.headers.emplace_back("Content-Type", std::move(contentType));
-    return answer;
-}
-
-KXScriptedAnswer KXScriptedAnswer::empty(int status) {
-    KXScriptedAnswer answer;
-    answer.status = status;
-    return answer;
-}
-
-KXScriptedAnswer KXScriptedAnswer::dropped() {
-    KXScriptedAnswer answer;
-    answer.fault = Fault::DropConnection;
-    return answer;
-}
-
-KXScriptedAnswer KXScriptedAnswer::garbageBytes(std::string bytes) {
-    KXScriptedAnswer answer;
-    answer.fault = Fault::Garbage;
-    answer.garbage = std::move(bytes);
-    return answer;
-}
-
-KXScriptedAnswer KXScriptedAnswer::filler(std::size_t bytes) {
-    KXScriptedAnswer answer;
-    answer.fillerBytes = bytes;
-    return answer;
-}
-
 struct KXLoopbackService::Impl {
     class Server : public httplib::Server {
     public:
         explicit Server(Impl& owner) : owner_(owner) {
-            // Enough workers that idle keep-alive connections of several clients never starve
-            // new ones.
+            // Enough workers that idle keep-alive connections of several clients never starve new
+            // ones.
             new_task_queue = [] { return new httplib::ThreadPool(32); };
         }
 
@@ -108,7 +68,6 @@ struct KXLoopbackService::Impl {
 
     Server server{*this};
     std::thread thread;
-    int port = 0;
     std::atomic<bool> stopping{false};
     std::atomic<std::size_t> connections{0};
 
@@ -116,114 +75,82 @@ struct KXLoopbackService::Impl {
     mutable std::condition_variable arrived;
     std::vector<KXRecordedRequest> recorded;
     struct Route {
-        std::deque<KXScriptedAnswer> answers;
-        bool lastServed = false;  // the one remaining answer was used at least once
+        std::vector<KXScriptedAnswer> answers;
+        std::size_t served = 0;
     };
     std::map<std::string, Route> scripts;
     std::optional<KXScriptedAnswer> everyRoute;
 
-    /// Reads until `buffer` holds `wanted` bytes; false when the peer closed, the service stops
-    /// or the connection stayed idle too long.
+    /// Reads until `buffer` holds `wanted` bytes; false when the peer closed, the service stops or
+    /// the connection stayed idle too long.
     bool fill(int socket, std::string& buffer, std::size_t wanted) {
         auto idleSince = std::chrono::steady_clock::now();
         char chunk[16384];
         while (buffer.size() < wanted) {
-            if (stopping) {
-                return false;
-            }
             pollfd descriptor{socket, POLLIN, 0};
             const int ready = ::poll(&descriptor, 1, static_cast<int>(kPollSlice.count()));
-            if (ready < 0) {
+            if (stopping || ready < 0 ||
+                (ready == 0 && std::chrono::steady_clock::now() - idleSince > kIdleLimit)) {
                 return false;
             }
-            if (ready == 0) {
-                if (std::chrono::steady_clock::now() - idleSince > kIdleLimit) {
+            if (ready > 0) {
+                const ssize_t received = ::recv(socket, chunk, sizeof chunk, 0);
+                if (received <= 0) {
                     return false;
                 }
-                continue;
+                buffer.append(chunk, static_cast<std::size_t>(received));
+                idleSince = std::chrono::steady_clock::now();
             }
-            const ssize_t received = ::recv(socket, chunk, sizeof chunk, 0);
-            if (received <= 0) {
-                return false;
-            }
-            buffer.append(chunk, static_cast<std::size_t>(received));
-            idleSince = std::chrono::steady_clock::now();
         }
         return true;
     }
 
-    bool readHead(int socket, std::string& buffer, std::size_t& headEnd) {
-        for (;;) {
-            headEnd = buffer.find("\r\n\r\n");
-            if (headEnd != std::string::npos) {
-                return true;
-            }
-            if (buffer.size() > kMaxHeaderBytes || !fill(socket, buffer, buffer.size() + 1)) {
-                return false;
-            }
-        }
-    }
-
     KXScriptedAnswer answerFor(const KXRecordedRequest& request) {
-        const std::string path = request.path.substr(0, request.path.find('?'));
+        const std::string route =
+            request.method + " " + request.path.substr(0, request.path.find('?'));
         std::lock_guard lock(mutex);
-        auto found = scripts.find(request.method + " " + path);
+        auto found = scripts.find(route);
         if (found == scripts.end() || found->second.answers.empty()) {
-            if (everyRoute) {
-                return *everyRoute;
-            }
-            return KXScriptedAnswer::json(
-                404, KXJSON{{"error", "unscripted route"}, {"route", request.method + " " + path}});
+            return everyRoute ? *everyRoute
+                              : KXScriptedAnswer::json(
+                                    404, KXJSON{{"error", "unscripted route"}, {"route", route}});
         }
-        Route& route = found->second;
-        KXScriptedAnswer answer = route.answers.front();
-        if (route.answers.size() > 1) {
-            route.answers.pop_front();
-        } else {
-            route.lastServed = true;
-        }
-        return answer;
+        Route& scripted = found->second;
+        return scripted.answers[std::min(scripted.served++, scripted.answers.size() - 1)];
     }
 
     void serveConnection(int socket) {
-        const std::size_t connection = ++connections;
+        ++connections;
         std::string buffer;
         while (!stopping) {
             std::size_t headEnd = 0;
-            if (!readHead(socket, buffer, headEnd)) {
-                return;
+            while ((headEnd = buffer.find("\r\n\r\n")) == std::string::npos) {
+                if (buffer.size() > kMaxHeaderBytes || !fill(socket, buffer, buffer.size() + 1)) {
+                    return;
+                }
             }
             KXRecordedRequest request;
-            request.connection = connection;
-            const std::string head = buffer.substr(0, headEnd);
+            std::istringstream head(buffer.substr(0, headEnd));
             buffer.erase(0, headEnd + 4);
-
-            std::size_t lineEnd = head.find("\r\n");
-            const std::string requestLine = head.substr(0, lineEnd);
-            const std::size_t firstBlank = requestLine.find(' ');
-            const std::size_t secondBlank = requestLine.find(' ', firstBlank + 1);
-            if (firstBlank == std::string::npos || secondBlank == std::string::npos) {
-                sendAll(
-                    socket,
-                    "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+            std::string line, version;
+            std::getline(head, line);
+            std::istringstream(line) >> request.method >> request.path >> version;
+            if (version.empty()) {
+                sendAll(socket,
+                        "HTTP/1.1 400 Bad Request\r\nContent-Length: "
+                        "0\r\nConnection: close\r\n\r\n");
                 return;
             }
-            request.method = requestLine.substr(0, firstBlank);
-            request.path = requestLine.substr(firstBlank + 1, secondBlank - firstBlank - 1);
-            while (lineEnd != std::string::npos) {
-                const std::size_t next = head.find("\r\n", lineEnd + 2);
-                const std::string line =
-                    head.substr(lineEnd + 2,
-                                next == std::string::npos ? std::string::npos : next - lineEnd - 2);
+            while (std::getline(head, line)) {
                 const std::size_t colon = line.find(':');
                 if (colon != std::string::npos) {
-                    auto [it, inserted] = request.headers.try_emplace(trim(line.substr(0, colon)),
-                                                                      trim(line.substr(colon + 1)));
+                    const std::string value = trim(line.substr(colon + 1));
+                    auto [it, inserted] =
+                        request.headers.try_emplace(trim(line.substr(0, colon)), value);
                     if (!inserted) {
-                        it->second += ", " + trim(line.substr(colon + 1));
+                        it->second += ", " + value;
                     }
                 }
-                lineEnd = next;
             }
             std::size_t length = 0;
             if (auto it = request.headers.find("Content-Length"); it != request.headers.end()) {
@@ -254,19 +181,16 @@ struct KXLoopbackService::Impl {
                 std::this_thread::sleep_for(std::min<std::chrono::steady_clock::duration>(
                     kPollSlice, until - std::chrono::steady_clock::now()));
             }
-
-            switch (answer.fault) {
-                case KXScriptedAnswer::Fault::DropConnection:
-                    return;
-                case KXScriptedAnswer::Fault::Garbage:
-                    sendAll(socket, answer.garbage);
-                    return;
-                default:
-                    break;
+            if (answer.fault == KXScriptedAnswer::Fault::DropConnection) {
+                return;
+            }
+            if (answer.fault == KXScriptedAnswer::Fault::Garbage) {
+                sendAll(socket, answer.garbage);
+                return;
             }
 
-            std::string response = "HTTP/1.1 " + std::to_string(answer.status) +
-                                   " Scripted\r\n";  // any reason phrase will do
+            // Any reason phrase will do.
+            std::string response = "HTTP/1.1 " + std::to_string(answer.status) + " Scripted\r\n";
             bool hasContentType = false;
             for (const auto& [name, value] : answer.headers) {
                 response += name + ": " + value + "\r\n";
@@ -283,32 +207,20 @@ struct KXLoopbackService::Impl {
                 }
                 response += "Content-Length: " + std::to_string(bodySize) + "\r\n";
             }
-            if (clientCloses) {
-                response += "Connection: close\r\n";
-            }
-            response += "\r\n";
-            if (answer.fillerBytes != 0 && !bodiless) {
-                // The client may hang up as soon as it sees the length; then sending stops.
-                const std::string chunk(std::size_t{64} * 1024, ' ');
-                bool sent = sendAll(socket, response);
-                for (std::size_t left = answer.fillerBytes; sent && left > 0;) {
-                    const std::size_t piece = std::min(left, chunk.size());
-                    sent = sendAll(socket, std::string_view(chunk).substr(0, piece));
-                    left -= piece;
-                }
-                if (!sent || clientCloses) {
-                    return;
-                }
-                continue;
-            }
+            response += clientCloses ? "Connection: close\r\n\r\n" : "\r\n";
             if (answer.fault == KXScriptedAnswer::Fault::TruncatedBody) {
                 sendAll(socket, response + answer.body.substr(0, answer.body.size() / 2));
                 return;
             }
-            if (!bodiless) {
-                response += answer.body;
+            bool sent = sendAll(socket, bodiless ? response : response + answer.body);
+            // Filler goes out in pieces; the client may hang up as soon as it sees the length.
+            const std::string chunk(std::size_t{64} * 1024, ' ');
+            for (std::size_t left = bodiless ? 0 : answer.fillerBytes; sent && left > 0;) {
+                const std::size_t piece = std::min(left, chunk.size());
+                sent = sendAll(socket, std::string_view(chunk).substr(0, piece));
+                left -= piece;
             }
-            if (!sendAll(socket, response) || clientCloses) {
+            if (!sent || clientCloses) {
                 return;
             }
         }
@@ -316,8 +228,8 @@ struct KXLoopbackService::Impl {
 };
 
 KXLoopbackService::KXLoopbackService() : impl_(std::make_unique<Impl>()) {
-    impl_->port = impl_->server.bind_to_any_port("127.0.0.1");
-    if (impl_->port <= 0) {
+    port_ = impl_->server.bind_to_any_port("127.0.0.1");
+    if (port_ <= 0) {
         std::abort();
     }
     impl_->thread = std::thread([impl = impl_.get()] { impl->server.listen_after_bind(); });
@@ -334,22 +246,13 @@ KXLoopbackService::~KXLoopbackService() {
     }
 }
 
-int KXLoopbackService::port() const {
-    return impl_->port;
-}
-
-std::string KXLoopbackService::baseURL() const {
-    return "http://127.0.0.1:" + std::to_string(impl_->port);
-}
-
 void KXLoopbackService::script(const std::string& method, const std::string& path,
                                KXScriptedAnswer answer) {
     std::lock_guard lock(impl_->mutex);
     Impl::Route& route = impl_->scripts[method + " " + path];
-    if (route.lastServed) {
+    if (route.served >= route.answers.size()) {
         // The answer that kept being reused gives way to the newly scripted ones.
-        route.answers.clear();
-        route.lastServed = false;
+        route = {};
     }
     route.answers.push_back(std::move(answer));
 }
@@ -374,8 +277,7 @@ std::vector<KXRecordedRequest> KXLoopbackService::requests() const {
 
 std::vector<KXRecordedRequest> KXLoopbackService::requestsTo(const std::string& path) const {
     std::vector<KXRecordedRequest> matching;
-    std::lock_guard lock(impl_->mutex);
-    for (const KXRecordedRequest& request : impl_->recorded) {
+    for (const KXRecordedRequest& request : requests()) {
         if (request.path.substr(0, request.path.find('?')) == path) {
             matching.push_back(request);
         }

@@ -1,14 +1,13 @@
 #include "KXProcess.h"
 
+#include "KXSealedFiles.h"
+
 #include <fcntl.h>
-#include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <csignal>
+#include <cstdlib>
 #include <sstream>
 #include <stdexcept>
 
@@ -18,16 +17,20 @@ namespace kxtest {
 
 ProcessResult runProcess(const std::filesystem::path& program,
                          const std::vector<std::string>& arguments, const std::string& input) {
-    std::array<int, 2> in{}, out{}, err{};
-    if (pipe2(in.data(), O_CLOEXEC) != 0 || pipe2(out.data(), O_CLOEXEC) != 0 ||
-        pipe2(err.data(), O_CLOEXEC) != 0) {
-        throw std::runtime_error("pipe failed");
+    // Standard input and both outputs are files, so no pipe can fill up and block either side.
+    std::string pattern = (std::filesystem::temp_directory_path() / "kx-process-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) {
+        throw std::runtime_error("cannot create a temporary directory");
     }
+    const std::filesystem::path folder = pattern;
+    writeText(folder / "in", input);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
+    posix_spawn_file_actions_addopen(&actions, 0, (folder / "in").c_str(), O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 1, (folder / "out").c_str(), O_WRONLY | O_CREAT,
+                                     0600);
+    posix_spawn_file_actions_addopen(&actions, 2, (folder / "err").c_str(), O_WRONLY | O_CREAT,
+                                     0600);
 
     std::vector<std::string> storage{program.string()};
     storage.insert(storage.end(), arguments.begin(), arguments.end());
@@ -40,66 +43,20 @@ ProcessResult runProcess(const std::filesystem::path& program,
     pid_t pid = 0;
     const int spawned = posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
-    close(in[0]);
-    close(out[1]);
-    close(err[1]);
+    ProcessResult result;
+    if (spawned == 0) {
+        int status = 0;
+        while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+        result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        const auto out = readBytes(folder / "out"), err = readBytes(folder / "err");
+        result.out.assign(out.begin(), out.end());
+        result.err.assign(err.begin(), err.end());
+    }
+    std::filesystem::remove_all(folder);
     if (spawned != 0) {
-        close(in[1]);
-        close(out[0]);
-        close(err[0]);
         throw std::runtime_error("cannot start " + program.string());
     }
-
-    // Feed standard input and drain both outputs together so no pipe fills up and blocks.
-    std::signal(SIGPIPE, SIG_IGN);
-    ProcessResult result;
-    std::size_t written = 0;
-    int inFd = in[1];
-    if (input.empty()) {
-        close(inFd);
-        inFd = -1;
-    } else {
-        // Non-blocking, so that a write larger than the pipe's room returns what fitted instead
-        // of waiting for a child that is itself waiting for its output to be read.
-        fcntl(inFd, F_SETFL, fcntl(inFd, F_GETFL) | O_NONBLOCK);
-    }
-    bool outOpen = true, errOpen = true;
-    while (outOpen || errOpen || inFd >= 0) {
-        pollfd fds[3] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}, {inFd, POLLOUT, 0}};
-        fds[0].fd = outOpen ? out[0] : -1;
-        fds[1].fd = errOpen ? err[0] : -1;
-        if (poll(fds, 3, -1) < 0 && errno != EINTR) {
-            break;
-        }
-        char buffer[65536];
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].revents & (POLLIN | POLLHUP | POLLERR)) {
-                const ssize_t n = read(fds[i].fd, buffer, sizeof buffer);
-                if (n > 0) {
-                    (i == 0 ? result.out : result.err).append(buffer, static_cast<std::size_t>(n));
-                } else {
-                    (i == 0 ? outOpen : errOpen) = false;
-                }
-            }
-        }
-        if (inFd >= 0 && (fds[2].revents & (POLLOUT | POLLERR | POLLHUP))) {
-            const ssize_t n = write(inFd, input.data() + written, input.size() - written);
-            if (n > 0) {
-                written += static_cast<std::size_t>(n);
-            }
-            const bool retry = n < 0 && (errno == EAGAIN || errno == EINTR);
-            if ((n <= 0 && !retry) || written == input.size()) {
-                close(inFd);
-                inFd = -1;
-            }
-        }
-    }
-    close(out[0]);
-    close(err[0]);
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
-    result.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     return result;
 }
 

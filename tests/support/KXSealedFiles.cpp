@@ -23,9 +23,7 @@ std::vector<std::uint8_t> readBytes(const std::filesystem::path& path) {
 }
 
 void writeBytes(const std::filesystem::path& path, const std::vector<std::uint8_t>& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()),
-              static_cast<std::streamsize>(bytes.size()));
+    writeText(path, std::string(bytes.begin(), bytes.end()));
 }
 
 void writeText(const std::filesystem::path& path, const std::string& text) {
@@ -34,12 +32,10 @@ void writeText(const std::filesystem::path& path, const std::string& text) {
 }
 
 std::filesystem::path scratchDirectory(const std::string& name) {
-    auto root = KXTestDirectories::current();
-    if (root.empty()) {
-        root = std::filesystem::temp_directory_path();
-    }
+    const auto& root = KXTestDirectories::current();
     // One folder per test case, so cases that share a process never see each other's files.
-    auto directory = root / "scratch" / name;
+    auto directory =
+        (root.empty() ? std::filesystem::temp_directory_path() : root) / "scratch" / name;
     if (const auto* test = testing::UnitTest::GetInstance()->current_test_info()) {
         directory /= std::string(test->test_suite_name()) + "." + test->name();
     }

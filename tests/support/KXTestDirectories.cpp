@@ -5,13 +5,6 @@
 #include <string>
 #include <system_error>
 
-namespace {
-std::filesystem::path& currentRoot() {
-    static std::filesystem::path root;
-    return root;
-}
-}  // namespace
-
 KXTestDirectories::KXTestDirectories() {
     std::string pattern = (std::filesystem::temp_directory_path() / "kx-test-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr) {
@@ -28,19 +21,15 @@ KXTestDirectories::KXTestDirectories() {
         std::filesystem::create_directories(root_ / folder);
         setenv(variable, (root_ / folder).c_str(), 1);
     }
-    if (currentRoot().empty()) {
-        currentRoot() = root_;
+    if (current_.empty()) {
+        current_ = root_;
     }
 }
 
 KXTestDirectories::~KXTestDirectories() {
     std::error_code ignored;
     std::filesystem::remove_all(root_, ignored);
-    if (currentRoot() == root_) {
-        currentRoot().clear();
+    if (current_ == root_) {
+        current_.clear();
     }
-}
-
-const std::filesystem::path& KXTestDirectories::current() {
-    return currentRoot();
 }

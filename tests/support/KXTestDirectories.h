@@ -14,8 +14,9 @@ public:
     const std::filesystem::path& root() const { return root_; }
 
     /// The folder made for the running process (set by the first instance).
-    static const std::filesystem::path& current();
+    static const std::filesystem::path& current() { return current_; }
 
 private:
     std::filesystem::path root_;
+    static inline std::filesystem::path current_;
 };

@@ -4,109 +4,23 @@
 
 #include <KXClientFramework/KXLinuxPlatform.h>
 
-#include <asio/post.hpp>
-
 #include <cstdlib>
 #include <system_error>
 #include <utility>
 
 namespace fs = std::filesystem;
 
-// ---------------------------------------------------------------------------------------------
-
-std::chrono::system_clock::time_point KXFakeClock::now() const {
-    std::lock_guard lock(mutex_);
-    const auto reading = now_;
-    now_ += step_;
-    return reading;
-}
-
-void KXFakeClock::setStepPerReading(std::chrono::system_clock::duration step) {
-    std::lock_guard lock(mutex_);
-    step_ = step;
-}
-
-void KXFakeClock::set(std::chrono::system_clock::time_point time) {
-    std::lock_guard lock(mutex_);
-    now_ = time;
-}
-
-void KXFakeClock::advance(std::chrono::system_clock::duration by) {
-    std::lock_guard lock(mutex_);
-    now_ += by;
-}
-
-void KXFakeAlertPresenter::present(const KXAlert& alert) {
-    std::lock_guard lock(mutex_);
-    alerts_.push_back(alert);
-}
-
-std::vector<KXAlert> KXFakeAlertPresenter::alerts() const {
-    std::lock_guard lock(mutex_);
-    return alerts_;
-}
-
 void KXFakeNotificationAuthorizer::requestAuthorization(
     std::uint32_t options,
     std::function<void(bool granted, const std::optional<KXError>& error)> completion) {
-    bool granted = false;
-    std::optional<KXError> error;
-    {
-        std::lock_guard lock(mutex_);
-        requests_.push_back(options);
-        granted = granted_;
-        error = error_;
-    }
+    std::lock_guard lock(mutex_);
+    requests_.push_back(options);
     if (completion) {
-        mainQueue_.post(
-            [completion = std::move(completion), granted, error] { completion(granted, error); });
+        mainQueue_.post([completion = std::move(completion), granted = granted_, error = error_] {
+            completion(granted, error);
+        });
     }
 }
-
-void KXFakeNotificationAuthorizer::setAnswer(bool granted, std::optional<KXError> error) {
-    std::lock_guard lock(mutex_);
-    granted_ = granted;
-    error_ = std::move(error);
-}
-
-std::vector<std::uint32_t> KXFakeNotificationAuthorizer::requests() const {
-    std::lock_guard lock(mutex_);
-    return requests_;
-}
-
-void KXFakeLocationSource::startUpdatingLocation() {
-    ++calls_.startUpdatingLocation;
-    updating_ = true;
-}
-
-void KXFakeLocationSource::stopUpdatingLocation() {
-    ++calls_.stopUpdatingLocation;
-    updating_ = false;
-}
-
-void KXFakeLocationSource::startMonitoringSignificantLocationChanges() {
-    ++calls_.startMonitoringSignificantLocationChanges;
-    monitoring_ = true;
-}
-
-void KXFakeLocationSource::stopMonitoringSignificantLocationChanges() {
-    ++calls_.stopMonitoringSignificantLocationChanges;
-    monitoring_ = false;
-}
-
-void KXFakeLocationSource::deliver(const std::vector<KXLocation>& locations) {
-    if (delegate_ != nullptr) {
-        delegate_->didUpdateLocations(locations);
-    }
-}
-
-void KXFakeLocationSource::deliverError(const KXError& error) {
-    if (delegate_ != nullptr) {
-        delegate_->didFailWithError(error);
-    }
-}
-
-// ---------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -116,13 +30,6 @@ fs::path baseDirectory(const char* variable, const char* homeRelative) {
     }
     const char* home = std::getenv("HOME");
     return fs::path(home != nullptr ? home : "/tmp") / homeRelative;
-}
-
-fs::path temporaryRoot() {
-    if (!KXTestDirectories::current().empty()) {
-        return KXTestDirectories::current();
-    }
-    return fs::temp_directory_path();
 }
 
 }  // namespace
@@ -135,7 +42,9 @@ KXTestPlatform::KXTestPlatform(KXTestPlatformOptions options) : options_(std::mo
 
     resourceDirectories_ = options_.resourceDirectories;
     if (resourceDirectories_.empty()) {
-        resourceDirectories_.push_back(temporaryRoot() / "resources");
+        const fs::path& root = KXTestDirectories::current();
+        resourceDirectories_.push_back((root.empty() ? fs::temp_directory_path() : root) /
+                                       "resources");
         std::error_code ec;
         fs::create_directories(resourceDirectories_.front(), ec);
     }
@@ -147,7 +56,6 @@ KXTestPlatform::KXTestPlatform(KXTestPlatformOptions options) : options_(std::mo
     deviceFacts_.localeIdentifier = "en_US";
     deviceFacts_.preferredLanguages = {"en-US"};
     deviceFacts_.coreFoundationVersionNumber = kKXLinuxCoreFoundationVersionNumber;
-
     keychain_ = std::make_unique<KXFileKeychain>(dataDirectory_ / "keychain.plist");
     userDefaults_ = std::make_unique<KXFileUserDefaults>(configDirectory_ / "UserDefaults.plist");
     bundle_ =
@@ -157,27 +65,14 @@ KXTestPlatform::KXTestPlatform(KXTestPlatformOptions options) : options_(std::mo
     backgroundQueue_ = std::make_unique<KXBackgroundQueue>(options_.backgroundThreads);
 }
 
-KXTestPlatform::~KXTestPlatform() {
-    backgroundQueue_->shutdown();
-}
-
 std::shared_ptr<KXTestPlatform> KXTestPlatform::install(KXTestPlatformOptions options) {
     auto platform = std::make_shared<KXTestPlatform>(std::move(options));
     KXPlatform::install(platform);
     return platform;
 }
 
-KXDeviceFacts KXTestPlatform::deviceFacts() const {
-    return deviceFacts_;
-}
-
 std::unique_ptr<KXLocationSource> KXTestPlatform::makeLocationSource() {
     auto source = std::make_unique<KXFakeLocationSource>();
     locationSources_.push_back(source.get());
     return source;
-}
-
-bool KXTestPlatform::runUntil(const std::function<bool()>& done,
-                              std::chrono::milliseconds timeout) {
-    return mainQueue_.runUntil(done, timeout);
 }

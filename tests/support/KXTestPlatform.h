@@ -1,20 +1,12 @@
 #pragma once
 
 // A platform for tests: the real Linux parts where the test can look at real results (the asio
-// main queue, file-backed user defaults and keychain in the test's temporary XDG directories,
-// a bundle over a resource directory the test chooses, a real background queue) and fakes where
-// a test must control or observe the outside world (clock, device facts, alerts, location,
-// notification authorisation, the application's platform hooks).
-//
-// One line installs it as the process's platform:
-//
-//     auto platform = KXTestPlatform::install();
-//     platform->application().postEvent(KXApplicationEvent::DidBecomeActive);
-//     ASSERT_TRUE(platform->runUntil([&] { return done; }));
-//
-// Each test case runs in a process of its own with fresh XDG directories (KXTestMain.cpp), so
-// every test starts with empty user defaults and keychain. Work the library posts to the main
-// queue runs only while the test runs the queue (runUntil, poll, runFor).
+// main queue, file-backed user defaults and keychain in the test's temporary XDG directories, a
+// bundle over resource directories the test chooses, a real background queue) and fakes where a
+// test must control or observe the outside world (clock, device facts, alerts, location,
+// notification authorisation, the application's platform hooks). KXTestPlatform::install()
+// makes it the process's platform. Work the library posts to the main queue runs only while the
+// test runs the queue (runUntil, poll, runFor).
 
 #include <KXClientFramework/KXApplication.h>
 #include <KXClientFramework/KXAsioMainQueue.h>
@@ -23,6 +15,7 @@
 #include <KXClientFramework/KXFileUserDefaults.h>
 #include <KXClientFramework/KXPlatform.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -31,6 +24,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// A clock that stands still until the test sets or advances it, or moves on by a step at every
@@ -38,22 +32,32 @@
 /// 2020-01-01 00:00 UTC.
 class KXFakeClock final : public KXClock {
 public:
-    std::chrono::system_clock::time_point now() const override;
-    void set(std::chrono::system_clock::time_point time);
-    void advance(std::chrono::system_clock::duration by);
-    void setStepPerReading(std::chrono::system_clock::duration step);
+    using Clock = std::chrono::system_clock;
+
+    Clock::time_point now() const override {
+        return Clock::time_point(Clock::duration(ticks_.fetch_add(step_)));
+    }
+    void set(Clock::time_point time) { ticks_ = time.time_since_epoch().count(); }
+    void advance(Clock::duration by) { ticks_ += by.count(); }
+    void setStepPerReading(Clock::duration step) { step_ = step.count(); }
 
 private:
-    mutable std::mutex mutex_;
-    mutable std::chrono::system_clock::time_point now_{std::chrono::seconds(1577836800)};
-    std::chrono::system_clock::duration step_{};
+    mutable std::atomic<Clock::rep> ticks_{
+        Clock::duration(std::chrono::seconds(1577836800)).count()};
+    std::atomic<Clock::rep> step_{0};
 };
 
 /// Records every alert instead of showing it.
 class KXFakeAlertPresenter final : public KXAlertPresenter {
 public:
-    void present(const KXAlert& alert) override;
-    std::vector<KXAlert> alerts() const;
+    void present(const KXAlert& alert) override {
+        std::lock_guard lock(mutex_);
+        alerts_.push_back(alert);
+    }
+    std::vector<KXAlert> alerts() const {
+        std::lock_guard lock(mutex_);
+        return alerts_;
+    }
 
 private:
     mutable std::mutex mutex_;
@@ -73,10 +77,17 @@ public:
     void grant() { setAnswer(true); }
     void deny(std::optional<KXError> error = std::nullopt) { setAnswer(false, std::move(error)); }
     /// The options of each request, in order.
-    std::vector<std::uint32_t> requests() const;
+    std::vector<std::uint32_t> requests() const {
+        std::lock_guard lock(mutex_);
+        return requests_;
+    }
 
 private:
-    void setAnswer(bool granted, std::optional<KXError> error = std::nullopt);
+    void setAnswer(bool granted, std::optional<KXError> error = std::nullopt) {
+        std::lock_guard lock(mutex_);
+        granted_ = granted;
+        error_ = std::move(error);
+    }
 
     KXMainQueue& mainQueue_;
     mutable std::mutex mutex_;
@@ -106,13 +117,25 @@ public:
     double distanceFilter() const override { return distanceFilter_; }
     void requestWhenInUseAuthorization() override { ++calls_.requestWhenInUseAuthorization; }
     void requestAlwaysAuthorization() override { ++calls_.requestAlwaysAuthorization; }
-    void startUpdatingLocation() override;
-    void stopUpdatingLocation() override;
-    void startMonitoringSignificantLocationChanges() override;
-    void stopMonitoringSignificantLocationChanges() override;
+    void startUpdatingLocation() override { ++calls_.startUpdatingLocation, updating_ = true; }
+    void stopUpdatingLocation() override { ++calls_.stopUpdatingLocation, updating_ = false; }
+    void startMonitoringSignificantLocationChanges() override {
+        ++calls_.startMonitoringSignificantLocationChanges, monitoring_ = true;
+    }
+    void stopMonitoringSignificantLocationChanges() override {
+        ++calls_.stopMonitoringSignificantLocationChanges, monitoring_ = false;
+    }
 
-    void deliver(const std::vector<KXLocation>& locations);
-    void deliverError(const KXError& error);
+    void deliver(const std::vector<KXLocation>& locations) {
+        if (delegate_ != nullptr) {
+            delegate_->didUpdateLocations(locations);
+        }
+    }
+    void deliverError(const KXError& error) {
+        if (delegate_ != nullptr) {
+            delegate_->didFailWithError(error);
+        }
+    }
 
     KXLocationSourceDelegate* delegate() const { return delegate_; }
     const Calls& calls() const { return calls_; }
@@ -163,7 +186,7 @@ struct KXTestPlatformOptions {
 class KXTestPlatform final : public KXPlatform {
 public:
     explicit KXTestPlatform(KXTestPlatformOptions options = {});
-    ~KXTestPlatform() override;
+    ~KXTestPlatform() override { backgroundQueue_->shutdown(); }
 
     /// Makes a test platform and installs it as the process's platform.
     static std::shared_ptr<KXTestPlatform> install(KXTestPlatformOptions options = {});
@@ -174,7 +197,7 @@ public:
     KXBundle& mainBundle() override { return *bundle_; }
     KXUserDefaults& userDefaults() override { return *userDefaults_; }
     KXKeychain& keychain() override { return *keychain_; }
-    KXDeviceFacts deviceFacts() const override;
+    KXDeviceFacts deviceFacts() const override { return deviceFacts_; }
     std::filesystem::path cachesDirectory() const override { return cachesDirectory_; }
     /// Returns a KXFakeLocationSource; each one made is also listed by locationSources().
     std::unique_ptr<KXLocationSource> makeLocationSource() override;
@@ -186,7 +209,6 @@ public:
     KXAsioMainQueue& asioMainQueue() { return mainQueue_; }
     KXRecordingApplication& recordingApplication() { return *application_; }
     KXFileUserDefaults& fileUserDefaults() { return *userDefaults_; }
-    KXFileKeychain& fileKeychain() { return *keychain_; }
     /// The first resource directory (where tests put KXConfig.enc, Info.plist, ...).
     const std::filesystem::path& resourceDirectory() const { return resourceDirectories_.front(); }
     const std::filesystem::path& configDirectory() const { return configDirectory_; }
@@ -203,7 +225,9 @@ public:
 
     /// Runs the main queue until `done()` is true or `timeout` passed; true when done.
     bool runUntil(const std::function<bool()>& done,
-                  std::chrono::milliseconds timeout = std::chrono::seconds(10));
+                  std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+        return mainQueue_.runUntil(done, timeout);
+    }
     /// Runs the work that is ready on the main queue now.
     std::size_t poll() { return mainQueue_.poll(); }
 

@@ -20,7 +20,7 @@ protected:
     KXHTTP2Server server;
 
     HTTP2OverTLS() {
-        pointEveryEndpointAt(server.baseURL());
+        kxtest::pointServiceAt(server.baseURL());
         server.addDocument("/inbox.json", R"({"messages":[]})");
     }
 
@@ -30,14 +30,7 @@ protected:
         configuration.certificateAuthorityFile = file;
         transport().setConfiguration(configuration);
     }
-
-    std::size_t requestsServed() const {
-        const std::vector<std::size_t> streams = server.requestStreamsPerConnection();
-        return std::accumulate(streams.begin(), streams.end(), std::size_t{0});
-    }
 };
-
-class PlainHTTP : public KXTransportTest {};
 
 std::string describe(const KXCallOutcome& outcome) {
     return outcome.error ? outcome.error->description() : std::string("no error");
@@ -99,7 +92,9 @@ TEST_F(HTTP2OverTLS, OnlyTheConfiguredAuthoritiesAreTrusted) {
     const KXCallOutcome again = get("/inbox.json");
     ASSERT_EQ(again.successes, 1) << describe(again);
     EXPECT_EQ(again.response->HTTPVersion, "2");
-    EXPECT_EQ(requestsServed(), 2u) << "a refused request went out on the trusted connection";
+    const std::vector<std::size_t> streams = server.requestStreamsPerConnection();
+    EXPECT_EQ(std::accumulate(streams.begin(), streams.end(), std::size_t{0}), 2u)
+        << "a refused request went out on the trusted connection";
 }
 
 TEST_F(HTTP2OverTLS, CallsStartedTogetherAreMultiplexedOnOneConnection) {
@@ -115,21 +110,4 @@ TEST_F(HTTP2OverTLS, CallsStartedTogetherAreMultiplexedOnOneConnection) {
     }
     // Without multiplexing, calls that start before the first connection is up each open one.
     EXPECT_EQ(server.requestStreamsPerConnection(), std::vector<std::size_t>{kCalls});
-}
-
-TEST_F(PlainHTTP, AnswersReportTheirHTTP1Version) {
-    giveToken();
-    service.script("GET", "/current", KXScriptedAnswer::json(200, KXJSON::object()));
-    KXScriptedAnswer old;
-    old.fault = KXScriptedAnswer::Fault::Garbage;
-    old.garbage =
-        "HTTP/1.0 200 OK\r\nContent-Type: application/json\r\nContent-Length: 2\r\n\r\n{}";
-    service.script("GET", "/old", old);
-
-    const KXCallOutcome current = get("/current");
-    ASSERT_EQ(current.successes, 1) << describe(current);
-    EXPECT_EQ(current.response->HTTPVersion, "1.1");
-    const KXCallOutcome answeredInHTTP10 = get("/old");
-    ASSERT_EQ(answeredInHTTP10.successes, 1) << describe(answeredInHTTP10);
-    EXPECT_EQ(answeredInHTTP10.response->HTTPVersion, "1.0");
 }

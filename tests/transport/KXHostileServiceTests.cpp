@@ -143,7 +143,7 @@ TEST_F(HostileService, TokenFailuresFailEveryWaitingRequestOnceWithoutAResponse)
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         KXLoopbackService fresh;
-        pointEveryEndpointAt(fresh.baseURL());
+        kxtest::pointServiceAt(fresh.baseURL());
         fresh.script("GET", "/inbox", KXScriptedAnswer::json(200, KXJSON::object()));
         fresh.script("POST", "/token", c.answer);
         sink->clear();

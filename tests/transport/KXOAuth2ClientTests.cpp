@@ -23,23 +23,13 @@ protected:
         clock.setStepPerReading(1us);
     }
 
-    struct Result {
-        int successes = 0;
-        int failures = 0;
-        std::optional<KXError> error;
-    };
-
-    Result authenticate() {
-        Result result;
-        client.authenticateWithSuccess([&] { ++result.successes; },
-                                       [&](const KXError& error) {
-                                           ++result.failures;
-                                           result.error = error;
-                                       });
-        EXPECT_TRUE(runUntil([&] { return result.successes + result.failures > 0; }));
-        drain();
-        EXPECT_EQ(result.successes + result.failures, 1);
-        return result;
+    /// What the authentication reported: "success" or "failure:<code>:<description>".
+    std::string authenticate() {
+        KXEventLog events;
+        client.authenticateWithSuccess(events.done(), events.failure());
+        waitForEvents(events, 1);
+        EXPECT_EQ(events.count(), 1u);
+        return events.seen.at(0);
     }
 
     std::optional<std::string> currentToken() {
@@ -58,13 +48,13 @@ protected:
 TEST_F(OAuth2Client, AuthenticationPostsTheGrantAndStoresTokenAndCredentialOnlyOnSuccess) {
     // A refused grant stores nothing and starts no renewal timer.
     service.script("POST", "/token", KXScriptedAnswer::json(401, KXJSON::object()));
-    EXPECT_EQ(authenticate().failures, 1);
+    EXPECT_EQ(authenticate().rfind("failure:401:", 0), 0u);
     EXPECT_FALSE(KXOAuthCredential::retrieveCredentialWithIdentifier(client.keychainId()));
     EXPECT_EQ(client.backgroundTimer(), nullptr);
 
     service.scriptToken("token-1", 3600);
     EXPECT_EQ(client.keychainId(), "KXOAuthCredentialServiceclient-7");
-    EXPECT_EQ(authenticate().successes, 1);
+    EXPECT_EQ(authenticate(), "success");
 
     const auto requests = service.requestsTo("/token");
     ASSERT_EQ(requests.size(), 2u);
@@ -181,29 +171,29 @@ TEST_F(OAuth2Client, RenewalUsesTheCredentialInTheKeychain) {
     ASSERT_TRUE(KXOAuthCredential::storeCredential(
         KXOAuthCredential::credentialWithClientId("kc-id", "kc-secret"), client.keychainId()));
 
-    std::shared_ptr<KXBearerToken> received;
-    int calls = 0;
-    client.refreshBearerTokenWithSuccess(
-        [&](const std::shared_ptr<KXBearerToken>& token) {
-            ++calls;
-            received = token;
-        },
-        [&](const KXError&) { ++calls; });
-    ASSERT_TRUE(runUntil([&] { return calls > 0; }));
+    const auto refresh = [&] {
+        std::shared_ptr<KXBearerToken> received;
+        KXEventLog events;
+        client.refreshBearerTokenWithSuccess(
+            [&](const std::shared_ptr<KXBearerToken>& token) {
+                received = token;
+                events.succeeded();
+            },
+            events.failure());
+        waitForEvents(events, 1);
+        EXPECT_EQ(events.seen, std::vector<std::string>{"success"});
+        return std::pair(received, kxtest::formFields(service.requestsTo("/token").back().body));
+    };
+    const auto [received, fields] = refresh();
     ASSERT_TRUE(received);
     EXPECT_EQ(received, transport().bearerToken());
     EXPECT_EQ(received->token(), "renewed");
-    auto fields = kxtest::formFields(service.requestsTo("/token").back().body);
-    EXPECT_EQ(fields["client_id"], "kc-id");
-    EXPECT_EQ(fields["client_secret"], "kc-secret");
+    EXPECT_EQ(fields.at("client_id"), "kc-id");
+    EXPECT_EQ(fields.at("client_secret"), "kc-secret");
 
     // Without a stored credential only the grant type and the scope go out.
     ASSERT_TRUE(KXOAuthCredential::deleteCredentialWithIdentifier(client.keychainId()));
-    calls = 0;
-    client.refreshBearerTokenWithSuccess([&](const std::shared_ptr<KXBearerToken>&) { ++calls; },
-                                         [&](const KXError&) { ++calls; });
-    ASSERT_TRUE(runUntil([&] { return calls > 0; }));
-    EXPECT_EQ(kxtest::formFields(service.requestsTo("/token").back().body),
+    EXPECT_EQ(refresh().second,
               (std::map<std::string, std::string>{{"grant_type", "client_credentials"},
                                                   {"scope", "RETURN_ALL_CLIENT_SCOPES"}}));
 }

@@ -50,15 +50,12 @@ TEST_F(EnvironmentTable, EachEnvironmentChoosesItsHostAndPath) {
     for (bool inProduction : {false, true}) {
         KXConfig::defaultConfig().setInProduction(inProduction);
         for (const Row& row : rows) {
+            SCOPED_TRACE(testing::Message()
+                         << "environment " << row.environment << " inProduction " << inProduction);
             KXClientFramework::setEnvironment(row.environment);
             KXSessionManager manager;
-            const std::string expectedURL =
-                inProduction ? "https://prod.example.test" : row.baseURL;
-            const std::string expectedPath = inProduction ? "/KXFrontier" : row.basePath;
-            EXPECT_EQ(manager.baseURL(), expectedURL)
-                << "environment " << row.environment << " inProduction " << inProduction;
-            EXPECT_EQ(KXSessionManager::kxBaseURI(), expectedPath)
-                << "environment " << row.environment << " inProduction " << inProduction;
+            EXPECT_EQ(manager.baseURL(), inProduction ? "https://prod.example.test" : row.baseURL);
+            EXPECT_EQ(KXSessionManager::kxBaseURI(), inProduction ? "/KXFrontier" : row.basePath);
         }
     }
 }

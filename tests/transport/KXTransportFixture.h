@@ -54,10 +54,7 @@ struct KXEventLog {
 /// A 201 answer naming the record it made.
 inline KXScriptedAnswer created(const std::string& newRecordId,
                                 std::chrono::milliseconds delay = {}) {
-    KXScriptedAnswer answer = KXScriptedAnswer::empty(201);
-    answer.headers = {{"newRecordId", newRecordId}};
-    answer.delay = delay;
-    return answer;
+    return {.status = 201, .headers = {{"newRecordId", newRecordId}}, .delay = delay};
 }
 
 /// An error answer with the service's {"message": …} body.
@@ -82,12 +79,8 @@ protected:
 
     explicit KXTransportTest(KXTestPlatformOptions options = {})
         : platform(KXTestPlatform::install(std::move(options))) {
-        pointEveryEndpointAt(service.baseURL());
+        kxtest::pointServiceAt(service.baseURL());
         transport().setBearerToken(nullptr);  // a token left by a test before in this process
-    }
-
-    static void pointEveryEndpointAt(const std::string& baseURL) {
-        kxtest::pointServiceAt(baseURL);
     }
 
     KXHTTPSessionManager& transport() { return KXHTTPSessionManager::sharedManager(); }
@@ -104,13 +97,10 @@ protected:
     /// Runs the main queue until `done` holds, also for conditions that other threads change.
     bool waitFor(const std::function<bool()>& done) {
         const auto deadline = std::chrono::steady_clock::now() + kPatience;
-        while (!done()) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                return false;
-            }
+        while (!done() && std::chrono::steady_clock::now() < deadline) {
             platform->asioMainQueue().runFor(std::chrono::milliseconds(5));
         }
-        return true;
+        return done();
     }
 
     /// Lets queued work run for a moment, to catch a callback that arrives twice.
@@ -132,18 +122,19 @@ protected:
     /// Starts a call whose outcome lands in `outcome`.
     void start(Verb verb, const std::string& path, const KXJSON& parameters,
                KXCallOutcome& outcome) {
+        const auto note = [this, &outcome](auto response, int& count) {
+            ++count;
+            outcome.allOnMainThread &= platform->mainQueue().isMainThread();
+            outcome.response = std::move(response);
+        };
         (transport().*verb)(
             path, parameters,
-            [this, &outcome](std::shared_ptr<const KXHTTPResponse> response, const KXJSON& object) {
-                ++outcome.successes;
-                outcome.allOnMainThread &= platform->mainQueue().isMainThread();
-                outcome.response = std::move(response);
+            [&outcome, note](auto response, const KXJSON& object) {
+                note(std::move(response), outcome.successes);
                 outcome.object = object;
             },
-            [this, &outcome](std::shared_ptr<const KXHTTPResponse> response, const KXError& error) {
-                ++outcome.failures;
-                outcome.allOnMainThread &= platform->mainQueue().isMainThread();
-                outcome.response = std::move(response);
+            [&outcome, note](auto response, const KXError& error) {
+                note(std::move(response), outcome.failures);
                 outcome.error = error;
             });
     }
