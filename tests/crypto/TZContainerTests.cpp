@@ -258,6 +258,11 @@ TEST(TZDecryptor, StreamedInputComesOutInOrderBeforeTheHMACVerdict) {
     refused->addData(Bytes{0});
     EXPECT_TRUE(refused->isFinished());
     EXPECT_EQ(refused->error()->code, TZCryptorErrorUnknownHeader);
+    // Once finished, a decryptor takes nothing more.
+    auto finished = TZDecryptor::initWithEncryptionKey(kEncryptionKey, kHMACKey, {});
+    EXPECT_EQ(TZCryptor::synchronousResultForCryptor(finished, Bytes{7}), Bytes{});
+    finished->addData(std::span<const std::uint8_t>(Bytes{0}));
+    EXPECT_FALSE(finished->error().has_value());
 
     // The header byte by byte, 2000 bytes in pieces of 7, the rest in one moved piece. The
     // largest is decrypted in several chunks, all delivered although its HMAC was changed.

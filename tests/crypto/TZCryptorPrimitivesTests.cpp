@@ -58,8 +58,7 @@ TEST(TZ_CCKeyDerivationPBKDF, MatchesOpenSSLForEveryPRF) {
                         ASSERT_EQ(fallback(2, password, *salt, prf, rounds, derived), 0);
                         EXPECT_EQ(derived,
                                   pbkdf2(password, *salt, rounds, length, digests[prf - 1]))
-                            << "prf " << prf << " length " << length << " rounds " << rounds
-                            << " salt " << salt->size() << " password " << password;
+                            << prf << " " << length << " " << rounds << " " << salt->size();
                     }
                 }
             }

@@ -28,9 +28,8 @@ const Bytes kIV = patternBytes(16, 7);
 }  // namespace
 
 TEST(TZCryptorQueues, HandlerRunsOnAForeignResponseQueueOneCallAtATime) {
-    // The response queue is a strand of an io_context only this thread runs: every handler call
-    // happens here, in order, and the work queue waits for each one. The cryptor's worker may
-    // still be returning from its last handover when the test ends, so the context lives on.
+    // Every handler call happens on this thread's strand, in order, one at a time. The context
+    // lives on: the cryptor's worker may still be returning from its last handover at the end.
     static asio::io_context& context = *new asio::io_context;
     auto keepRunning = asio::make_work_guard(context);
     const auto plain = patternBytes(900 * 1024, 3);
