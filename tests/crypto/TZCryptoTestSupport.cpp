@@ -3,6 +3,7 @@
 #include "KXProcess.h"
 #include "KXSealedFiles.h"
 
+#include <fmt/format.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
@@ -31,13 +32,7 @@ Bytes patternBytes(std::size_t length, std::uint32_t seed) {
 }
 
 std::string hex(std::span<const std::uint8_t> bytes) {
-    constexpr std::string_view digits = "0123456789ABCDEF";
-    std::string text;
-    for (const auto byte : bytes) {
-        text += digits[byte >> 4];
-        text += digits[byte & 15];
-    }
-    return text;
+    return fmt::format("{:02X}", fmt::join(bytes, ""));
 }
 
 Bytes concat(std::initializer_list<std::span<const std::uint8_t>> parts) {
@@ -53,12 +48,10 @@ ToolResult openssl(const std::string& arguments, std::span<const std::uint8_t> i
     if (password != nullptr) {
         setenv("KX_TEST_PASSWORD", password->c_str(), 1);
     }
-    // The input comes from a file: a large one written to the tool's standard input would fill
-    // the pipe while the tool waits for its output to be read.
+    // From a file: a large input written to the pipe would block while the tool's output waits.
     static std::atomic<int> counter{0};
     const auto in = kxtest::scratchDirectory("openssl") / std::to_string(counter++);
     kxtest::writeBytes(in, Bytes(input.begin(), input.end()));
-    // Through env, which finds the tool on the PATH.
     std::vector<std::string> words{"openssl"};
     std::istringstream split(arguments);
     for (std::string word; split >> word;) {
@@ -97,7 +90,7 @@ Bytes hmac(const char* digest, std::span<const std::uint8_t> key,
     return mac;
 }
 
-Bytes aesCBC(bool encrypt, std::span<const std::uint8_t> key, std::span<const std::uint8_t> IV,
+Bytes aesCBC(std::span<const std::uint8_t> key, std::span<const std::uint8_t> IV,
              std::span<const std::uint8_t> data) {
     const EVP_CIPHER* cipher = key.size() == 16   ? EVP_aes_128_cbc()
                                : key.size() == 24 ? EVP_aes_192_cbc()
@@ -106,11 +99,10 @@ Bytes aesCBC(bool encrypt, std::span<const std::uint8_t> key, std::span<const st
     Bytes out(data.size() + 16);
     int written = 0;
     int last = 0;
-    const bool ok =
-        EVP_CipherInit_ex(context, cipher, nullptr, key.data(), IV.data(), encrypt ? 1 : 0) == 1 &&
-        EVP_CipherUpdate(context, out.data(), &written, data.data(),
-                         static_cast<int>(data.size())) == 1 &&
-        EVP_CipherFinal_ex(context, out.data() + written, &last) == 1;
+    const bool ok = EVP_CipherInit_ex(context, cipher, nullptr, key.data(), IV.data(), 1) == 1 &&
+                    EVP_CipherUpdate(context, out.data(), &written, data.data(),
+                                     static_cast<int>(data.size())) == 1 &&
+                    EVP_CipherFinal_ex(context, out.data() + written, &last) == 1;
     EVP_CIPHER_CTX_free(context);
     if (!ok) {
         throw std::runtime_error("AES-CBC failed");
@@ -119,22 +111,17 @@ Bytes aesCBC(bool encrypt, std::span<const std::uint8_t> key, std::span<const st
     return out;
 }
 
-std::string descriptionOf(const KXError& error) {
-    if (error.userInfo.is_object() && error.userInfo.contains("NSLocalizedDescription")) {
-        return error.userInfo["NSLocalizedDescription"].get<std::string>();
-    }
-    return {};
-}
-
 testing::AssertionResult failedWith(const std::optional<Bytes>& result, const KXError& error,
                                     std::int64_t code, const char* description) {
     if (result.has_value()) {
         return testing::AssertionFailure() << "succeeded with " << result->size() << " bytes";
     }
+    const bool described = description != nullptr && *description != 0;
+    const KXJSON userInfo = described ? KXJSON{{"NSLocalizedDescription", description}} : KXJSON();
     if (error.domain != kTZCryptorErrorDomain || error.code != code ||
-        (description != nullptr && descriptionOf(error) != description)) {
-        return testing::AssertionFailure() << "failed with " << error.description() << " ("
-                                           << descriptionOf(error) << "), not " << code;
+        (description != nullptr && error.userInfo != userInfo)) {
+        return testing::AssertionFailure()
+               << "failed with " << error.description() << ", not " << code;
     }
     return testing::AssertionSuccess();
 }

@@ -21,6 +21,8 @@
 namespace tztest {
 
 using Bytes = std::vector<std::uint8_t>;
+/// The default settings: AES-256-CBC, HMAC-SHA256, PBKDF2-SHA1 with 10000 rounds.
+inline constexpr const TZCryptorSettings& kAES = kTZCryptorAES256Settings;
 
 Bytes bytesOf(std::string_view text);
 /// `length` bytes of a fixed pseudo-random sequence chosen by `seed`.
@@ -35,26 +37,22 @@ struct ToolResult {
     std::string errors;
 };
 
-/// Runs `openssl <arguments> -in <file of input>` (arguments split at spaces); the output is
-/// what the tool writes to its standard output. The password,
+/// Runs `openssl <arguments> -in <file of input>` (arguments split at spaces). The password,
 /// when given, is passed in the environment variable KX_TEST_PASSWORD so that any bytes
 /// survive; refer to it with `-pass env:KX_TEST_PASSWORD`.
 ToolResult openssl(const std::string& arguments, std::span<const std::uint8_t> input,
                    const std::string* password = nullptr);
 
-/// Raw OpenSSL: PBKDF2 (PKCS5_PBKDF2_HMAC), HMAC and AES-CBC with PKCS#7 padding.
+/// Raw OpenSSL: PBKDF2 (PKCS5_PBKDF2_HMAC), HMAC and AES-CBC encryption with PKCS#7 padding.
 Bytes pbkdf2(std::string_view password, std::span<const std::uint8_t> salt, unsigned rounds,
              std::size_t length, const char* digest = "SHA1");
 Bytes hmac(const char* digest, std::span<const std::uint8_t> key,
            std::span<const std::uint8_t> data);
-Bytes aesCBC(bool encrypt, std::span<const std::uint8_t> key, std::span<const std::uint8_t> IV,
+Bytes aesCBC(std::span<const std::uint8_t> key, std::span<const std::uint8_t> IV,
              std::span<const std::uint8_t> data);
 
-/// The error's text, as the user info carries it.
-std::string descriptionOf(const KXError& error);
-
 /// Success when nothing came out and `error` is `code` of the cryptor domain, with the text
-/// `description` when one is given.
+/// `description` when one is given and no user info at all when `description` is "".
 testing::AssertionResult failedWith(const std::optional<Bytes>& result, const KXError& error,
                                     std::int64_t code, const char* description = nullptr);
 
@@ -64,7 +62,6 @@ struct Collector {
     std::condition_variable changed;
     Bytes output;
     std::vector<Bytes> chunks;
-    int calls = 0;
     bool finished = false;
     bool everOffQueue = false;
     bool calledAfterFinishing = false;
@@ -73,7 +70,6 @@ struct Collector {
     TZCryptorHandler handler() {
         return [this](TZCryptor& cryptor, std::span<const std::uint8_t> data) {
             std::lock_guard lock(mutex);
-            ++calls;
             everOffQueue |= !cryptor.responseQueue().running_in_this_thread();
             calledAfterFinishing |= finished;
             output.insert(output.end(), data.begin(), data.end());

@@ -19,25 +19,30 @@ int fallback(std::uint32_t algorithm, std::string_view password, std::span<const
 const Bytes kKey = patternBytes(32, 1);
 const Bytes kIV = patternBytes(16, 2);
 
-// A fresh engine's output for `input` in one piece, or nothing when it fails.
+// A fresh engine's output for `input` fed in pieces of 99 bytes, or nothing when it fails.
 std::optional<Bytes> runEngine(TZCryptorOperation operation, const TZCryptorSettings& settings,
                                std::span<const std::uint8_t> key,
                                std::span<const std::uint8_t> input, KXError* error = nullptr) {
     auto engine = TZCryptorEngine::initWithOperation(operation, settings, key, kIV, error);
-    auto output = !engine         ? std::nullopt
-                  : input.empty() ? std::optional<Bytes>(Bytes{})
-                                  : engine->addData(input, error);
-    const auto last = output ? engine->finishWithError(error) : std::nullopt;
+    Bytes output;
+    for (std::size_t at = 0; engine && at < input.size(); at += 99) {
+        const auto piece =
+            engine->addData(input.subspan(at, std::min<std::size_t>(99, input.size() - at)), error);
+        if (!piece) {
+            return std::nullopt;
+        }
+        EXPECT_EQ(piece->size() % 16, 0u);  // whole blocks only
+        output.insert(output.end(), piece->begin(), piece->end());
+    }
+    const auto last = engine ? engine->finishWithError(error) : std::nullopt;
     if (!last) {
         return std::nullopt;
     }
-    output->insert(output->end(), last->begin(), last->end());
+    output.insert(output.end(), last->begin(), last->end());
     return output;
 }
 
 }  // namespace
-
-// MARK: - Fallback PBKDF2
 
 TEST(TZ_CCKeyDerivationPBKDF, MatchesOpenSSLForEveryPRF) {
     const char* digests[] = {"SHA1", "SHA224", "SHA256", "SHA384", "SHA512"};
@@ -47,156 +52,113 @@ TEST(TZ_CCKeyDerivationPBKDF, MatchesOpenSSLForEveryPRF) {
         for (const std::size_t length : {1u, 20u, 21u, 28u, 32u, 48u, 64u, 65u, 150u}) {
             for (const std::uint32_t rounds : {1u, 2u, 1000u}) {
                 for (const auto* salt : {&shortSalt, &longSalt}) {
-                    Bytes derived(length, 0xAA);
-                    ASSERT_EQ(fallback(2, "password", *salt, prf, rounds, derived), 0);
-                    EXPECT_EQ(derived, pbkdf2("password", *salt, rounds, length, digests[prf - 1]))
-                        << "prf " << prf << " length " << length << " rounds " << rounds << " salt "
-                        << salt->size();
+                    // An empty password is a valid one.
+                    for (const std::string_view password : {"password", ""}) {
+                        Bytes derived(length, 0xAA);
+                        ASSERT_EQ(fallback(2, password, *salt, prf, rounds, derived), 0);
+                        EXPECT_EQ(derived,
+                                  pbkdf2(password, *salt, rounds, length, digests[prf - 1]))
+                            << prf << " " << length << " " << rounds << " " << salt->size();
+                    }
                 }
             }
         }
     }
-    // An empty password is a valid one.
-    Bytes derived(32);
-    ASSERT_EQ(fallback(2, "", shortSalt, 1, 10, derived), 0);
-    EXPECT_EQ(derived, pbkdf2("", shortSalt, 10, 32));
 }
 
 TEST(TZ_CCKeyDerivationPBKDF, RefusesWhatItCannotDoAndWritesNothing) {
-    const auto salt = patternBytes(8, 3);
-    struct Case {
-        const char* name;
-        std::uint32_t algorithm;
-        std::size_t saltLength;
-        std::uint32_t rounds;
-        std::size_t length;
-    };
-    const Case refused[] = {
-        {"algorithm 0", 0, 8, 1, 32}, {"algorithm 1", 1, 8, 1, 32},   {"algorithm 3", 3, 8, 1, 32},
-        {"empty salt", 2, 0, 1, 32},  {"salt of 133", 2, 133, 1, 32}, {"zero rounds", 2, 8, 0, 32},
-        {"empty output", 2, 8, 1, 0},
-    };
-    const auto bigSalt = patternBytes(133, 4);
-    for (const auto& c : refused) {
-        Bytes derived(std::max<std::size_t>(c.length, 1), 0x5A);
-        const std::uint8_t* saltBytes = c.saltLength > 8 ? bigSalt.data() : salt.data();
-        EXPECT_EQ(TZ_CCKeyDerivationPBKDF(c.algorithm, "pw", 2, saltBytes, c.saltLength, 1,
-                                          c.rounds, derived.data(), c.length),
-                  -1)
-            << c.name;
-        EXPECT_EQ(derived, Bytes(derived.size(), 0x5A)) << c.name;
+    const auto salt = patternBytes(133, 4);
+    // Algorithm, salt length, rounds, output length; a refusal writes nothing.
+    const int cases[][5] = {{0, 8, 1, 32, -1}, {1, 8, 1, 32, -1},   {3, 8, 1, 32, -1},
+                            {2, 0, 1, 32, -1}, {2, 133, 1, 32, -1}, {2, 8, 0, 32, -1},
+                            {2, 8, 1, 0, -1},  {2, 132, 1, 16, 0},  {2, 1, 1, 16, 0}};
+    for (const auto& [algorithm, saltLength, rounds, length, status] : cases) {
+        Bytes derived(std::max(length, 1), 0x5A);
+        EXPECT_EQ(TZ_CCKeyDerivationPBKDF(algorithm, "pw", 2, salt.data(), saltLength, 1, rounds,
+                                          derived.data(), length),
+                  status)
+            << algorithm << " " << saltLength << " " << rounds << " " << length;
+        if (status != 0) {
+            EXPECT_EQ(derived, Bytes(derived.size(), 0x5A));
+        }
     }
-    // The limits themselves are accepted.
-    Bytes derived(16);
-    EXPECT_EQ(fallback(2, "pw", std::span(bigSalt).first(132), 1, 1, derived), 0);
-    EXPECT_EQ(fallback(2, "pw", std::span(bigSalt).first(1), 1, 1, derived), 0);
-}
-
-TEST(TZ_CCKeyDerivationPBKDF, UnknownPRFWorksOneByteAtATime) {
-    // Blocks of one byte: with one round, byte i is the first byte of HMAC-SHA1(P, S || INT(i+1)).
-    const auto salt = patternBytes(8, 5);
+    // An unknown PRF works in blocks of one byte: with one round, byte i is the first byte of
+    // HMAC-SHA1(P, S || INT(i+1)).
     Bytes derived(5);
-    ASSERT_EQ(fallback(2, "pw", salt, 0, 1, derived), 0);
-    for (std::uint32_t i = 0; i < derived.size(); ++i) {
-        const auto block = concat({salt, Bytes{0, 0, 0, static_cast<std::uint8_t>(i + 1)}});
-        EXPECT_EQ(derived[i], hmac("SHA1", bytesOf("pw"), block)[0]) << i;
+    ASSERT_EQ(fallback(2, "pw", std::span(salt).first(8), 0, 1, derived), 0);
+    for (std::uint8_t i = 0; i < derived.size(); ++i) {
+        const auto block = concat({std::span(salt).first(8), Bytes{0, 0, 0, std::uint8_t(i + 1)}});
+        EXPECT_EQ(derived[i], hmac("SHA1", bytesOf("pw"), block)[0]) << int(i);
     }
 }
-
-// MARK: - Password keys
 
 TEST(TZCryptorKeyForPassword, IsPBKDF2AsTheSettingsSayAndZeroWhenRefused) {
     const auto salt = patternBytes(8, 6);
     struct Case {
-        const char* name;
-        void (*change)(TZCryptorKeyDerivationSettings&);
-        Bytes salt, expected;
+        const char *name, *password, *used;  // `used`: the bytes PBKDF2 is expected to take
+        std::uint32_t algorithm, PRF, rounds, keySize;
+        bool v2;
+        Bytes salt;
+        const char* digest;  // or a zero key
     };
+    // Version 2 cuts the password to its number of UTF-16 units.
     const Case cases[] = {
-        {"defaults", [](auto&) {}, salt, pbkdf2("pw", salt, 10000, 32, "SHA1")},
-        {"SHA256, 7 rounds, 40 bytes",
-         [](auto& s) {
-             s.PRF = 3;
-             s.rounds = 7;
-             s.keySize = 40;
-         },
-         salt, pbkdf2("pw", salt, 7, 40, "SHA256")},
-        {"empty salt", [](auto& s) { s.rounds = 2; }, Bytes{}, pbkdf2("pw", Bytes{}, 2, 32)},
-        {"zero rounds", [](auto& s) { s.rounds = 0; }, salt, Bytes(32, 0)},
-        {"unknown algorithm", [](auto& s) { s.PBKDFAlgorithm = 1; }, salt, Bytes(32, 0)},
-        {"unknown PRF", [](auto& s) { s.PRF = 6; }, salt, Bytes(32, 0)},
+        {"defaults", "pw", "pw", 2, 1, 10000, 32, false, salt, "SHA1"},
+        {"SHA256, 7 rounds, 40 bytes", "pw", "pw", 2, 3, 7, 40, false, salt, "SHA256"},
+        {"empty salt", "pw", "pw", 2, 1, 2, 32, false, {}, "SHA1"},
+        {"zero rounds", "pw", "pw", 2, 1, 0, 32, false, salt, nullptr},
+        {"unknown algorithm", "pw", "pw", 1, 1, 2, 32, false, salt, nullptr},
+        {"unknown PRF", "pw", "pw", 2, 6, 2, 32, false, salt, nullptr},
+        {"v2, ASCII", "plain", "plain", 2, 1, 5, 32, true, salt, "SHA1"},
+        {"v2, 3 units in 5 bytes", "\xC3\xA9t\xC3\xA9", "\xC3\xA9t", 2, 1, 5, 32, true, salt,
+         "SHA1"},
+        {"v2, 2 units in 4 bytes", "\xE2\x82\xAC\x31", "\xE2\x82", 2, 1, 5, 32, true, salt, "SHA1"},
+        {"v2, a surrogate pair and 1 unit in 5 bytes", "\xF0\x9F\x94\x91\x61", "\xF0\x9F\x94", 2, 1,
+         5, 32, true, salt, "SHA1"},
+        {"v2, bytes that are not UTF-8 count one unit each", "\xFF\xFE\x61\x62", "\xFF\xFE\x61\x62",
+         2, 1, 5, 32, true, salt, "SHA1"},
+        {"v2, empty", "", "", 2, 1, 5, 32, true, salt, "SHA1"},
     };
     for (const Case& c : cases) {
-        TZCryptorKeyDerivationSettings settings = kTZCryptorAES256Settings.keySettings;
-        c.change(settings);
-        EXPECT_EQ(TZCryptor::keyForPassword("pw", c.salt, settings), c.expected) << c.name;
+        TZCryptorKeyDerivationSettings settings = kAES.keySettings;
+        settings.PBKDFAlgorithm = c.algorithm;
+        settings.PRF = c.PRF;
+        settings.rounds = c.rounds;
+        settings.keySize = c.keySize;
+        settings.hasV2Password = c.v2;
+        EXPECT_EQ(
+            TZCryptor::keyForPassword(c.password, c.salt, settings),
+            c.digest ? pbkdf2(c.used, c.salt, c.rounds, c.keySize, c.digest) : Bytes(c.keySize, 0))
+            << c.name;
     }
+    TZCryptorKeyDerivationSettings huge = kAES.keySettings;
+    huge.keySize = std::uint64_t{1} << 40;
+    EXPECT_TRUE(TZCryptor::keyForPassword("pw", salt, huge).empty());
 }
 
-TEST(TZCryptorKeyForPassword, VersionTwoRuleCutsNonASCIIPasswords) {
-    const auto salt = patternBytes(8, 7);
-    TZCryptorKeyDerivationSettings v2 = kTZCryptorAES256Settings.keySettings;
-    v2.rounds = 5;
-    v2.hasV2Password = true;
-    struct Case {
-        std::string password;
-        std::string used;
-    };
-    const Case cases[] = {
-        {"plain", "plain"},
-        {"\xC3\xA9t\xC3\xA9", "\xC3\xA9t"},  // "été": 3 units, 5 bytes
-        {"\xE2\x82\xAC"
-         "1",
-         "\xE2\x82"},  // "€1": 2 units, 4 bytes
-        {"\xF0\x9F\x94\x91"
-         "a",
-         "\xF0\x9F\x94"},  // "🔑a": 3 units (a surrogate pair), 5 bytes
-        {"\xFF\xFE"
-         "ab",
-         "\xFF\xFE"
-         "ab"},  // bytes that are not UTF-8 count one unit each
-        {"", ""},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(TZCryptor::keyForPassword(c.password, salt, v2), pbkdf2(c.used, salt, 5, 32))
-            << c.used;
-    }
-}
-
-// MARK: - Small helpers
-
-TEST(TZCryptorRandomData, HasTheLengthAskedForAndVaries) {
+TEST(TZCryptorSmallHelpers, RandomDataConsumeAndConsistentTimeComparison) {
     EXPECT_TRUE(TZCryptor::randomDataOfLength(0).empty());
-    const auto first = TZCryptor::randomDataOfLength(32);
-    const auto second = TZCryptor::randomDataOfLength(32);
-    EXPECT_EQ(first.size(), 32u);
-    EXPECT_NE(first, second);
-    EXPECT_NE(first, Bytes(32, 0));
+    const auto random = TZCryptor::randomDataOfLength(32);
+    EXPECT_EQ(random.size(), 32u);
+    EXPECT_NE(random, TZCryptor::randomDataOfLength(32));
+    EXPECT_NE(random, Bytes(32, 0));
     EXPECT_EQ(TZCryptor::randomDataOfLength(100000).size(), 100000u);
-}
 
-TEST(TZConsumeToIndex, TakesTheFrontAndKeepsTheRest) {
     Bytes data{1, 2, 3, 4, 5};
     EXPECT_EQ(TZConsumeToIndex(data, 2), (Bytes{1, 2}));
-    EXPECT_EQ(data, (Bytes{3, 4, 5}));
     EXPECT_EQ(TZConsumeToIndex(data, 0), Bytes{});
     EXPECT_EQ(data, (Bytes{3, 4, 5}));
     EXPECT_EQ(TZConsumeToIndex(data, 10), (Bytes{3, 4, 5}));
     EXPECT_TRUE(data.empty());
-}
 
-TEST(TZConsistentTimeComparison, Results) {
-    const Bytes empty;
-    const Bytes ab{'a', 'b'};
-    EXPECT_TRUE(tzc_isEqualInConsistentTime(empty, empty));
-    EXPECT_FALSE(tzc_isEqualInConsistentTime(empty, ab));
-    EXPECT_FALSE(tzc_isEqualInConsistentTime(ab, empty));
-    EXPECT_TRUE(tzc_isEqualInConsistentTime(ab, Bytes{'a', 'b'}));
-    EXPECT_FALSE(tzc_isEqualInConsistentTime(ab, Bytes{'a', 'c'}));
-    EXPECT_FALSE(tzc_isEqualInConsistentTime(ab, Bytes{'b', 'b'}));
-    // Repetitions of the shorter one still differ by length.
-    EXPECT_FALSE(tzc_isEqualInConsistentTime(ab, Bytes{'a', 'b', 'a', 'b'}));
-    EXPECT_FALSE(tzc_isEqualInConsistentTime(Bytes{'a', 'b', 'a', 'b'}, ab));
+    // Equal only when both are; repetitions of the shorter one still differ by length.
+    EXPECT_TRUE(tzc_isEqualInConsistentTime(Bytes{}, Bytes{}));
+    EXPECT_TRUE(tzc_isEqualInConsistentTime(bytesOf("ab"), bytesOf("ab")));
+    const char* const differing[][2] = {{"", "ab"},   {"ab", ""},     {"ab", "ac"},
+                                        {"ab", "bb"}, {"ab", "abab"}, {"abab", "ab"}};
+    for (const auto& [a, b] : differing) {
+        EXPECT_FALSE(tzc_isEqualInConsistentTime(bytesOf(a), bytesOf(b))) << a << " " << b;
+    }
     const auto mac = patternBytes(32, 1);
     for (std::size_t i = 0; i < mac.size(); ++i) {
         auto changed = mac;
@@ -205,104 +167,66 @@ TEST(TZConsistentTimeComparison, Results) {
     }
 }
 
-// MARK: - Engine
-
-TEST(TZCryptorEngine, StreamsLikeOneCall) {
-    const auto plain = patternBytes(1000, 3);
-    auto encryptor = TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt,
-                                                        kTZCryptorAES256Settings, kKey, kIV);
-    ASSERT_NE(encryptor, nullptr);
-    Bytes sealed;
-    for (std::size_t at = 0; at < plain.size(); at += 99) {
-        const auto piece = encryptor->addData(
-            std::span(plain).subspan(at, std::min<std::size_t>(99, plain.size() - at)));
-        ASSERT_TRUE(piece.has_value());
-        EXPECT_EQ(piece->size() % 16, 0u);
-        sealed.insert(sealed.end(), piece->begin(), piece->end());
-    }
-    const auto last = encryptor->finishWithError();
-    ASSERT_TRUE(last.has_value());
-    sealed.insert(sealed.end(), last->begin(), last->end());
-    EXPECT_EQ(sealed, aesCBC(true, kKey, kIV, plain));
-    EXPECT_EQ(runEngine(TZCryptorOperation::Decrypt, kTZCryptorAES256Settings, kKey, sealed),
-              plain);
-
-    KXError error;
-    EXPECT_FALSE(encryptor->addData(plain, &error));
-    EXPECT_EQ(error.code, TZCryptorStatusCallSequenceError);
-}
-
-TEST(TZCryptorEngine, OtherModesMatchTheTool) {
-    const auto plain = patternBytes(64, 4);
+TEST(TZCryptorEngine, MatchesTheToolInEveryModeAndKeyLength) {
+    const auto plain = patternBytes(63 * 16, 4);
     for (const std::size_t keyLength : {16u, 24u, 32u}) {
         const auto key = patternBytes(keyLength, 5);
         const std::string bits = std::to_string(keyLength * 8);
-        const std::vector<std::pair<std::uint32_t, std::string>> modes = {
-            {0, "aes-" + bits + "-cbc -nopad"},
-            {2, "aes-" + bits + "-ecb -nopad"},
-            {3, "aes-" + bits + "-ecb"},
-            {1, "aes-" + bits + "-cbc"}};
-        for (const auto& [options, tool] : modes) {
-            TZCryptorSettings settings = kTZCryptorAES256Settings;
+        // Options: 1 PKCS#7 padding, 2 ECB, which has no IV.
+        for (const std::uint32_t options : {0u, 1u, 2u, 3u}) {
+            TZCryptorSettings settings = kAES;
             settings.options = options;
-            std::string arguments = "enc -" + tool;
-            arguments += " -nosalt -K " + hex(key);
-            if ((options & 2) == 0) {  // ECB has no IV
-                arguments += " -iv " + hex(kIV);
-            }
-            const auto tools = openssl(arguments, plain);
+            const bool ecb = (options & 2) != 0;
+            const auto tools = openssl("enc -aes-" + bits + (ecb ? "-ecb" : "-cbc") +
+                                           ((options & 1) != 0 ? "" : " -nopad") + " -nosalt -K " +
+                                           hex(key) + (ecb ? "" : " -iv " + hex(kIV)),
+                                       plain);
             ASSERT_EQ(tools.status, 0) << tools.errors;
             EXPECT_EQ(runEngine(TZCryptorOperation::Encrypt, settings, key, plain), tools.output)
-                << tool;
+                << bits << " options " << options;
+            EXPECT_EQ(runEngine(TZCryptorOperation::Decrypt, settings, key, tools.output), plain)
+                << bits << " options " << options;
         }
     }
 }
 
-TEST(TZCryptorEngine, RefusesWhatItCannotDo) {
-    struct Case {
-        const char* name;
-        std::uint32_t algorithm;
-        std::uint32_t options;
-        std::size_t keyLength;
-        std::size_t IVLength;
-        std::int64_t status;
+TEST(TZCryptorEngine, RefusesWhatItCannotDoAndReportsFinalBlockFailures) {
+    KXError error;
+    const auto refused = [&](std::uint32_t algorithm, std::uint32_t options, std::size_t keyLength,
+                             std::size_t IVLength, std::int64_t status) {
+        TZCryptorSettings settings = kAES;
+        settings.algorithm = algorithm;
+        settings.options = options;
+        const auto engine = TZCryptorEngine::initWithOperation(
+            TZCryptorOperation::Decrypt, settings, std::span(kKey).first(keyLength),
+            std::span(kIV).first(IVLength), &error);
+        return engine == nullptr && failedWith(std::nullopt, error, status, "");
     };
-    for (const Case& c : {Case{"DES", 1, 1, 32, 16, TZCryptorStatusUnimplemented},
-                          Case{"unknown option", 0, 4, 32, 16, TZCryptorStatusParamError},
-                          Case{"key of 0", 0, 1, 0, 16, TZCryptorStatusKeySizeError},
-                          Case{"key of 31", 0, 1, 31, 16, TZCryptorStatusKeySizeError},
-                          Case{"IV of 15", 0, 1, 32, 15, TZCryptorStatusParamError}}) {
-        TZCryptorSettings settings = kTZCryptorAES256Settings;
-        settings.algorithm = c.algorithm;
-        settings.options = c.options;
-        KXError error;
-        EXPECT_EQ(TZCryptorEngine::initWithOperation(TZCryptorOperation::Decrypt, settings,
-                                                     std::span(kKey).first(c.keyLength),
-                                                     std::span(kIV).first(c.IVLength), &error),
-                  nullptr)
-            << c.name;
-        EXPECT_EQ(error.domain, kTZCryptorErrorDomain) << c.name;
-        EXPECT_EQ(error.code, c.status) << c.name;
-    }
-    // ECB needs no IV.
-    TZCryptorSettings ecb = kTZCryptorAES256Settings;
+    EXPECT_TRUE(refused(1, 1, 32, 16, TZCryptorStatusUnimplemented));  // DES
+    EXPECT_TRUE(refused(0, 4, 32, 16, TZCryptorStatusParamError));     // no such option
+    EXPECT_TRUE(refused(0, 1, 0, 16, TZCryptorStatusKeySizeError));
+    EXPECT_TRUE(refused(0, 1, 31, 16, TZCryptorStatusKeySizeError));
+    EXPECT_TRUE(refused(0, 1, 32, 15, TZCryptorStatusParamError));
+    // ECB needs no IV. A finished engine takes nothing more.
+    TZCryptorSettings ecb = kAES;
     ecb.options = 3;
-    EXPECT_NE(TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt, ecb, kKey, Bytes{}),
-              nullptr);
-}
+    auto finished =
+        TZCryptorEngine::initWithOperation(TZCryptorOperation::Encrypt, ecb, kKey, Bytes{});
+    ASSERT_TRUE(finished && finished->addData(kKey) && finished->finishWithError());
+    EXPECT_FALSE(finished->addData(kKey, &error));
+    EXPECT_TRUE(
+        failedWith(finished->finishWithError(&error), error, TZCryptorStatusCallSequenceError, ""));
 
-TEST(TZCryptorEngine, FinalBlockFailures) {
-    const auto sealed = aesCBC(true, kKey, kIV, patternBytes(40, 3));
-    const auto finish = [](std::span<const std::uint8_t> input, std::span<const std::uint8_t> key,
+    // A cut block and no block at all are alignment faults, a last block that does not unpad a
+    // decode fault; an encryption finished without any input has no room for its padding block.
+    const auto sealed = aesCBC(kKey, kIV, patternBytes(40, 3));
+    const auto fails = [&](std::span<const std::uint8_t> input, const Bytes& key,
+                           std::int64_t status,
                            TZCryptorOperation operation = TZCryptorOperation::Decrypt) {
-        KXError error;
-        EXPECT_FALSE(runEngine(operation, kTZCryptorAES256Settings, key, input, &error));
-        return error.code;
+        return failedWith(runEngine(operation, kAES, key, input, &error), error, status, "");
     };
-    EXPECT_EQ(finish(std::span(sealed).first(sealed.size() - 1), kKey),
-              TZCryptorStatusAlignmentError);
-    EXPECT_EQ(finish(Bytes{}, kKey), TZCryptorStatusAlignmentError);
-    EXPECT_EQ(finish(sealed, patternBytes(32, 9)), TZCryptorStatusDecodeError);
-    // An encryption finished without any input has no room for its padding block.
-    EXPECT_EQ(finish(Bytes{}, kKey, TZCryptorOperation::Encrypt), TZCryptorStatusBufferTooSmall);
+    EXPECT_TRUE(fails(std::span(sealed).first(39), kKey, TZCryptorStatusAlignmentError));
+    EXPECT_TRUE(fails({}, kKey, TZCryptorStatusAlignmentError));
+    EXPECT_TRUE(fails(sealed, patternBytes(32, 9), TZCryptorStatusDecodeError));
+    EXPECT_TRUE(fails({}, kKey, TZCryptorStatusBufferTooSmall, TZCryptorOperation::Encrypt));
 }

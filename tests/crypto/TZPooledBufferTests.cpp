@@ -7,11 +7,7 @@
 #include <thread>
 #include <vector>
 
-namespace {
-
 constexpr std::size_t kMiB = std::size_t{1024} * 1024;
-
-}  // namespace
 
 TEST(TZPooledBuffer, ReleasedBlocksAreReusedButNeverForMuchSmallerPieces) {
     ASSERT_EQ(TZPooledBuffer::pooledBytes(), 0u);
