@@ -29,14 +29,13 @@ protected:
 using R = Refusal;
 
 const std::vector<Refusal> kRefusals = {
-    R("NoCommand", {}, 2, ""),
-    R("AnUnknownCommand", {"frobnicate"}, 2, ""),
+    R("NoCommand", {}, 2),
+    R("AnUnknownCommand", {"frobnicate"}, 2),
     R("OpenWithoutKey", {"open", "DIR/KXConfig.enc"}, 2, "--key"),
     R("EncryptWithoutPasswordOrKey", {"encrypt", "--format", "salted"}, 2,
       "encrypt needs --password or --key"),
     R("AnUnknownFormat", {"encrypt", "--format", "rot13", "--password", "x"}, 2, "--format"),
-    R("PasswordAndKeyTogether", {"encrypt", "--format", "v3", "--password", "x", "--key", "00"}, 2,
-      ""),
+    R("PasswordAndKeyTogether", {"encrypt", "--format", "v3", "--password", "x", "--key", "00"}, 2),
     R("AKeyThatIsNotHexadecimal", {"encrypt", "--format", "salted", "--key", "zz", "--iv", "00"}, 1,
       "--key", "x"),
     R("OpenWithAWrongKey", {"open", "--key", "wrong", "DIR/KXConfig.enc"}, 1,

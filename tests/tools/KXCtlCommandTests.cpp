@@ -43,7 +43,6 @@ Lines registrationRequests(const std::string& id) {
 // Without --guest the current guest has no externalId: the guest segment is empty. Paths are
 // below the base path.
 const std::string kInbox = "/guests//inboxes/Dom";
-const std::string kLists = "/lists";
 
 KXJSON message(const std::string& id, bool read, std::optional<double> timestamp) {
     KXJSON header = {{"id", id}, {"subject", "About " + id}, {"flags", {{"read", read}}}};
@@ -167,10 +166,8 @@ const std::vector<CommandCase> kCommandCases = {
       "Handling decline..."),
     C("SummaryReportsTheMissingGuestThenTheAnswer", {"inbox", "summary"},
       {{"GET", kInbox,
-        KXScriptedAnswer::json(200, {{"name", "Main"},
-                                     {"description", "Inbox"},
-                                     {"totalMessageCount", 5},
-                                     {"unreadMessageCount", 2}})}},
+        KXScriptedAnswer::json(200, KXJSON::parse(R"({"name": "Main", "description": "Inbox",
+            "totalMessageCount": 5, "unreadMessageCount": 2})"))}},
       1, {validationError("invalid guest"), printedSummary()}, {"GET " + kInbox}),
     C("PagesInTheOrderGivenAreAppended",
       {"inbox", "messages", "--limit", "10", "--page", "3", "--page", "1"},
@@ -204,19 +201,19 @@ const std::vector<CommandCase> kCommandCases = {
     C("BadgeWithoutAnInboxProfileStaysZero", {"inbox", "badge"}, {}, 0, {{{"badge", 0}}}, {}),
     C("ListsWithATagOfReservedCharacters",
       {"lists", "--tag", "a&b c", "--page", "2", "--limit", "5"},
-      {{"GET", kLists, page({kNewsRecord}, true)}}, 0,
+      {{"GET", "/lists", page({kNewsRecord}, true)}}, 0,
       {{{"lists", {kNewsPrinted}}, {"hasMoreRecords", true}}},
-      {"GET " + kLists + "?tag=a%26b%20c&offset=5&limit=5"}),
+      {"GET /lists?tag=a%26b%20c&offset=5&limit=5"}),
     C("RawListsDefaultToPage1AndTheLibraryLimit", {"lists", "--raw"},
-      {{"GET", kLists, page(KXJSON::array(), nullptr)}}, 0,
+      {{"GET", "/lists", page(KXJSON::array(), nullptr)}}, 0,
       {{{"data", {{"records", KXJSON::array()}}}, {"hasMoreRecords", false}}},
-      {"GET " + kLists + "?offset=0&limit=1000"}),
+      {"GET /lists?offset=0&limit=1000"}),
     C("CreateReportsTheBlankAndStillCreates",
       {"list", "create", "--external-id", "my news", "--name", "News", "--tags", "[\"vip\"]"},
-      {{"POST", kLists + "/", createdAs("news")},
-       {"GET", kLists + "/news", KXScriptedAnswer::json(200, kNewsRecord)}},
+      {{"POST", "/lists/", createdAs("news")},
+       {"GET", "/lists/news", KXScriptedAnswer::json(200, kNewsRecord)}},
       1, {validationError("invalid externalId, remove spaces"), {{"list", kNewsPrinted}}},
-      {"POST " + kLists + "/", "GET " + kLists + "/news"}),
+      {"POST /lists/", "GET /lists/news"}),
 };
 
 class KXCtlGuestTool : public KXCtlTest {

@@ -15,13 +15,6 @@ KXJSON session(const KXJSON& sessionId, int state, bool closed, int received = 0
             {"receivedBroadcasts", received}};
 }
 
-// The activation's start answered slowly: the timer's first tick, due at once, then certainly
-// finds the session still new and posts the start document again (a quick answer could come
-// before the tick reaches the main queue, and the tick would post an update instead).
-KXScriptedAnswer slowlyCreatedAs(const std::string& id) {
-    return createdAs(id, std::chrono::milliseconds(800));
-}
-
 // Every "time" of a document, at any depth, is a JSON string of digits naming a whole minute.
 void expectMinuteTimes(const KXJSON& value, const std::string& where) {
     if (!value.is_structured()) {
@@ -44,6 +37,13 @@ protected:
     KXCtlLifecycle() {
         service.scriptToken("tok");
         seal("<key>analyticsEnabled</key><true/><key>locationServicesEnabled</key><true/>");
+        // The activation's start answered slowly: the timer's first tick, due at once, then
+        // certainly finds the session still new and posts the start document again (a quick
+        // answer could come before the tick reaches the main queue, and the tick would post an
+        // update instead).
+        service.script("POST", kSessions, createdAs("S1", std::chrono::milliseconds(800)));
+        service.script("POST", kSessions, createdAs("S1"));
+        service.script("POST", kSessions + "/S1", KXScriptedAnswer::empty(200));
     }
 
     /// Runs lifecycle with the steps' events; after each kxctl must print its session.
@@ -75,9 +75,6 @@ protected:
 };
 
 TEST_F(KXCtlLifecycle, AFullSessionSendsStartTwiceThenTheUpdateAndTheEnd) {
-    service.script("POST", kSessions, slowlyCreatedAs("S1"));
-    service.script("POST", kSessions, createdAs("S1"));
-    service.script("POST", kSessions + "/S1", KXScriptedAnswer::empty(200));
     runSteps({{"active", session("S1", 3, false)},
               {R"(push:active:{"kx":{"bcastId":"B1"}})", session("S1", 3, false, 1)},
               {"tick", session("S1", 3, false)},
@@ -102,10 +99,7 @@ TEST_F(KXCtlLifecycle, AFullSessionSendsStartTwiceThenTheUpdateAndTheEnd) {
 // update; a push opened from the background triggers the next session, whose activation finds
 // the timer's tick not yet due again.
 TEST_F(KXCtlLifecycle, StatesOfPushesFixesAndGuestChangesReachTheDocuments) {
-    service.script("POST", kSessions, slowlyCreatedAs("S1"));
-    service.script("POST", kSessions, createdAs("S1"));
     service.script("POST", kSessions, createdAs("S2"));
-    service.script("POST", kSessions + "/S1", KXScriptedAnswer::empty(200));
     runSteps({{"location:48.5,2.25", session(nullptr, 0, false)},
               {"active", session("S1", 3, false)},
               {R"(push:background:{"kx":{"bcastId":"X"}})", session("S1", 3, false)},

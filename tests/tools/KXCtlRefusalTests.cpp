@@ -20,34 +20,33 @@ const std::string kPlaceholder =
 // Arguments after the configuration, key and endpoints; with "DIR" in them, the whole command
 // line.
 const std::vector<Refusal> kRefusals = {
-    R("NoCommand", {}, 2, ""),
-    R("AnUnknownCommand", {"frobnicate"}, 2, ""),
-    R("NoKey", {"--config", "DIR/KXConfig.enc", "token"}, 2, ""),
-    R("AnUnknownEndpoint", {"--endpoint", "elsewhere=http://127.0.0.1:1", "token"}, 2, ""),
-    R("AnEndpointWithoutItsAddress", {"--endpoint", "production", "token"}, 2, ""),
-    R("ANegativeTimeout", {"--timeout", "-1", "token"}, 2, ""),
+    R("NoCommand", {}, 2),
+    R("AnUnknownCommand", {"frobnicate"}, 2),
+    R("NoKey", {"--config", "DIR/KXConfig.enc", "token"}, 2),
+    R("AnUnknownEndpoint", {"--endpoint", "elsewhere=http://127.0.0.1:1", "token"}, 2),
+    R("AnEndpointWithoutItsAddress", {"--endpoint", "production", "token"}, 2),
+    R("ANegativeTimeout", {"--timeout", "-1", "token"}, 2),
     R("AnEnvironmentWithoutItsBusinessUnit", {"--env", "1", "call", "GET", "/guests"}, 2,
       "--env 1 puts the business unit into every path: add --business-unit BU"),
-    R("CallWithAnUnknownVerb", {"call", "PATCH", "/x"}, 2, ""),
-    R("CallWithoutAPath", {"call", "GET"}, 2, ""),
-    R("CallRepeatedZeroTimes", {"call", "GET", "/x", "--repeat", "0"}, 2, ""),
-    R("CallDataThatIsNoJSON", {"call", "GET", "/x", "--data", "{not json"}, 2, ""),
+    R("CallWithAnUnknownVerb", {"call", "PATCH", "/x"}, 2),
+    R("CallWithoutAPath", {"call", "GET"}, 2),
+    R("CallRepeatedZeroTimes", {"call", "GET", "/x", "--repeat", "0"}, 2),
+    R("CallDataThatIsNoJSON", {"call", "GET", "/x", "--data", "{not json"}, 2),
     R("CallDataNestedTooDeeply", {"call", "POST", "/x", "--data", nested(600)}, 2,
       "JSON nested deeper than 512 levels"),
     R("UserInfoNested60000Deep", {"action", "ACCEPT_IDENTIFIER", "--user-info", nested(60'000)}, 2,
       "--user-info: JSON nested deeper than 512 levels"),
     R("ParamNestedTooDeeply", {"guest", "register", "--id", "g1", "--param", "tags=" + nested(600)},
       2, "--param: JSON nested deeper than 512 levels"),
-    R("RegisterWithPartOfTheFullForm", {"guest", "register", "--id", "g5", "--language", "de"}, 2,
-      ""),
-    R("SaveDataThatIsNoJSON", {"guest", "save", "--data", "{"}, 2, ""),
-    R("SubscribeWithoutChannelOrProfile", {"subscribe", "L1"}, 2, ""),
+    R("RegisterWithPartOfTheFullForm", {"guest", "register", "--id", "g5", "--language", "de"}, 2),
+    R("SaveDataThatIsNoJSON", {"guest", "save", "--data", "{"}, 2),
+    R("SubscribeWithoutChannelOrProfile", {"subscribe", "L1"}, 2),
     R("ListTagsThatAreNoJSON",
       {"list", "create", "--external-id", "x", "--name", "X", "--tags", "[1"}, 2,
       "--tags is not JSON"),
-    R("DeviceTokenOfOddLength", {"device-token", "0a0"}, 2, ""),
-    R("DeviceTokenThatIsNotHexadecimal", {"device-token", "zz"}, 2, ""),
-    R("AnEmptyDeviceToken", {"device-token", ""}, 2, ""),
+    R("DeviceTokenOfOddLength", {"device-token", "0a0"}, 2),
+    R("DeviceTokenThatIsNotHexadecimal", {"device-token", "zz"}, 2),
+    R("AnEmptyDeviceToken", {"device-token", ""}, 2),
     R("LifecycleWithoutEvents", {"lifecycle"}, 2, "EVENT is required"),
     R("AnUnknownLifecycleEvent", {"lifecycle", "active", "sleep"}, 2,
       "unknown lifecycle event sleep"),
@@ -108,12 +107,20 @@ TEST_F(KXCtlHostileAnswer, AnswersTooDeepToPrintEndWithAnErrorLine) {
     }
 }
 
-TEST_F(KXCtlHostileAnswer, ATokenAnswerThatIsNotJSONIsNamedWhenTheTimeOutEndsTheRun) {
+// --timeout ends a run that waits too long with 3 and names what it waited for.
+TEST_F(KXCtlHostileAnswer, ATimeOutEndsWithThreeAndNamesWhatWasMissing) {
+    // A token answer that is not JSON gives neither a token nor an error.
     service.script("POST", "/token", KXScriptedAnswer::text(200, "<html>maintenance</html>"));
-    const ProcessResult result = kxctl({"--timeout", "1", "token"});
-    EXPECT_EQ(result.exitCode, 3) << result.err;
-    EXPECT_NE(result.err.find("no bearer token within 1 s: the token endpoint " +
-                              service.baseURL() + "/token gave no token and no error"),
-              std::string::npos)
-        << result.err;
+    expectOutcome({{"token"},
+                   3,
+                   "no bearer token within 1 s: the token endpoint " + service.baseURL() +
+                       "/token gave no token and no error"},
+                  kxctl({"--timeout", "1", "token"}));
+
+    service.scriptToken("tok");
+    KXScriptedAnswer slow = KXScriptedAnswer::json(200, KXJSON::object());
+    slow.delay = std::chrono::seconds(8);
+    service.script("GET", kBase + "/slow", slow);
+    expectOutcome({{"call", "GET", "/slow"}, 3, "kxctl: no answer within 1 s"},
+                  kxctl({"--timeout", "1", "call", "GET", "/slow"}));
 }

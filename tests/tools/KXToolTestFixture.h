@@ -85,7 +85,7 @@ struct Refusal {
     const char* name;
     std::vector<std::string> arguments;  // "DIR" at the start of one stands for the test's folder
     int exitCode;
-    std::string err;  // a part of standard error
+    std::string err = "";  // a part of standard error
     std::string input = "";
 };
 
