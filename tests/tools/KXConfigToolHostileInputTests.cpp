@@ -98,29 +98,23 @@ TEST_F(KXConfigToolHostileInput, OutputsAreReplacedWholeOrWrittenInPlaceButNever
     ASSERT_EQ(seal(kGoodSettings.dump(), directory / "KXConfig.enc").exitCode, 0);
     EXPECT_EQ(permissionsOf(directory / "KXConfig.enc"), kOwnerOnly);
 
+    // A pipe receives the output and stays a pipe.
+    ASSERT_EQ(::mkfifo((directory / "pipe").c_str(), 0600), 0);
+    std::string received;
+    std::thread reader([&] { received = readText(directory / "pipe"); });
+    salted("decrypt", "sealed", "pipe");
+    reader.join();
+    EXPECT_EQ(received, plain);
+    EXPECT_EQ(fs::status(directory / "pipe").type(), fs::file_type::fifo);
+
     // A device is written to, not replaced.
     salted("encrypt", "plain", "/dev/null");
     EXPECT_TRUE(fs::is_character_file("/dev/null"));
 
     // No temporary file is left behind.
-    EXPECT_EQ(namesIn(directory),
-              (std::set<std::string>{"plain", "sealed", "real.enc", "link.enc", "victim",
-                                     "out.enc.tmp", "out.enc", "opened", "new", "KXConfig.enc"}));
-}
-
-TEST_F(KXConfigToolHostileInput, APipeReceivesTheOutputAndStaysAPipe) {
-    const fs::path pipe = directory / "pipe";
-    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
-    std::string received;
-    std::thread reader([&] { received = readText(pipe); });
-    const ProcessResult result = kxconfig(
-        {"decrypt", "--format", "salted", "--password", "pw", "-o", pipe.string()},
-        kxconfig({"encrypt", "--format", "salted", "--password", "pw"}, "through a pipe").out);
-    reader.join();
-    EXPECT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_EQ(received, "through a pipe");
-    EXPECT_EQ(fs::status(pipe).type(), fs::file_type::fifo);
-    EXPECT_EQ(namesIn(directory), std::set<std::string>{"pipe"});
+    EXPECT_EQ(namesIn(directory), (std::set<std::string>{"plain", "sealed", "real.enc", "link.enc",
+                                                         "victim", "out.enc.tmp", "out.enc",
+                                                         "opened", "new", "KXConfig.enc", "pipe"}));
 }
 
 TEST_F(KXConfigToolHostileInput, AKilledRunLeavesNoTemporaryFileBehind) {
@@ -150,11 +144,8 @@ TEST_F(KXConfigToolHostileInput, SealRefusesWhatItCannotSealUnchangedAndKeepsThe
     const auto good = kxtest::readBytes(output);
 
     const std::string deep = "{\"appId\":" + std::string(513, '[') + std::string(513, ']') + "}";
-    struct Case {
-        std::string input;
-        std::string reason;
-    };
-    const std::vector<Case> cases = {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        // input, reason
         {deep, "JSON nested deeper than 512 levels"},
         {R"({"inProduction": false, "appId": "a", "inProduction": true})",
          "duplicate key \"inProduction\""},
@@ -162,23 +153,20 @@ TEST_F(KXConfigToolHostileInput, SealRefusesWhatItCannotSealUnchangedAndKeepsThe
         {"{\"appId\": \"a\"} trailing", "neither a property-list dictionary nor a JSON object"},
         {"[1, 2]", "neither a property-list dictionary nor a JSON object"},
     };
-    for (const Case& c : cases) {
-        const ProcessResult result = seal(c.input, output);
-        EXPECT_EQ(result.exitCode, 1) << c.reason;
-        EXPECT_NE(result.err.find(c.reason), std::string::npos) << result.err;
-        EXPECT_EQ(kxtest::readBytes(output), good) << c.reason;
+    for (const auto& [input, reason] : cases) {
+        const ProcessResult result = seal(input, output);
+        EXPECT_EQ(result.exitCode, 1) << reason;
+        EXPECT_NE(result.err.find(reason), std::string::npos) << result.err;
+        EXPECT_EQ(kxtest::readBytes(output), good) << reason;
     }
 }
 
 TEST_F(KXConfigToolHostileInput, CheckReportsEverySettingTheLibraryWouldNotReadAsWritten) {
-    struct Case {
-        std::string entries;  // XML property-list entries added to good settings
-        std::vector<std::string> problems;
-    };
     const std::string credentials =
         "<key>stageClientId</key><string>s1</string>"
         "<key>stageClientSecret</key><string>s2</string>";
-    const std::vector<Case> cases = {
+    // XML property-list entries and the problems check reports in them.
+    const std::vector<std::pair<std::string, std::vector<std::string>>> cases = {
         {credentials + "<key>inProduction</key><false/><key>analyticsSessionInterval</key>"
                        "<integer>300</integer><key>favouriteColour</key><string>blue</string>",
          {}},
@@ -207,17 +195,17 @@ TEST_F(KXConfigToolHostileInput, CheckReportsEverySettingTheLibraryWouldNotReadA
          {"\"prodClientSecret\" is missing: the library cannot authenticate in production"}},
     };
     const fs::path output = directory / "KXConfig.enc";
-    for (const Case& c : cases) {
-        ASSERT_EQ(seal(kxtest::xmlPropertyList(c.entries), output).exitCode, 0) << c.entries;
+    for (const auto& [entries, problems] : cases) {
+        ASSERT_EQ(seal(kxtest::xmlPropertyList(entries), output).exitCode, 0) << entries;
         const ProcessResult result = kxconfig({"check", "--key", kKey, output.string()});
-        EXPECT_EQ(result.exitCode, c.problems.empty() ? 0 : 1) << c.entries << result.err;
+        EXPECT_EQ(result.exitCode, problems.empty() ? 0 : 1) << entries << result.err;
         EXPECT_EQ(KXJSON::parse(result.out).size(), 13u) << "the settings are printed anyway";
-        for (const std::string& problem : c.problems) {
+        for (const std::string& problem : problems) {
             EXPECT_NE(result.err.find("kxconfig: error: " + problem + "\n"), std::string::npos)
                 << result.err;
         }
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'),
-                  static_cast<std::ptrdiff_t>(c.problems.size() + (c.problems.empty() ? 1 : 0)))
+                  static_cast<std::ptrdiff_t>(problems.size() + (problems.empty() ? 1 : 0)))
             << result.err;
     }
 }

@@ -63,7 +63,7 @@ TEST_P(KXConfigRefusal, EndsWithItsStatusAndOneLineOfReason) {
     kxtest::writeText(directory / "garbage.enc", "definitely not sealed data at all");
     placeDirectory(refusal.arguments, directory);
     const ProcessResult result = kxconfig(refusal.arguments, refusal.input);
-    expectOutcome({refusal.arguments, refusal.exitCode, refusal.err}, result);
+    expectOutcome(result, refusal.exitCode, refusal.err);
     EXPECT_EQ(result.out, "");
     if (refusal.exitCode == 1) {
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
@@ -144,7 +144,7 @@ TEST_F(KXConfigTool, VersionThreeContainerDetectsTampering) {
     std::string tampered = sealed.out;
     tampered[20] = static_cast<char>(tampered[20] ^ 0x01);
     const ProcessResult refused = kxconfig(arguments("decrypt"), tampered);
-    expectOutcome({{"decrypt", "tampered"}, 1, "HMAC Mismatch"}, refused);
+    expectOutcome(refused, 1, "HMAC Mismatch");
     EXPECT_EQ(refused.out, "");
 }
 

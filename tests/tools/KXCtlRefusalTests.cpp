@@ -80,7 +80,7 @@ TEST_P(KXCtlRefusal, EndsWithItsStatusAndReasonBeforeAnythingIsSent) {
     const ProcessResult result = placeDirectory(refusal.arguments, directory)
                                      ? kxctlAlone(refusal.arguments)
                                      : kxctl(refusal.arguments);
-    expectOutcome({refusal.arguments, refusal.exitCode, refusal.err}, result);
+    expectOutcome(result, refusal.exitCode, refusal.err);
     if (refusal.exitCode == 2) {
         EXPECT_EQ(result.out, "");
     }
@@ -111,16 +111,14 @@ TEST_F(KXCtlHostileAnswer, AnswersTooDeepToPrintEndWithAnErrorLine) {
 TEST_F(KXCtlHostileAnswer, ATimeOutEndsWithThreeAndNamesWhatWasMissing) {
     // A token answer that is not JSON gives neither a token nor an error.
     service.script("POST", "/token", KXScriptedAnswer::text(200, "<html>maintenance</html>"));
-    expectOutcome({{"token"},
-                   3,
-                   "no bearer token within 1 s: the token endpoint " + service.baseURL() +
-                       "/token gave no token and no error"},
-                  kxctl({"--timeout", "1", "token"}));
+    expectOutcome(kxctl({"--timeout", "1", "token"}), 3,
+                  "no bearer token within 1 s: the token endpoint " + service.baseURL() +
+                      "/token gave no token and no error");
 
     service.scriptToken("tok");
     KXScriptedAnswer slow = KXScriptedAnswer::json(200, KXJSON::object());
     slow.delay = std::chrono::seconds(8);
     service.script("GET", kBase + "/slow", slow);
-    expectOutcome({{"call", "GET", "/slow"}, 3, "kxctl: no answer within 1 s"},
-                  kxctl({"--timeout", "1", "call", "GET", "/slow"}));
+    expectOutcome(kxctl({"--timeout", "1", "call", "GET", "/slow"}), 3,
+                  "kxctl: no answer within 1 s");
 }

@@ -54,7 +54,7 @@ TEST_F(KXEngageApp, EngagesGetsATokenWithTheStagingCredentialsAndTerminatesClean
     service.script("POST", "/token", KXScriptedAnswer::json(401, {{"error", "invalid_client"}}));
     const auto refused =
         run({"--config", config.string(), "--key", kKey, "--timeout", "2", "--verbose"});
-    expectOutcome({{"engage_app"}, 1, "Error Zandrel had trouble starting."}, refused);
+    expectOutcome(refused, 1, "Error Zandrel had trouble starting.");
     EXPECT_NE(refused.out.find("delegate restored: yes\n"), std::string::npos) << refused.out;
 }
 
@@ -65,16 +65,12 @@ TEST_F(KXEngageApp, EveryExampleAnswersHelpAndRefusesWhatItCannotRun) {
         EXPECT_EQ(help.out.rfind("usage: example_", 0), 0u) << name << help.out;
         EXPECT_EQ(kxtest::runProcess(example(name), {"--frobnicate"}).exitCode, 2) << name;
     }
-    const std::vector<Outcome> refusals = {
-        {{"--config", config.string(), "--key", "not-the-key"}, 1, "wrong key or damaged file"},
-        {{"--config", (directory / "config.plist").string(), "--key", kKey}, 2, ""},
-    };
-    for (const Outcome& refusal : refusals) {
-        expectOutcome(refusal, run(refusal.arguments));
-    }
+    expectOutcome(run({"--config", config.string(), "--key", "not-the-key"}), 1,
+                  "wrong key or damaged file");
+    expectOutcome(run({"--config", (directory / "config.plist").string(), "--key", kKey}), 2, "");
     expectOutcome(
-        {{"demo"}, 1, "wrong key or damaged file"},
         kxtest::runProcess(example("demo"), {"--config", config.string(), "--key", "not-the-key",
-                                             "--service", service.baseURL()}));
+                                             "--service", service.baseURL()}),
+        1, "wrong key or damaged file");
     EXPECT_TRUE(service.requests().empty());
 }

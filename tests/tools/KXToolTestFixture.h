@@ -67,17 +67,10 @@ struct Script {
     KXScriptedAnswer answer;
 };
 
-/// What a run of a tool must show: its exit status and a part of its standard error.
-struct Outcome {
-    std::vector<std::string> arguments;
-    int exitCode;
-    std::string err;  // a part of standard error
-};
-
-inline void expectOutcome(const Outcome& expected, const ProcessResult& result) {
-    const std::string shown = testing::PrintToString(expected.arguments) + "\n" + result.err;
-    EXPECT_EQ(result.exitCode, expected.exitCode) << shown;
-    EXPECT_NE(result.err.find(expected.err), std::string::npos) << shown;
+/// A run of a tool must end with `exitCode` and show `err` on standard error.
+inline void expectOutcome(const ProcessResult& result, int exitCode, const std::string& err) {
+    EXPECT_EQ(result.exitCode, exitCode) << result.err;
+    EXPECT_NE(result.err.find(err), std::string::npos) << result.err;
 }
 
 /// A command line a tool must refuse with `exitCode` and `err` on standard error.
