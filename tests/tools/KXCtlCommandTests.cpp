@@ -94,7 +94,7 @@ const Script kGuestG1{"GET", "/guests/g1", KXScriptedAnswer::json(200, serviceGu
 const KXJSON kOK = {{"ok", true}};
 const KXJSON kCompleted = {{"completed", true}};
 
-KXScriptedAnswer page(const KXJSON& records, const KXJSON& more) {
+KXScriptedAnswer page(const std::vector<KXJSON>& records, const KXJSON& more) {
     KXJSON body = {{"records", records}};
     if (!more.is_null()) {
         body["hasMoreRecords"] = more;
@@ -102,7 +102,7 @@ KXScriptedAnswer page(const KXJSON& records, const KXJSON& more) {
     return KXScriptedAnswer::json(200, body);
 }
 
-KXJSON printedPage(const KXJSON& messages, const KXJSON& more, int count, int unread) {
+KXJSON printedPage(const std::vector<KXJSON>& messages, const KXJSON& more, int count, int unread) {
     return {{"messages", messages},
             {"hasMoreRecords", more},
             {"messageCount", count},
@@ -205,7 +205,7 @@ const std::vector<CommandCase> kCommandCases = {
       {{{"lists", {kNewsPrinted}}, {"hasMoreRecords", true}}},
       {"GET /lists?tag=a%26b%20c&offset=5&limit=5"}),
     C("RawListsDefaultToPage1AndTheLibraryLimit", {"lists", "--raw"},
-      {{"GET", "/lists", page(KXJSON::array(), nullptr)}}, 0,
+      {{"GET", "/lists", page({}, nullptr)}}, 0,
       {{{"data", {{"records", KXJSON::array()}}}, {"hasMoreRecords", false}}},
       {"GET /lists?offset=0&limit=1000"}),
     C("CreateReportsTheBlankAndStillCreates",
