@@ -6,17 +6,7 @@
 #include <set>
 #include <thread>
 
-namespace {
-
-class SandboxDurability : public KXSandboxTest {
-protected:
-    void SetUp() override {
-        startSandbox();
-        ASSERT_FALSE(authenticate().has_value());
-    }
-};
-
-}  // namespace
+using SandboxDurability = KXAuthenticatedSandboxTest;
 
 TEST_F(SandboxDurability, ARestartKeepsGuestsSubscriptionsSessionsAndTokens) {
     const std::string guest = registerGuest(

@@ -167,3 +167,12 @@ protected:
         return client;
     }
 };
+
+/// A sandbox started with its seed and the library authenticated on it.
+class KXAuthenticatedSandboxTest : public KXSandboxTest {
+protected:
+    void SetUp() override {
+        startSandbox();
+        ASSERT_FALSE(authenticate().has_value());
+    }
+};

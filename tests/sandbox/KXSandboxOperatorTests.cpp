@@ -4,17 +4,7 @@
 
 #include <regex>
 
-namespace {
-
-class SandboxOperator : public KXSandboxTest {
-protected:
-    void SetUp() override {
-        startSandbox();
-        ASSERT_FALSE(authenticate().has_value());
-    }
-};
-
-}  // namespace
+using SandboxOperator = KXAuthenticatedSandboxTest;
 
 TEST_F(SandboxOperator, MessagesSentByTheOperatorArriveInTheGuestsInbox) {
     const std::string guest = registerGuest();

@@ -10,13 +10,7 @@
 
 namespace {
 
-class SandboxResources : public KXSandboxTest {
-protected:
-    void SetUp() override {
-        startSandbox();
-        ASSERT_FALSE(authenticate().has_value());
-    }
-};
+using SandboxResources = KXAuthenticatedSandboxTest;
 
 /// "{name}" placeholders replaced by the values captured so far.
 std::string expand(std::string text, const std::map<std::string, std::string>& values) {

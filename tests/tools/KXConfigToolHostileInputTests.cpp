@@ -4,18 +4,12 @@
 #include "KXToolTestFixture.h"
 
 #include <fcntl.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <functional>
 #include <set>
 #include <thread>
-
-extern char** environ;
 
 using namespace kxtools;
 namespace fs = std::filesystem;
@@ -63,130 +57,78 @@ protected:
 }  // namespace
 
 TEST_F(KXConfigToolHostileInput, OutputsAreReplacedWholeOrWrittenInPlaceButNeverFollowedBlindly) {
-    // Every folder holds "plain" and "sealed", the same text sealed with password "pw".
-    const auto salted = [](const char* command, const fs::path& input, const fs::path& output) {
-        return std::vector<std::string>{command, "--format",     "salted", "--password",   "pw",
-                                        "-i",    input.string(), "-o",     output.string()};
+    const std::string plain = "secret settings\n";
+    kxtest::writeText(directory / "plain", plain);
+    kxtest::sealWithOpenSSL(directory / "plain", directory / "sealed", "pw");
+    const auto salted = [&](const char* command, const char* input, const fs::path& output) {
+        const ProcessResult result =
+            kxconfig({command, "--format", "salted", "--password", "pw", "-i",
+                      (directory / input).string(), "-o", (directory / output).string()});
+        EXPECT_EQ(result.exitCode, 0) << output << result.err;
     };
     const fs::perms groupReadable = kOwnerOnly | fs::perms::group_read;
-    struct Case {
-        const char* name;
-        std::function<void(const fs::path& folder)> prepare;
-        std::function<std::vector<std::string>(const fs::path& folder)> arguments;
-        std::function<void(const fs::path& folder)> verify;
-        std::set<std::string> namesAfter;
-    };
-    const std::string plain = "secret settings\n";
-    const std::vector<Case> cases = {
-        {"a link to a file stays a link and the file keeps its mode",
-         [&](const fs::path& folder) {
-             kxtest::writeText(folder / "real.enc", "old");
-             fs::permissions(folder / "real.enc", groupReadable);
-             fs::create_symlink("real.enc", folder / "link.enc");
-         },
-         [&](const fs::path& f) { return salted("encrypt", f / "plain", f / "link.enc"); },
-         [&](const fs::path& folder) {
-             EXPECT_TRUE(fs::is_symlink(folder / "link.enc"));
-             EXPECT_EQ(readText(folder / "real.enc").rfind("Salted__", 0), 0u);
-             EXPECT_EQ(permissionsOf(folder / "real.enc"), groupReadable);
-         },
-         {"real.enc", "link.enc"}},
-        {"a planted temporary link is not written through and a new file follows the umask",
-         [](const fs::path& folder) {
-             kxtest::writeText(folder / "victim", "untouched");
-             fs::create_symlink("victim", folder / "out.enc.tmp");
-         },
-         [&](const fs::path& f) { return salted("encrypt", f / "plain", f / "out.enc"); },
-         [&](const fs::path& folder) {
-             EXPECT_EQ(readText(folder / "victim"), "untouched");
-             EXPECT_TRUE(fs::is_symlink(folder / "out.enc.tmp"));
-             EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(folder / "out.enc")));
-             EXPECT_EQ(permissionsOf(folder / "out.enc"), groupReadable | fs::perms::others_read);
-         },
-         {"victim", "out.enc.tmp", "out.enc"}},
-        {"opened data over an owner-only file stays owner-only",
-         [](const fs::path& folder) {
-             kxtest::writeText(folder / "opened", "old secret");
-             fs::permissions(folder / "opened", kOwnerOnly);
-         },
-         [&](const fs::path& f) { return salted("decrypt", f / "sealed", f / "opened"); },
-         [&](const fs::path& folder) {
-             EXPECT_EQ(readText(folder / "opened"), plain);
-             EXPECT_EQ(permissionsOf(folder / "opened"), kOwnerOnly);
-         },
-         {"opened"}},
-        {"new opened data and a new sealed configuration are owner-only",
-         [](const fs::path& folder) {
-             kxtest::writeText(folder / "settings.json", kGoodSettings.dump());
-             ASSERT_EQ(kxconfig({"seal", "--key", kKey, (folder / "settings.json").string(), "-o",
-                                 (folder / "KXConfig.enc").string()})
-                           .exitCode,
-                       0);
-         },
-         [&](const fs::path& f) { return salted("decrypt", f / "sealed", f / "new"); },
-         [](const fs::path& folder) {
-             EXPECT_EQ(permissionsOf(folder / "new"), kOwnerOnly);
-             EXPECT_EQ(permissionsOf(folder / "KXConfig.enc"), kOwnerOnly);
-         },
-         {"settings.json", "KXConfig.enc", "new"}},
-        {"a device is written to, not replaced",
-         [](const fs::path&) {},
-         [&](const fs::path& f) { return salted("encrypt", f / "plain", "/dev/null"); },
-         [](const fs::path&) { EXPECT_TRUE(fs::is_character_file("/dev/null")); },
-         {}},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        const fs::path folder = directory / std::to_string(&c - cases.data());
-        fs::create_directories(folder);
-        kxtest::writeText(folder / "plain", plain);
-        kxtest::sealWithOpenSSL(folder / "plain", folder / "sealed", "pw");
-        c.prepare(folder);
-        const ProcessResult result = kxconfig(c.arguments(folder));
-        EXPECT_EQ(result.exitCode, 0) << result.err;
-        c.verify(folder);
-        std::set<std::string> names = c.namesAfter;
-        names.insert({"plain", "sealed"});
-        EXPECT_EQ(namesIn(folder), names);
-    }
-}
 
-TEST_F(KXConfigToolHostileInput, APipeReceivesTheOutputAndStaysAPipe) {
-    const fs::path pipe = directory / "pipe";
-    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    // A link to a file stays a link and the file keeps its mode.
+    kxtest::writeText(directory / "real.enc", "old");
+    fs::permissions(directory / "real.enc", groupReadable);
+    fs::create_symlink("real.enc", directory / "link.enc");
+    salted("encrypt", "plain", "link.enc");
+    EXPECT_TRUE(fs::is_symlink(directory / "link.enc"));
+    EXPECT_EQ(readText(directory / "real.enc").rfind("Salted__", 0), 0u);
+    EXPECT_EQ(permissionsOf(directory / "real.enc"), groupReadable);
+
+    // A planted temporary link is not written through, and a new file follows the umask.
+    kxtest::writeText(directory / "victim", "untouched");
+    fs::create_symlink("victim", directory / "out.enc.tmp");
+    salted("encrypt", "plain", "out.enc");
+    EXPECT_EQ(readText(directory / "victim"), "untouched");
+    EXPECT_TRUE(fs::is_symlink(directory / "out.enc.tmp"));
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(directory / "out.enc")));
+    EXPECT_EQ(permissionsOf(directory / "out.enc"), groupReadable | fs::perms::others_read);
+
+    // Opened data over an owner-only file stays owner-only; new opened data and a new sealed
+    // configuration are owner-only.
+    kxtest::writeText(directory / "opened", "old secret");
+    fs::permissions(directory / "opened", kOwnerOnly);
+    salted("decrypt", "sealed", "opened");
+    EXPECT_EQ(readText(directory / "opened"), plain);
+    EXPECT_EQ(permissionsOf(directory / "opened"), kOwnerOnly);
+    salted("decrypt", "sealed", "new");
+    EXPECT_EQ(permissionsOf(directory / "new"), kOwnerOnly);
+    ASSERT_EQ(seal(kGoodSettings.dump(), directory / "KXConfig.enc").exitCode, 0);
+    EXPECT_EQ(permissionsOf(directory / "KXConfig.enc"), kOwnerOnly);
+
+    // A pipe receives the output and stays a pipe.
+    ASSERT_EQ(::mkfifo((directory / "pipe").c_str(), 0600), 0);
     std::string received;
-    std::thread reader([&] { received = readText(pipe); });
-    const ProcessResult result = kxconfig(
-        {"decrypt", "--format", "salted", "--password", "pw", "-o", pipe.string()},
-        kxconfig({"encrypt", "--format", "salted", "--password", "pw"}, "through a pipe").out);
+    std::thread reader([&] { received = readText(directory / "pipe"); });
+    salted("decrypt", "sealed", "pipe");
     reader.join();
-    EXPECT_EQ(result.exitCode, 0) << result.err;
-    EXPECT_EQ(received, "through a pipe");
-    EXPECT_EQ(fs::status(pipe).type(), fs::file_type::fifo);
-    EXPECT_EQ(namesIn(directory), std::set<std::string>{"pipe"});
+    EXPECT_EQ(received, plain);
+    EXPECT_EQ(fs::status(directory / "pipe").type(), fs::file_type::fifo);
+
+    // A device is written to, not replaced.
+    salted("encrypt", "plain", "/dev/null");
+    EXPECT_TRUE(fs::is_character_file("/dev/null"));
+
+    // No temporary file is left behind.
+    EXPECT_EQ(namesIn(directory), (std::set<std::string>{"plain", "sealed", "real.enc", "link.enc",
+                                                         "victim", "out.enc.tmp", "out.enc",
+                                                         "opened", "new", "KXConfig.enc", "pipe"}));
 }
 
 TEST_F(KXConfigToolHostileInput, AKilledRunLeavesNoTemporaryFileBehind) {
     const fs::path input = directory / "large";
     kxtest::writeText(input, std::string(std::size_t{48} << 20, 'x'));
-    const std::string program = kxtest::builtProgram("tools/kxconfig/kxconfig").string();
-    const std::string output = (directory / "large.enc").string();
+    const fs::path output = directory / "large.enc";
     for (int delay : {20, 50, 80, 120, 160, 220, 300, 400}) {
-        std::vector<std::string> arguments = {program,      "encrypt", "--format", "salted",
-                                              "--password", "pw",      "-i",       input.string(),
-                                              "-o",         output};
-        std::vector<char*> argv;
-        for (std::string& argument : arguments) {
-            argv.push_back(argument.data());
-        }
-        argv.push_back(nullptr);
-        pid_t child = 0;
-        ASSERT_EQ(::posix_spawn(&child, program.c_str(), nullptr, nullptr, argv.data(), environ),
-                  0);
-        std::this_thread::sleep_for(std::chrono::milliseconds(delay));
-        ::kill(child, SIGKILL);
-        int status = 0;
-        ::waitpid(child, &status, 0);
+        // timeout sends SIGKILL to kxconfig `delay` ms after starting it (status 137) unless it
+        // finished before.
+        const int status = kxtest::run("timeout -s KILL " + std::to_string(delay / 1000.0) + " '" +
+                                       kxtest::builtProgram("tools/kxconfig/kxconfig").string() +
+                                       "' encrypt --format salted --password pw -i '" +
+                                       input.string() + "' -o '" + output.string() + "'");
+        EXPECT_TRUE(status == 0 || status == 137) << status;
         std::set<std::string> names = namesIn(directory);
         names.erase("large.enc");  // finished before the kill: complete, never torn
         EXPECT_EQ(names, std::set<std::string>{"large"}) << "killed after " << delay << " ms";
@@ -202,11 +144,8 @@ TEST_F(KXConfigToolHostileInput, SealRefusesWhatItCannotSealUnchangedAndKeepsThe
     const auto good = kxtest::readBytes(output);
 
     const std::string deep = "{\"appId\":" + std::string(513, '[') + std::string(513, ']') + "}";
-    struct Case {
-        std::string input;
-        std::string reason;
-    };
-    const std::vector<Case> cases = {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        // input, reason
         {deep, "JSON nested deeper than 512 levels"},
         {R"({"inProduction": false, "appId": "a", "inProduction": true})",
          "duplicate key \"inProduction\""},
@@ -214,25 +153,22 @@ TEST_F(KXConfigToolHostileInput, SealRefusesWhatItCannotSealUnchangedAndKeepsThe
         {"{\"appId\": \"a\"} trailing", "neither a property-list dictionary nor a JSON object"},
         {"[1, 2]", "neither a property-list dictionary nor a JSON object"},
     };
-    for (const Case& c : cases) {
-        const ProcessResult result = seal(c.input, output);
-        EXPECT_EQ(result.exitCode, 1) << c.reason;
-        EXPECT_NE(result.err.find(c.reason), std::string::npos) << result.err;
-        EXPECT_EQ(kxtest::readBytes(output), good) << c.reason;
+    for (const auto& [input, reason] : cases) {
+        const ProcessResult result = seal(input, output);
+        EXPECT_EQ(result.exitCode, 1) << reason;
+        EXPECT_NE(result.err.find(reason), std::string::npos) << result.err;
+        EXPECT_EQ(kxtest::readBytes(output), good) << reason;
     }
 }
 
 TEST_F(KXConfigToolHostileInput, CheckReportsEverySettingTheLibraryWouldNotReadAsWritten) {
-    struct Case {
-        std::string entries;  // XML property-list entries added to good settings
-        std::vector<std::string> problems;
-    };
     const std::string credentials =
         "<key>stageClientId</key><string>s1</string>"
         "<key>stageClientSecret</key><string>s2</string>";
-    const std::vector<Case> cases = {
+    // XML property-list entries and the problems check reports in them.
+    const std::vector<std::pair<std::string, std::vector<std::string>>> cases = {
         {credentials + "<key>inProduction</key><false/><key>analyticsSessionInterval</key>"
-                       "<integer>300</integer><key>favouriteColour</key><string>blue</string>",
+                       "<integer>90</integer><key>favouriteColour</key><string>blue</string>",
          {}},
         {credentials + "<key>inProduction</key><string>NO</string>"
                        "<key>analyticsEnabled</key><real>2.5</real>"
@@ -251,7 +187,7 @@ TEST_F(KXConfigToolHostileInput, CheckReportsEverySettingTheLibraryWouldNotReadA
         {credentials + "<key>analyticsSessionInterval</key><real>1e30</real>",
          {"\"analyticsSessionInterval\" should be a whole number of seconds, not a number "
           "(1e+30): the library reads 9223372036854775807"}},
-        {credentials + "<key>analyticsSessionInterval</key><integer>45</integer>",
+        {credentials + "<key>analyticsSessionInterval</key><integer>89</integer>",
          {"\"analyticsSessionInterval\" is below the minimum of 90 seconds: the library uses 90"}},
         {"<key>stageClientId</key><string>s1</string>",
          {"\"stageClientSecret\" is missing: the library cannot authenticate in staging"}},
@@ -259,17 +195,17 @@ TEST_F(KXConfigToolHostileInput, CheckReportsEverySettingTheLibraryWouldNotReadA
          {"\"prodClientSecret\" is missing: the library cannot authenticate in production"}},
     };
     const fs::path output = directory / "KXConfig.enc";
-    for (const Case& c : cases) {
-        ASSERT_EQ(seal(kxtest::xmlPropertyList(c.entries), output).exitCode, 0) << c.entries;
+    for (const auto& [entries, problems] : cases) {
+        ASSERT_EQ(seal(kxtest::xmlPropertyList(entries), output).exitCode, 0) << entries;
         const ProcessResult result = kxconfig({"check", "--key", kKey, output.string()});
-        EXPECT_EQ(result.exitCode, c.problems.empty() ? 0 : 1) << c.entries << result.err;
+        EXPECT_EQ(result.exitCode, problems.empty() ? 0 : 1) << entries << result.err;
         EXPECT_EQ(KXJSON::parse(result.out).size(), 13u) << "the settings are printed anyway";
-        for (const std::string& problem : c.problems) {
+        for (const std::string& problem : problems) {
             EXPECT_NE(result.err.find("kxconfig: error: " + problem + "\n"), std::string::npos)
                 << result.err;
         }
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'),
-                  static_cast<std::ptrdiff_t>(c.problems.size() + (c.problems.empty() ? 1 : 0)))
+                  static_cast<std::ptrdiff_t>(problems.size() + (problems.empty() ? 1 : 0)))
             << result.err;
     }
 }

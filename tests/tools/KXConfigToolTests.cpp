@@ -26,55 +26,30 @@ protected:
     fs::path sealedFile = directory / "KXConfig.enc";
 };
 
-struct Refusal {
-    const char* name;
-    std::vector<std::string> arguments;  // "DIR" stands for the test's folder
-    int exitCode;
-    std::string err;  // a part of standard error
-    std::string input = "";
-};
-
-void PrintTo(const Refusal& r, std::ostream* os) {
-    *os << r.name;
-}
+using R = Refusal;
 
 const std::vector<Refusal> kRefusals = {
-    {"NoCommand", {}, 2, ""},
-    {"AnUnknownCommand", {"frobnicate"}, 2, ""},
-    {"OpenWithoutKey", {"open", "DIR/KXConfig.enc"}, 2, "--key"},
-    {"EncryptWithoutPasswordOrKey",
-     {"encrypt", "--format", "salted"},
-     2,
-     "encrypt needs --password or --key"},
-    {"AnUnknownFormat", {"encrypt", "--format", "rot13", "--password", "x"}, 2, "--format"},
-    {"PasswordAndKeyTogether",
-     {"encrypt", "--format", "v3", "--password", "x", "--key", "00"},
-     2,
-     ""},
-    {"AKeyThatIsNotHexadecimal",
-     {"encrypt", "--format", "salted", "--key", "zz", "--iv", "00"},
-     1,
-     "--key",
-     "x"},
-    {"OpenWithAWrongKey",
-     {"open", "--key", "wrong", "DIR/KXConfig.enc"},
-     1,
-     "wrong key or damaged file"},
-    {"CheckWithAWrongKey",
-     {"check", "--key", "wrong", "DIR/KXConfig.enc"},
-     1,
-     "wrong key or damaged file"},
-    {"OpenAnEmptyFile", {"open", "--key", kKey, "DIR/empty.enc"}, 1, "empty.enc is empty"},
-    {"OpenDataThatIsNotSealed", {"open", "--key", kKey, "DIR/garbage.enc"}, 1, "Unknown header"},
-    {"OpenAnAbsentFile", {"open", "--key", kKey, "DIR/absent.enc"}, 1, "No such file or directory"},
-    {"CheckAnAbsentFile",
-     {"check", "--key", kKey, "DIR/absent.enc"},
-     1,
-     "No such file or directory"},
-    {"SealAnAbsentInput",
-     {"seal", "--key", kKey, "DIR/absent.json"},
-     1,
-     "No such file or directory"},
+    R("NoCommand", {}, 2),
+    R("AnUnknownCommand", {"frobnicate"}, 2),
+    R("OpenWithoutKey", {"open", "DIR/KXConfig.enc"}, 2, "--key"),
+    R("EncryptWithoutPasswordOrKey", {"encrypt", "--format", "salted"}, 2,
+      "encrypt needs --password or --key"),
+    R("AnUnknownFormat", {"encrypt", "--format", "rot13", "--password", "x"}, 2, "--format"),
+    R("PasswordAndKeyTogether", {"encrypt", "--format", "v3", "--password", "x", "--key", "00"}, 2),
+    R("AKeyThatIsNotHexadecimal", {"encrypt", "--format", "salted", "--key", "zz", "--iv", "00"}, 1,
+      "--key", "x"),
+    R("OpenWithAWrongKey", {"open", "--key", "wrong", "DIR/KXConfig.enc"}, 1,
+      "wrong key or damaged file"),
+    R("CheckWithAWrongKey", {"check", "--key", "wrong", "DIR/KXConfig.enc"}, 1,
+      "wrong key or damaged file"),
+    R("OpenAnEmptyFile", {"open", "--key", kKey, "DIR/empty.enc"}, 1, "empty.enc is empty"),
+    R("OpenDataThatIsNotSealed", {"open", "--key", kKey, "DIR/garbage.enc"}, 1, "Unknown header"),
+    R("OpenAnAbsentFile", {"open", "--key", kKey, "DIR/absent.enc"}, 1,
+      "No such file or directory"),
+    R("CheckAnAbsentFile", {"check", "--key", kKey, "DIR/absent.enc"}, 1,
+      "No such file or directory"),
+    R("SealAnAbsentInput", {"seal", "--key", kKey, "DIR/absent.json"}, 1,
+      "No such file or directory"),
 };
 
 class KXConfigRefusal : public KXConfigTool, public testing::WithParamInterface<Refusal> {};
@@ -86,13 +61,9 @@ TEST_P(KXConfigRefusal, EndsWithItsStatusAndOneLineOfReason) {
     kxtest::sealCredentialConfiguration(sealedFile, kKey);
     kxtest::writeText(directory / "empty.enc", "");
     kxtest::writeText(directory / "garbage.enc", "definitely not sealed data at all");
-    for (std::string& argument : refusal.arguments) {
-        if (argument.starts_with("DIR")) {
-            argument.replace(0, 3, directory.string());
-        }
-    }
+    placeDirectory(refusal.arguments, directory);
     const ProcessResult result = kxconfig(refusal.arguments, refusal.input);
-    expectOutcome({refusal.arguments, refusal.exitCode, refusal.err}, result);
+    expectOutcome(result, refusal.exitCode, refusal.err);
     EXPECT_EQ(result.out, "");
     if (refusal.exitCode == 1) {
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
@@ -102,47 +73,39 @@ TEST_P(KXConfigRefusal, EndsWithItsStatusAndOneLineOfReason) {
 INSTANTIATE_TEST_SUITE_P(Arguments, KXConfigRefusal, testing::ValuesIn(kRefusals),
                          [](const auto& info) { return std::string(info.param.name); });
 
+// What a property list can hold goes through unchanged, fractions and large integers too, from
+// JSON, an XML and a binary property list; the sealed data is an XML property list that open
+// prints as it is with --xml.
 TEST_F(KXConfigTool, SealWritesAnXMLPropertyListThatOpenPrintsUnchanged) {
-    // What a property list can hold goes through unchanged, fractions and large integers too.
     const KXJSON settings = {{"appId", "a1"},
                              {"inProduction", true},
                              {"ratio", 0.1},
                              {"big", 18446744073709551615ULL},
                              {"nested", {{"list", {1, -2, "three", "s1"}}}}};
-    kxtest::writeText(directory / "config.json", settings.dump());
-    const auto sealed = kxconfig(
-        {"seal", "--key", kKey, (directory / "config.json").string(), "-o", sealedFile.string()});
-    ASSERT_EQ(sealed.exitCode, 0) << sealed.err;
-
-    const std::string plain = opensslOpen(sealedFile, kKey);
-    EXPECT_EQ(plain.rfind("<?xml", 0), 0u) << plain;
-    const auto parsed =
-        KXPropertyList::parse(std::vector<std::uint8_t>(plain.begin(), plain.end()));
-    ASSERT_TRUE(parsed);
-    EXPECT_EQ(*parsed, settings);
-
-    const auto json = kxconfig({"open", "--key", kKey, sealedFile.string()});
-    ASSERT_EQ(json.exitCode, 0) << json.err;
-    EXPECT_EQ(KXJSON::parse(json.out), settings);
-    const auto xml = kxconfig({"open", "--key", kKey, "--xml", sealedFile.string()});
-    ASSERT_EQ(xml.exitCode, 0) << xml.err;
-    EXPECT_EQ(xml.out, plain);
-}
-
-TEST_F(KXConfigTool, SealAcceptsXMLAndBinaryPropertyLists) {
+    kxtest::writeText(directory / "in.json", settings.dump());
     kxtest::writeText(directory / "in.plist",
                       kxtest::xmlPropertyList("<key>appId</key><string>from-xml</string>\n"));
     kxtest::writeBytes(directory / "in.bplist",
                        KXPropertyList::toBinary({{"appId", "from-binary"}}));
-    for (const char* name : {"in.plist", "in.bplist"}) {
-        const auto out = directory / (std::string(name) + ".enc");
-        ASSERT_EQ(kxconfig({"seal", "--key", kKey, (directory / name).string(), "-o", out.string()})
-                      .exitCode,
-                  0);
-        const auto opened = kxconfig({"open", "--key", kKey, out.string()});
-        ASSERT_EQ(opened.exitCode, 0) << opened.err;
-        EXPECT_EQ(KXJSON::parse(opened.out)["appId"],
-                  std::string(name) == "in.plist" ? "from-xml" : "from-binary");
+    const std::vector<std::pair<const char*, KXJSON>> inputs = {
+        {"in.json", settings},
+        {"in.plist", {{"appId", "from-xml"}}},
+        {"in.bplist", {{"appId", "from-binary"}}}};
+    for (const auto& [name, expected] : inputs) {
+        SCOPED_TRACE(name);
+        const auto sealed = kxconfig(
+            {"seal", "--key", kKey, (directory / name).string(), "-o", sealedFile.string()});
+        ASSERT_EQ(sealed.exitCode, 0) << sealed.err;
+        const std::string plain = opensslOpen(sealedFile, kKey);
+        EXPECT_EQ(plain.rfind("<?xml", 0), 0u) << plain;
+        EXPECT_EQ(KXPropertyList::parse(plain), expected);
+
+        const auto json = kxconfig({"open", "--key", kKey, sealedFile.string()});
+        ASSERT_EQ(json.exitCode, 0) << json.err;
+        EXPECT_EQ(KXJSON::parse(json.out), expected);
+        const auto xml = kxconfig({"open", "--key", kKey, "--xml", sealedFile.string()});
+        ASSERT_EQ(xml.exitCode, 0) << xml.err;
+        EXPECT_EQ(xml.out, plain);
     }
 }
 
@@ -181,7 +144,7 @@ TEST_F(KXConfigTool, VersionThreeContainerDetectsTampering) {
     std::string tampered = sealed.out;
     tampered[20] = static_cast<char>(tampered[20] ^ 0x01);
     const ProcessResult refused = kxconfig(arguments("decrypt"), tampered);
-    expectOutcome({{"decrypt", "tampered"}, 1, "HMAC Mismatch"}, refused);
+    expectOutcome(refused, 1, "HMAC Mismatch");
     EXPECT_EQ(refused.out, "");
 }
 

@@ -67,17 +67,36 @@ struct Script {
     KXScriptedAnswer answer;
 };
 
-/// What a run of a tool must show: its exit status and a part of its standard error.
-struct Outcome {
-    std::vector<std::string> arguments;
+/// A run of a tool must end with `exitCode` and show `err` on standard error.
+inline void expectOutcome(const ProcessResult& result, int exitCode, const std::string& err) {
+    EXPECT_EQ(result.exitCode, exitCode) << result.err;
+    EXPECT_NE(result.err.find(err), std::string::npos) << result.err;
+}
+
+/// A command line a tool must refuse with `exitCode` and `err` on standard error.
+struct Refusal {
+    const char* name;
+    std::vector<std::string> arguments;  // "DIR" at the start of one stands for the test's folder
     int exitCode;
-    std::string err;  // a part of standard error
+    std::string err = "";  // a part of standard error
+    std::string input = "";
 };
 
-inline void expectOutcome(const Outcome& expected, const ProcessResult& result) {
-    const std::string shown = testing::PrintToString(expected.arguments) + "\n" + result.err;
-    EXPECT_EQ(result.exitCode, expected.exitCode) << shown;
-    EXPECT_NE(result.err.find(expected.err), std::string::npos) << shown;
+inline void PrintTo(const Refusal& r, std::ostream* os) {
+    *os << r.name;
+}
+
+/// Puts `directory` in place of a leading "DIR" in `arguments`; whether there was one.
+inline bool placeDirectory(std::vector<std::string>& arguments,
+                           const std::filesystem::path& directory) {
+    bool placed = false;
+    for (std::string& argument : arguments) {
+        if (argument.starts_with("DIR")) {
+            argument.replace(0, 3, directory.string());
+            placed = true;
+        }
+    }
+    return placed;
 }
 
 /// A sealed configuration with the test credentials and kxctl pointed at the loopback service.
@@ -94,9 +113,10 @@ protected:
         kxtest::sealCredentialConfiguration(configFile, kKey, entries);
     }
 
-    void script(const std::vector<Script>& scripts) {
+    /// Scripts the service's answers, their paths below `base`.
+    void script(const std::vector<Script>& scripts, const std::string& base = "") {
         for (const Script& s : scripts) {
-            service.script(s.method, s.path, s.answer);
+            service.script(s.method, base + s.path, s.answer);
         }
     }
 
