@@ -1,5 +1,5 @@
-// The application object: delegate slot, life-cycle state machine, delegate dispatch by
-// respondsTo(), remote-notification hand-over and background tasks.
+// The application object: delegate slot, life-cycle state machine, delegate
+// dispatch by respondsTo(), remote-notification hand-over and background tasks.
 #include "KXTestPlatform.h"
 
 #include <KXClientFramework/KXApplication.h>
@@ -21,7 +21,8 @@ using Event = KXApplicationEvent;
 
 namespace {
 
-// Records every callback it receives; answers respondsTo() for the callbacks it is told to.
+// Records every callback it receives; answers respondsTo() for the callbacks it
+// is told to.
 class RecordingDelegate : public KXApplicationDelegate {
 public:
     explicit RecordingDelegate(std::vector<std::string>& log, std::set<Callback> implemented = {})
@@ -87,12 +88,16 @@ protected:
     KXAsioMainQueue queue;
     KXRecordingApplication application{queue, 20ms};
     std::vector<std::string> log;
+
+    void delegateImplementing(std::set<Callback> callbacks) {
+        application.setDelegate(std::make_shared<RecordingDelegate>(log, std::move(callbacks)));
+    }
 };
 
 }  // namespace
 
 TEST_F(KXApplicationTest, EventsMoveTheStateCallTheDelegateThenNotifyObservers) {
-    application.setDelegate(std::make_shared<RecordingDelegate>(log, kLifeCycle));
+    delegateImplementing(kLifeCycle);
     auto& center = KXNotificationCenter::defaultCenter();
     std::vector<KXNotificationCenter::Token> tokens;
     for (int e = 0; e <= static_cast<int>(Event::WillTerminate); ++e) {
@@ -125,12 +130,12 @@ TEST_F(KXApplicationTest, EventsMoveTheStateCallTheDelegateThenNotifyObservers) 
     }
     EXPECT_EQ(log, expected);
     for (auto token : tokens) {
-        center.removeObserver(token);
+        center.removeObserver(token);  // the observers hold this test's log
     }
 }
 
 TEST_F(KXApplicationTest, DelegateIsCalledOnlyForCallbacksItRespondsTo) {
-    application.setDelegate(std::make_shared<RecordingDelegate>(log));  // implements nothing
+    delegateImplementing({});
     for (Event e : {Event::DidFinishLaunching, Event::DidBecomeActive, Event::DidEnterBackground,
                     Event::WillTerminate}) {
         application.postEvent(e);
@@ -142,9 +147,8 @@ TEST_F(KXApplicationTest, DelegateIsCalledOnlyForCallbacksItRespondsTo) {
     queue.poll();
     EXPECT_TRUE(log.empty());
 
-    application.setDelegate(std::make_shared<RecordingDelegate>(
-        log, std::set<Callback>{Callback::DidRegisterForRemoteNotificationsWithDeviceToken,
-                                Callback::DidFailToRegisterForRemoteNotificationsWithError}));
+    delegateImplementing({Callback::DidRegisterForRemoteNotificationsWithDeviceToken,
+                          Callback::DidFailToRegisterForRemoteNotificationsWithError});
     application.deliverDeviceToken({1, 2, 3});
     application.deliverRegistrationError(KXError("domain", 3000));
     EXPECT_EQ(log, (std::vector<std::string>{"token 3", "error 3000"}));
@@ -163,10 +167,9 @@ TEST_F(KXApplicationTest, RemoteNotificationsAndActionsReachTheRightVariant) {
     auto collect = [&](KXBackgroundFetchResult r) { results.push_back(r); };
 
     // Both variants implemented: the one with a completion handler wins.
-    application.setDelegate(std::make_shared<RecordingDelegate>(
-        log, std::set<Callback>{Callback::DidReceiveRemoteNotification,
-                                Callback::DidReceiveRemoteNotificationWithCompletionHandler,
-                                Callback::HandleActionWithIdentifier}));
+    delegateImplementing({Callback::DidReceiveRemoteNotification,
+                          Callback::DidReceiveRemoteNotificationWithCompletionHandler,
+                          Callback::HandleActionWithIdentifier});
     application.deliverRemoteNotification({{"n", 1}}, collect);
     application.deliverRemoteNotification({{"n", 2}});  // no handler from the host: still fine
     bool actionDone = false;
@@ -179,8 +182,7 @@ TEST_F(KXApplicationTest, RemoteNotificationsAndActionsReachTheRightVariant) {
     // Only the older variant: it is called and the host's handler gets NoData.
     log.clear();
     results.clear();
-    application.setDelegate(std::make_shared<RecordingDelegate>(
-        log, std::set<Callback>{Callback::DidReceiveRemoteNotification}));
+    delegateImplementing({Callback::DidReceiveRemoteNotification});
     application.deliverRemoteNotification({{"n", 4}}, collect);
     EXPECT_EQ(log, std::vector<std::string>{R"(remote {"n":4})"});
     EXPECT_EQ(results, std::vector<KXBackgroundFetchResult>{KXBackgroundFetchResult::NoData});
@@ -197,8 +199,7 @@ TEST_F(KXApplicationTest, RemoteNotificationsAndActionsReachTheRightVariant) {
 }
 
 TEST_F(KXApplicationTest, RegistrationFlagsHooksAndAsynchronousSettingsAnswer) {
-    application.setDelegate(std::make_shared<RecordingDelegate>(
-        log, std::set<Callback>{Callback::DidRegisterUserNotificationSettings}));
+    delegateImplementing({Callback::DidRegisterUserNotificationSettings});
     EXPECT_FALSE(application.isRegisteredForRemoteNotifications());
     application.registerForRemoteNotifications();
     EXPECT_TRUE(application.isRegisteredForRemoteNotifications());
@@ -234,6 +235,16 @@ TEST_F(KXApplicationTest, BackgroundTasksExpireWhenTheTimeInTheBackgroundIsUp) {
     application.endBackgroundTask(KXBackgroundTaskInvalid);
     EXPECT_EQ(application.backgroundTaskCount(), 2u);
 
+    // Returning to the foreground cancels the expiration: a marker due well after
+    // the limit runs after a live expiration timer would have.
+    application.postEvent(Event::DidEnterBackground);
+    application.postEvent(Event::WillEnterForeground);
+    bool marker = false;
+    queue.postAfter(200ms, [&] { marker = true; });
+    ASSERT_TRUE(queue.runUntil([&] { return marker; }, 10s));
+    EXPECT_TRUE(expired.empty());
+
+    // Entering the background again starts a new allowance that does expire.
     application.postEvent(Event::DidEnterBackground);
     EXPECT_TRUE(expired.empty()) << "not before the limit";
     ASSERT_TRUE(queue.runUntil([&] { return !expired.empty(); }, 10s));
@@ -244,26 +255,10 @@ TEST_F(KXApplicationTest, BackgroundTasksExpireWhenTheTimeInTheBackgroundIsUp) {
     const auto d = application.beginBackgroundTask([&] { expired.push_back("d"); });
     application.postEvent(Event::WillTerminate);
     EXPECT_EQ(expired, (std::vector<std::string>{"a", "d"}));
-    application.endBackgroundTask(a);
-    application.endBackgroundTask(c);
-    application.endBackgroundTask(d);
+    for (const auto task : {a, c, d}) {
+        application.endBackgroundTask(task);
+    }
     EXPECT_EQ(application.backgroundTaskCount(), 0u);
-}
-
-TEST_F(KXApplicationTest, ReturningToTheForegroundCancelsTheExpiration) {
-    bool expired = false;
-    application.beginBackgroundTask([&] { expired = true; });
-    application.postEvent(Event::DidEnterBackground);
-    application.postEvent(Event::WillEnterForeground);
-    // A marker due well after the limit: when it runs, a live expiration timer would have.
-    bool marker = false;
-    queue.postAfter(200ms, [&] { marker = true; });
-    ASSERT_TRUE(queue.runUntil([&] { return marker; }, 10s));
-    EXPECT_FALSE(expired);
-
-    // Entering the background again starts a new allowance that does expire.
-    application.postEvent(Event::DidEnterBackground);
-    ASSERT_TRUE(queue.runUntil([&] { return expired; }, 10s));
 }
 
 TEST_F(KXApplicationTest, WithLockKeepsReadersOutUntilTheSwapIsComplete) {
@@ -273,14 +268,12 @@ TEST_F(KXApplicationTest, WithLockKeepsReadersOutUntilTheSwapIsComplete) {
 
     std::atomic<bool> swapFinished{false};
     std::shared_ptr<KXApplicationDelegate> seen;
-    std::atomic<bool> readerDone{false};
     std::thread reader;
     application.withLock([&] {
         EXPECT_EQ(application.delegate(), first) << "the slot can be read inside the lock";
         reader = std::thread([&] {
             seen = application.delegate();
             EXPECT_TRUE(swapFinished) << "a reader got in while the swap was in progress";
-            readerDone = true;
         });
         // Give the reader every chance to get in if the lock did not keep it out.
         std::this_thread::sleep_for(50ms);
@@ -288,13 +281,13 @@ TEST_F(KXApplicationTest, WithLockKeepsReadersOutUntilTheSwapIsComplete) {
         swapFinished = true;
     });
     reader.join();
-    EXPECT_TRUE(readerDone);
     EXPECT_EQ(seen, second);
 }
 
 TEST_F(KXApplicationTest, ADelegateMayReplaceItselfWhileBeingCalled) {
     auto delegate = std::make_shared<RecordingDelegate>(log, kLifeCycle);
-    // Drops the application's reference; the delegate lives on as the caller holds it.
+    // Drops the application's reference; the delegate lives on as the caller
+    // holds it.
     delegate->onActive = [](KXApplication& app) { app.setDelegate(nullptr); };
     application.setDelegate(delegate);
     delegate.reset();
@@ -318,4 +311,78 @@ TEST(KXApplication, WorkQueuedForADestroyedApplicationIsSkipped) {
     queue.postAfter(50ms, [&] { marker = true; });
     ASSERT_TRUE(queue.runUntil([&] { return marker; }, 10s));
     EXPECT_TRUE(log.empty());
+}
+
+TEST(KXNotificationCenter, CallsMatchingObserversInTheOrderAddedWithTheUserInfo) {
+    KXNotificationCenter center;
+    std::vector<std::string> calls;
+    center.addObserver(Event::DidBecomeActive, [&](const KXNotification& n) {
+        calls.push_back("first " + n.userInfo.dump());
+    });
+    center.addObserver(Event::DidEnterBackground,
+                       [&](const KXNotification&) { calls.push_back("background"); });
+    center.addObserver(Event::DidBecomeActive, [&](const KXNotification& n) {
+        EXPECT_EQ(n.name, Event::DidBecomeActive);
+        calls.push_back("second");
+    });
+
+    center.post(Event::DidBecomeActive, KXJSON{{"k", 1}});
+    EXPECT_EQ(calls, (std::vector<std::string>{R"(first {"k":1})", "second"}));
+    center.post(Event::WillTerminate);
+    EXPECT_EQ(calls.size(), 2u) << "no observer of that event";
+}
+
+TEST(KXNotificationCenter, ObserversMayRemoveAndAddObserversWhileBeingCalled) {
+    KXNotificationCenter center;
+    std::vector<std::string> calls;
+    KXNotificationCenter::Token second = 0;
+    KXNotificationCenter::Token self = 0;
+
+    center.addObserver(Event::DidBecomeActive, [&](const KXNotification&) {
+        calls.push_back("remover");
+        center.removeObserver(second);
+        center.addObserver(Event::DidBecomeActive,
+                           [&](const KXNotification&) { calls.push_back("added"); });
+    });
+    second = center.addObserver(Event::DidBecomeActive,
+                                [&](const KXNotification&) { calls.push_back("removed"); });
+    self = center.addObserver(Event::DidBecomeActive, [&](const KXNotification&) {
+        calls.push_back("once");
+        center.removeObserver(self);  // destroying the running observer's slot is safe
+    });
+
+    center.post(Event::DidBecomeActive);
+    EXPECT_EQ(calls, (std::vector<std::string>{"remover", "once"}))
+        << "a removed observer is not called, one added meanwhile waits for the next post";
+
+    calls.clear();
+    center.post(Event::DidBecomeActive);
+    EXPECT_EQ(calls, (std::vector<std::string>{"remover", "added"}));
+}
+
+TEST(KXNotificationCenter, DefaultCenterIsOneObjectAndSafeFromManyThreads) {
+    KXNotificationCenter& center = KXNotificationCenter::defaultCenter();
+    EXPECT_EQ(&center, &KXNotificationCenter::defaultCenter());
+
+    std::atomic<int> received{0};
+    const auto keeper =
+        center.addObserver(Event::WillTerminate, [&](const KXNotification&) { ++received; });
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 200; ++i) {
+                const auto token =
+                    center.addObserver(Event::WillTerminate, [](const KXNotification&) {});
+                center.post(Event::WillTerminate);
+                center.removeObserver(token);
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(received, 800);
+    center.removeObserver(keeper);
+    center.post(Event::WillTerminate);
+    EXPECT_EQ(received, 800);
 }

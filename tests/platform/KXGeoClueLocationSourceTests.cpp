@@ -8,6 +8,7 @@
 #include <KXClientFramework/KXGeoClueLocationSource.h>
 #include <KXClientFramework/KXLinuxPlatform.h>
 
+#include <fmt/chrono.h>
 #include <fmt/format.h>
 #include <gio/gio.h>
 #include <gtest/gtest.h>
@@ -44,8 +45,7 @@ TEST(KXGeoClueLocationSource, AccuracyLevelsMapToGeoClueLevels) {
         {1000.5, 4},
         {kCLLocationAccuracyThreeKilometers, 4},
         {1e9, 4},
-        {std::nan(""), 4},
-    };
+        {std::nan(""), 4}};
     for (const auto& [metres, level] : cases) {
         EXPECT_EQ(KXGeoClueLocationSource::accuracyLevel(metres), level) << metres;
     }
@@ -57,7 +57,6 @@ class Child {
 public:
     explicit Child(std::vector<std::string> arguments) {
         std::vector<char*> argv;
-        argv.reserve(arguments.size() + 1);
         for (std::string& argument : arguments) {
             argv.push_back(argument.data());
         }
@@ -74,14 +73,10 @@ public:
         }
     }
     ~Child() {
-        if (pid_ > 0) {
-            kill(pid_, SIGTERM);
-            waitpid(pid_, nullptr, 0);
-        }
+        kill(pid_, SIGTERM);
+        waitpid(pid_, nullptr, 0);
     }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-    bool running() const { return pid_ > 0 && waitpid(pid_, nullptr, WNOHANG) == 0; }
+    bool running() const { return waitpid(pid_, nullptr, WNOHANG) == 0; }
 
 private:
     pid_t pid_ = -1;
@@ -98,41 +93,35 @@ bool waitFor(const std::function<bool()>& done, std::chrono::milliseconds timeou
     return true;
 }
 
-/// A directory with a short path, for sockets (their paths are limited to 107 bytes), holding a
-/// private D-Bus daemon that takes the place of the system bus for this process and its
-/// children; removed with everything in it when this goes.
+/// A private D-Bus daemon that takes the place of the system bus for this process and its
+/// children, in a directory with a short path (socket paths are limited to 107 bytes).
 class PrivateBus {
 public:
     PrivateBus() {
         std::string pattern = "/tmp/kxgc-XXXXXX";
-        directory_ = mkdtemp(pattern.data()) != nullptr ? fs::path(pattern) : fs::path();
-        const fs::path config = directory_ / "bus.conf";
-        kxtest::writeText(config, "<busconfig><type>system</type><listen>" + address() +
-                                      "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
-                                      "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
-                                      "<allow eavesdrop=\"true\"/><allow own=\"*\"/>"
-                                      "<allow user=\"*\"/></policy></busconfig>");
+        directory = mkdtemp(pattern.data()) != nullptr ? fs::path(pattern) : fs::path();
+        kxtest::writeText(directory / "bus.conf",
+                          "<busconfig><type>system</type><listen>" + address() +
+                              "</listen><auth>EXTERNAL</auth><policy context=\"default\">"
+                              "<allow send_destination=\"*\" eavesdrop=\"true\"/>"
+                              "<allow eavesdrop=\"true\"/><allow own=\"*\"/>"
+                              "<allow user=\"*\"/></policy></busconfig>");
         daemon_ = std::make_unique<Child>(std::vector<std::string>{
-            "dbus-daemon", "--nofork", "--config-file=" + config.string()});
-        ready_ = waitFor([&] { return fs::exists(directory_ / "bus.sock"); }, 5s);
+            "dbus-daemon", "--nofork", "--config-file=" + (directory / "bus.conf").string()});
+        ready = waitFor([&] { return fs::exists(directory / "bus.sock"); }, 5s);
         setenv("DBUS_SYSTEM_BUS_ADDRESS", address().c_str(), 1);
     }
     ~PrivateBus() {
         daemon_.reset();
-        std::error_code ignored;
-        fs::remove_all(directory_, ignored);
+        fs::remove_all(directory);
     }
-    PrivateBus(const PrivateBus&) = delete;
-    PrivateBus& operator=(const PrivateBus&) = delete;
+    std::string address() const { return "unix:path=" + (directory / "bus.sock").string(); }
 
-    bool ready() const { return ready_; }
-    const fs::path& directory() const { return directory_; }
-    std::string address() const { return "unix:path=" + (directory_ / "bus.sock").string(); }
+    fs::path directory;
+    bool ready = false;
 
 private:
-    fs::path directory_;
     std::unique_ptr<Child> daemon_;
-    bool ready_ = false;
 };
 
 /// A socket listening at `path`; -1 when it cannot be made.
@@ -155,14 +144,14 @@ int listenAt(const fs::path& path) {
 
 TEST(KXGeoClueLocationSource, WithoutTheServiceThePlatformFallsBackToTheFedSourceQuickly) {
     PrivateBus bus;  // a bus without GeoClue on it
-    ASSERT_TRUE(bus.ready());
+    ASSERT_TRUE(bus.ready);
     // A socket that takes connections and never says a word.
-    const fs::path silent = bus.directory() / "silent.sock";
+    const fs::path silent = bus.directory / "silent.sock";
     const int listener = listenAt(silent);
     ASSERT_GE(listener, 0);
 
     KXAsioMainQueue queue;
-    for (const std::string& busAddress : {"unix:path=" + (bus.directory() / "absent.sock").string(),
+    for (const std::string& busAddress : {"unix:path=" + (bus.directory / "absent.sock").string(),
                                           "unix:path=" + silent.string(), bus.address()}) {
         setenv("DBUS_SYSTEM_BUS_ADDRESS", busAddress.c_str(), 1);
         auto start = std::chrono::steady_clock::now();
@@ -189,8 +178,6 @@ public:
         close(connection_);
         close(listener_);
     }
-    NMEAFeed(const NMEAFeed&) = delete;
-    NMEAFeed& operator=(const NMEAFeed&) = delete;
 
     /// Whether GeoClue has connected (takes its connection when it is waiting).
     bool connected() {
@@ -201,24 +188,24 @@ public:
         return connection_ >= 0;
     }
 
-    /// Sends a fix at latitude north and longitude east, in degrees (GGA, time of day now).
+    /// Sends a fix at latitude north and longitude east, in degrees, stamped with a time of day
+    /// that grows with every sentence.
     void send(double latitude, double longitude) {
         const auto now = std::chrono::system_clock::now() + std::chrono::milliseconds(10 * ++sent_);
         const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
         std::tm utc{};
         gmtime_r(&seconds, &utc);
-        const auto centiseconds =
-            std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() %
-            1000 / 10;
+        const auto milliseconds =
+            std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count();
         // Degrees and minutes: ddmm.mmmm (dddmm.mmmm for longitudes).
         auto minutes = [](double degrees, int width) {
             const double whole = std::floor(degrees);
             return fmt::format("{:0{}}{:07.4f}", static_cast<int>(whole), width,
                                (degrees - whole) * 60.0);
         };
-        const std::string body = fmt::format(
-            "GPGGA,{:02}{:02}{:02}.{:02},{},N,{},E,1,08,0.9,35.0,M,47.0,M,,", utc.tm_hour,
-            utc.tm_min, utc.tm_sec, centiseconds, minutes(latitude, 2), minutes(longitude, 3));
+        const std::string body =
+            fmt::format("GPGGA,{:%H%M%S}.{:02},{},N,{},E,1,08,0.9,35.0,M,47.0,M,,", utc,
+                        milliseconds % 1000 / 10, minutes(latitude, 2), minutes(longitude, 3));
         unsigned checksum = 0;
         for (const char c : body) {
             checksum ^= static_cast<unsigned char>(c);
@@ -233,23 +220,21 @@ private:
     int sent_ = 0;
 };
 
-// The GeoClue agent of this test: it lets every application have the location up to
-// `maximumLevel` (0 refuses all), as a desktop shell's agent would after asking the user.
+// The GeoClue agent of this test, on a GLib thread of its own: it lets every application have
+// the location up to `maximumLevel` (0 refuses all), as a desktop shell's agent would after
+// asking the user.
 class TestAgent {
 public:
     TestAgent(const std::string& busAddress, std::uint32_t maximumLevel)
         : maximumLevel_(maximumLevel) {
-        context_ = g_main_context_new();
-        loop_ = g_main_loop_new(context_, FALSE);
-        std::promise<bool> registered;
-        std::future<bool> answer = registered.get_future();
-        thread_ = std::thread([this, busAddress, &registered] {
+        std::promise<bool> connected;
+        thread_ = std::thread([this, busAddress, &connected] {
             g_main_context_push_thread_default(context_);
-            registered.set_value(connect(busAddress));
+            connected.set_value(connect(busAddress));
             g_main_loop_run(loop_);
             g_main_context_pop_thread_default(context_);
         });
-        registered_ = answer.get() && waitFor([this] { return addAgent(); }, 10s);
+        registered = connected.get_future().get() && waitFor([this] { return addAgent(); }, 10s);
     }
     ~TestAgent() {
         g_main_context_invoke(
@@ -264,13 +249,11 @@ public:
         g_main_loop_unref(loop_);
         g_main_context_unref(context_);
     }
-    TestAgent(const TestAgent&) = delete;
-    TestAgent& operator=(const TestAgent&) = delete;
-    bool registered() const { return registered_; }
+
+    bool registered = false;
 
 private:
-    // Called from the test's thread while the agent's thread answers GeoClue's questions;
-    // refused until GeoClue has taken its name.
+    // Refused until GeoClue has taken its name.
     bool addAgent() {
         GVariant* reply = g_dbus_connection_call_sync(
             connection_, "org.freedesktop.GeoClue2", "/org/freedesktop/GeoClue2/Manager",
@@ -283,14 +266,12 @@ private:
     }
 
     bool connect(const std::string& busAddress) {
-        GError* error = nullptr;
         connection_ = g_dbus_connection_new_for_address_sync(
             busAddress.c_str(),
             static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
                                               G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-            nullptr, nullptr, &error);
+            nullptr, nullptr, nullptr);
         if (connection_ == nullptr) {
-            g_error_free(error);
             return false;
         }
         GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(
@@ -305,13 +286,12 @@ private:
         static const GDBusInterfaceVTable vtable = {
             [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
                GVariant* parameters, GDBusMethodInvocation* invocation, gpointer data) {
-                const auto* self = static_cast<TestAgent*>(data);
+                const std::uint32_t maximum = static_cast<TestAgent*>(data)->maximumLevel_;
                 const gchar* desktopId = nullptr;
                 guint32 level = 0;
                 g_variant_get(parameters, "(&su)", &desktopId, &level);
                 g_dbus_method_invocation_return_value(
-                    invocation, g_variant_new("(bu)", self->maximumLevel_ > 0 ? TRUE : FALSE,
-                                              std::min(level, self->maximumLevel_)));
+                    invocation, g_variant_new("(bu)", maximum > 0, std::min(level, maximum)));
             },
             [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GError**,
                gpointer data) -> GVariant* {
@@ -327,17 +307,17 @@ private:
     }
 
     std::uint32_t maximumLevel_;
-    GMainContext* context_ = nullptr;
-    GMainLoop* loop_ = nullptr;
+    GMainContext* context_ = g_main_context_new();
+    GMainLoop* loop_ = g_main_loop_new(context_, FALSE);
     GDBusConnection* connection_ = nullptr;
     std::thread thread_;
-    bool registered_ = false;
 };
 
-/// The real GeoClue daemon on a private bus, reading only the test's NMEA socket. GeoClue reads its
-/// configuration from /etc/geoclue/geoclue.conf alone, so it runs in a mount namespace of its own
-/// where the test's configuration is mounted there.
-class KXGeoClueDaemon : public testing::Test {
+/// The real GeoClue daemon on a private bus, reading only the test's NMEA socket (the network
+/// source's service unreachable), with the test's agent, which allows up to `maximumLevel`.
+/// GeoClue reads its configuration from /etc/geoclue/geoclue.conf alone, so it runs in a mount
+/// namespace of its own where the test's configuration is mounted there.
+class KXGeoClueDaemon : public testing::TestWithParam<std::uint32_t> {
 protected:
     std::unique_ptr<PrivateBus> bus;
     std::unique_ptr<NMEAFeed> feed;
@@ -345,42 +325,42 @@ protected:
     std::unique_ptr<TestAgent> agent;
     KXAsioMainQueue queue;
     RecordingLocationDelegate delegate;
+    std::unique_ptr<KXGeoClueLocationSource> source;
 
     void SetUp() override {
-        constexpr const char* kDaemon = "/usr/libexec/geoclue";
-        if (access(kDaemon, X_OK) != 0 || std::system("command -v dbus-daemon >/dev/null") != 0) {
+        if (access("/usr/libexec/geoclue", X_OK) != 0 ||
+            std::system("command -v dbus-daemon >/dev/null") != 0) {
             GTEST_SKIP() << "needs GeoClue 2 (geoclue-2.0) and dbus-daemon";
         }
         if (std::system("unshare -m true 2>/dev/null") != 0) {
             GTEST_SKIP() << "needs a mount namespace (unshare -m) for GeoClue's configuration";
         }
         bus = std::make_unique<PrivateBus>();
-        ASSERT_TRUE(bus->ready());
-        feed = std::make_unique<NMEAFeed>(bus->directory() / "nmea.sock");
-    }
-
-    // Starts GeoClue with only the NMEA socket as a source (the network one's service
-    // unreachable) and the test's agent, which allows up to `maximumLevel`, and connects a source.
-    std::unique_ptr<KXGeoClueLocationSource> start(std::uint32_t maximumLevel) {
-        const fs::path config = bus->directory() / "geoclue.conf";
+        ASSERT_TRUE(bus->ready);
+        const fs::path nmea = bus->directory / "nmea.sock";
+        feed = std::make_unique<NMEAFeed>(nmea);
+        const fs::path config = bus->directory / "geoclue.conf";
         kxtest::writeText(config, fmt::format("[agent]\nwhitelist=kxtest-agent\n"
                                               "[network-nmea]\nenable=true\nnmea-socket={}\n"
                                               "[3g]\nenable=false\n[cdma]\nenable=false\n"
                                               "[modem-gps]\nenable=false\n[compass]\nenable=false\n"
                                               "[wifi]\nenable=false\nurl=http://127.0.0.1:9/\n",
-                                              (bus->directory() / "nmea.sock").string()));
+                                              nmea.string()));
         geoclue = std::make_unique<Child>(std::vector<std::string>{
             "unshare", "-m", "sh", "-c",
             "mount --bind \"$0\" /etc/geoclue/geoclue.conf && exec /usr/libexec/geoclue -t 0",
             config.string()});
-        agent = std::make_unique<TestAgent>(bus->address(), maximumLevel);
-        EXPECT_TRUE(agent->registered() && geoclue->running())
+        agent = std::make_unique<TestAgent>(bus->address(), GetParam());
+        ASSERT_TRUE(agent->registered && geoclue->running())
             << "GeoClue did not take its name on the private bus or refused the agent";
-        auto source = KXGeoClueLocationSource::connect(queue, "com.example.kiosk", 2s);
+        source = KXGeoClueLocationSource::connect(queue, "com.example.kiosk", 2s);
+        ASSERT_NE(source, nullptr);
+        source->setDelegate(&delegate);
+    }
+    void TearDown() override {
         if (source != nullptr) {
-            source->setDelegate(&delegate);
+            source->setDelegate(nullptr);
         }
-        return source;
     }
 };
 
@@ -389,9 +369,17 @@ double north(double latitude, double metres) {
     return latitude + metres / 111'195.0;
 }
 
-TEST_F(KXGeoClueDaemon, FixesArriveAsTheDistanceFilterAllowsAndStopWithTheUpdates) {
-    auto source = start(8);
-    ASSERT_NE(source, nullptr);
+// An agent that allows the exact location: fixes arrive on the main thread as the distance
+// filter allows, and stop with the updates. One that allows nothing: a denied error.
+TEST_P(KXGeoClueDaemon, FixesArriveAsTheAgentAndTheDistanceFilterAllow) {
+    if (GetParam() == 0) {
+        source->startUpdatingLocation();
+        ASSERT_TRUE(queue.runUntil([&] { return !delegate.errors.empty(); }, 10s));
+        EXPECT_EQ(delegate.errors[0].domain, kCLErrorDomain);
+        EXPECT_EQ(delegate.errors[0].code, kCLErrorDenied) << delegate.errors[0].description();
+        EXPECT_TRUE(delegate.fixes.empty());
+        return;
+    }
     source->setDesiredAccuracy(kCLLocationAccuracyBest);
     source->setDistanceFilter(10.0);
     source->startUpdatingLocation();
@@ -414,18 +402,8 @@ TEST_F(KXGeoClueDaemon, FixesArriveAsTheDistanceFilterAllowsAndStopWithTheUpdate
     feed->send(north(latitude, 500.0), 2.25);
     queue.runFor(500ms);
     EXPECT_EQ(delegate.fixes.size(), 2u);
-    source->setDelegate(nullptr);
 }
 
-TEST_F(KXGeoClueDaemon, AnAgentThatAllowsNothingIsADeniedError) {
-    auto source = start(0);
-    ASSERT_NE(source, nullptr);
-    source->startUpdatingLocation();
-    ASSERT_TRUE(queue.runUntil([&] { return !delegate.errors.empty(); }, 10s));
-    EXPECT_EQ(delegate.errors[0].domain, kCLErrorDomain);
-    EXPECT_EQ(delegate.errors[0].code, kCLErrorDenied) << delegate.errors[0].description();
-    EXPECT_TRUE(delegate.fixes.empty());
-    source->setDelegate(nullptr);
-}
+INSTANTIATE_TEST_SUITE_P(AgentLevels, KXGeoClueDaemon, testing::Values(8u, 0u));
 
 }  // namespace

@@ -1,7 +1,9 @@
-// The Linux default platform as a whole: directories, resources, installation, and its small
-// services (location, notification authorisation, alerts).
+// The Linux default platform as a whole: directories, resources (the directory bundle),
+// installation, and its small services (location, notification authorisation, alerts).
+#include <KXClientFramework/KXDirectoryBundle.h>
 #include <KXClientFramework/KXException.h>
 #include <KXClientFramework/KXLinuxPlatform.h>
+#include <KXClientFramework/KXPropertyList.h>
 
 #include "KXCapturingSink.h"
 #include "KXPlatformTestSupport.h"
@@ -17,6 +19,7 @@
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using kxplatformtest::RecordingLocationDelegate;
+using kxplatformtest::writeFile;
 
 namespace {
 
@@ -24,6 +27,12 @@ KXLinuxPlatformOptions optionsFor(const std::string& id) {
     KXLinuxPlatformOptions options;
     options.applicationId = id;
     return options;
+}
+
+fs::path makeDirectory(const std::string& name) {
+    const fs::path directory = KXTestDirectories::current() / "bundles" / name;
+    fs::create_directories(directory);
+    return directory;
 }
 
 // A main queue of the application's own, as a toolkit adapter would provide.
@@ -53,11 +62,6 @@ TEST(KXLinuxPlatform, KeepsItsFilesInTheXDGDirectoriesOfTheApplication) {
     EXPECT_TRUE(fs::exists(root / "config" / "com.example.kiosk" / "UserDefaults.plist"));
     ASSERT_EQ(platform.keychain().add({"svc", "acct"}, {1}), KXKeychainStatus::Success);
     EXPECT_TRUE(fs::exists(root / "data" / "com.example.kiosk" / "keychain.plist"));
-
-    // A second platform for the same application finds what the first stored.
-    KXLinuxPlatform again(optionsFor("com.example.kiosk"));
-    EXPECT_EQ(again.userDefaults().stringForKey("k"), "v");
-    EXPECT_EQ(again.keychain().copy({"svc", "acct"}), std::vector<std::uint8_t>{1});
 }
 
 TEST(KXLinuxPlatform, FallsBackToTheHomeDirectoryAndHonoursExplicitDirectories) {
@@ -88,21 +92,20 @@ TEST(KXLinuxPlatform, FindsResourcesThroughTheResourcePathAndMergesTheInfoDictio
     const fs::path a = KXTestDirectories::current() / "res-a";
     const fs::path b = KXTestDirectories::current() / "res-b";
     fs::create_directories(a);
-    kxplatformtest::writeFile(b / "KXConfig.enc", "sealed");
-    kxplatformtest::writeFile(b / "Info.plist",
-                              "<plist><dict><key>CFBundleName</key><string>Kiosk</string>"
-                              "<key>CFBundleVersion</key><string>1</string></dict></plist>");
+    writeFile(b / "KXConfig.enc", "sealed");
+    writeFile(b / "Info.plist",
+              "<plist><dict><key>CFBundleName</key><string>Kiosk</string>"
+              "<key>CFBundleVersion</key><string>1</string></dict></plist>");
     setenv("KX_RESOURCE_PATH", (a.string() + "::" + b.string()).c_str(), 1);
 
     KXLinuxPlatformOptions options = optionsFor("com.example.res");
-    options.infoDictionaryJSON = R"({"CFBundleVersion": "7", "Extra": [1, 2]})";
+    options.infoDictionaryJSON = R"({"CFBundleVersion": "7"})";
     KXLinuxPlatform platform(options);
     EXPECT_EQ(platform.mainBundle().pathForResource("KXConfig", "enc"), b / "KXConfig.enc");
+    // The merge itself is the bundle's (KXBundleTests); here: both sources reach it.
     const KXJSON info = platform.mainBundle().infoDictionary();
     EXPECT_EQ(info["CFBundleName"], "Kiosk");
     EXPECT_EQ(info["CFBundleVersion"], "7");
-    EXPECT_EQ(info["Extra"], KXJSON({1, 2}));
-    EXPECT_EQ(info["CFBundleIdentifier"], "com.example.res");
 
     // Explicit directories win over the environment; without either, the executable's
     // directory is searched.
@@ -254,4 +257,68 @@ TEST(KXLinuxPlatform, AuthorisationIsAnsweredLaterAndAlertsGoToTheLog) {
     const KXDeviceFacts facts = platform.deviceFacts();
     EXPECT_FALSE(facts.carrierName.has_value());
     EXPECT_FALSE(facts.manufacturer.empty());
+}
+
+TEST(KXDirectoryBundle, FindsResourcesInTheFirstDirectoryThatHasThem) {
+    const fs::path first = makeDirectory("first");
+    const fs::path second = makeDirectory("second");
+    writeFile(second / "KXConfig.enc", "sealed");
+    writeFile(first / "folder.png", "image");
+    writeFile(second / "folder.png", "other image");
+    writeFile(second / "README", "no extension");
+    fs::create_directories(first / "KXConfig.enc.d");
+
+    KXDirectoryBundle bundle({first, second});
+    EXPECT_EQ(bundle.pathForResource("KXConfig", "enc"), second / "KXConfig.enc");
+    EXPECT_EQ(bundle.pathForResource("KXConfig", ".enc"), second / "KXConfig.enc");
+    EXPECT_EQ(bundle.pathForResource("folder", "png"), first / "folder.png");
+    EXPECT_EQ(bundle.pathForResource("README", ""), second / "README");
+    EXPECT_FALSE(bundle.pathForResource("KXConfig", "plist").has_value());
+    EXPECT_FALSE(bundle.pathForResource("KXConfig.enc", "d").has_value()) << "not a file";
+    EXPECT_FALSE(bundle.pathForResource("", "enc").has_value());
+
+    // Names cannot reach outside the resource directories.
+    writeFile(KXTestDirectories::current() / "bundles" / "secret.txt", "outside");
+    EXPECT_FALSE(bundle.pathForResource("../secret", "txt").has_value());
+    EXPECT_FALSE(
+        bundle
+            .pathForResource((KXTestDirectories::current() / "bundles" / "secret").string(), "txt")
+            .has_value());
+}
+
+TEST(KXDirectoryBundle, InfoDictionaryMergesOverridesOverInfoPlist) {
+    const fs::path resources = makeDirectory("resources");
+    writeFile(resources / "Info.plist",
+              KXPropertyList::toXML({{"CFBundleName", "Kiosk"},
+                                     {"CFBundleVersion", "1.0"},
+                                     {"UIBackgroundModes", {"remote-notification"}}}));
+
+    KXDirectoryBundle bundle({resources}, {{"CFBundleVersion", "2.0"}, {"CFBundleName", nullptr}},
+                             "com.example.kiosk");
+    const KXJSON info = bundle.infoDictionary();
+    EXPECT_EQ(info["CFBundleVersion"], "2.0");
+    EXPECT_FALSE(info.contains("CFBundleName")) << "a null override removes the key";
+    EXPECT_EQ(info["UIBackgroundModes"], KXJSON({"remote-notification"}));
+    EXPECT_EQ(info["CFBundleIdentifier"], "com.example.kiosk");
+    EXPECT_EQ(bundle.objectForInfoDictionaryKey("CFBundleIdentifier"), "com.example.kiosk");
+    EXPECT_TRUE(bundle.objectForInfoDictionaryKey("Missing").is_null());
+
+    // A binary Info.plist that names its own identifier keeps it.
+    const fs::path binary = makeDirectory("binary");
+    const auto bytes = KXPropertyList::toBinary({{"CFBundleIdentifier", "com.example.own"}});
+    writeFile(binary / "Info.plist", std::string(bytes.begin(), bytes.end()));
+    EXPECT_EQ(KXDirectoryBundle({binary}, KXJSON::object(), "fallback")
+                  .objectForInfoDictionaryKey("CFBundleIdentifier"),
+              "com.example.own");
+}
+
+TEST(KXDirectoryBundle, ADamagedInfoPlistIsReportedAndIgnored) {
+    auto sink = KXCapturingSink::install();
+    const fs::path resources = makeDirectory("damaged");
+    writeFile(resources / "Info.plist", "<plist><dict><key>CFBundleName</key><string>Kio");
+    KXDirectoryBundle bundle({resources}, {{"CFBundleVersion", "3"}}, "com.example.app");
+    EXPECT_EQ(bundle.infoDictionary(),
+              (KXJSON{{"CFBundleVersion", "3"}, {"CFBundleIdentifier", "com.example.app"}}));
+    EXPECT_EQ(sink->linesContaining("Info.plist").size(), 1u);
+    EXPECT_TRUE(fs::exists(resources / "Info.plist")) << "resources are never moved or changed";
 }
