@@ -102,7 +102,7 @@ TEST(KXLinuxPlatform, FindsResourcesThroughTheResourcePathAndMergesTheInfoDictio
     options.infoDictionaryJSON = R"({"CFBundleVersion": "7"})";
     KXLinuxPlatform platform(options);
     EXPECT_EQ(platform.mainBundle().pathForResource("KXConfig", "enc"), b / "KXConfig.enc");
-    // The merge itself is the bundle's (KXBundleTests); here: both sources reach it.
+    // The merge itself is tested with the directory bundle below; here: both sources reach it.
     const KXJSON info = platform.mainBundle().infoDictionary();
     EXPECT_EQ(info["CFBundleName"], "Kiosk");
     EXPECT_EQ(info["CFBundleVersion"], "7");
