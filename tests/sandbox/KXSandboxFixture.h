@@ -125,9 +125,6 @@ protected:
     KXSandboxAnswer post(const std::string& path, const KXJSON& body = nullptr) {
         return call(&KXHTTPSessionManager::POST, path, body);
     }
-    KXSandboxAnswer put(const std::string& path, const KXJSON& body = nullptr) {
-        return call(&KXHTTPSessionManager::PUT, path, body);
-    }
     KXSandboxAnswer del(const std::string& path) {
         return call(&KXHTTPSessionManager::DELETE, path);
     }

@@ -39,8 +39,7 @@ TEST_F(SandboxRefusals, TheTokenEndpointChecksTheGrantAndTheCredentials) {
     for (const Case& c : std::vector<Case>{{"stage-id", "wrong", 401, "invalid_client"},
                                            {"someone", "stage-secret", 401, "invalid_client"},
                                            {"", "", 401, "invalid_client"},
-                                           {"prod-id", "prod-secret", 0, nullptr},
-                                           {"stage-id", "stage-secret", 0, nullptr}}) {
+                                           {"prod-id", "prod-secret", 0, nullptr}}) {
         SCOPED_TRACE(std::string(c.clientId) + "/" + c.secret);
         const std::optional<KXError> failure = authenticate(c.clientId, c.secret);
         if (c.error == nullptr) {
@@ -155,15 +154,13 @@ TEST_F(SandboxRefusals, BadRequestsGetAJSONErrorAndChangeNothing) {
     EXPECT_EQ(get("/guests/" + guest).object, before);
     EXPECT_EQ(get("/guests/half").status, 404) << "a refused registration leaves nothing";
     EXPECT_EQ(get("/lists/x").status, 404);
-}
 
-TEST_F(SandboxRefusals, AGETWithABodyIsAnsweredAndTheConnectionIsNotConfused) {
-    ASSERT_FALSE(authenticate().has_value());
-    const std::string guest = registerGuest();
-    // The library sends parameters as a JSON body with every verb, GET included.
-    const KXSandboxAnswer withBody = call(&KXHTTPSessionManager::GET, "/guests/" + guest,
-                                          KXJSON{{"ignored", std::string(5000, 'x')}});
-    EXPECT_EQ(withBody.status, 200);
+    // Not refused: the library sends parameters as a JSON body with every verb, GET included,
+    // and the connection still serves the next requests.
+    EXPECT_EQ(call(&KXHTTPSessionManager::GET, "/guests/" + guest,
+                   KXJSON{{"ignored", std::string(5000, 'x')}})
+                  .status,
+              200);
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(get("/guests/" + guest).status, 200);
     }

@@ -41,7 +41,7 @@ TEST_F(CredentialStore, StoringTwiceUpdatesTheOneItem) {
     EXPECT_FALSE(KXOAuthCredential::storeCredential(nullptr, "svc")) << "nothing left to delete";
 }
 
-TEST_F(CredentialStore, TheArchiveIsAPropertyListWithTheArchiveKeys) {
+TEST_F(CredentialStore, TheArchiveIsAPropertyListAndAnythingElseReadsAsAbsent) {
     const auto credential = KXOAuthCredential::credentialWithClientId("id-1", "s&<cret>");
     const std::vector<std::uint8_t> data = credential->archivedData();
     const std::string text(data.begin(), data.end());
@@ -54,6 +54,17 @@ TEST_F(CredentialStore, TheArchiveIsAPropertyListWithTheArchiveKeys) {
 
     EXPECT_EQ(credential->description(),
               "<KXOAuthCredential clientId:\"id-1\" secret:\"s&<cret>\">");
+
+    // Data that is not an archive reads as absent, and the wrapper logs it.
+    auto sink = KXCapturingSink::install();
+    ASSERT_EQ(keychain().add(KXKeychainQuery{"broken", std::nullopt}, {'n', 'o', 'p', 'e'}),
+              KXKeychainStatus::Success);
+    EXPECT_FALSE(KXOAuthCredential::retrieveCredentialWithIdentifier("broken"));
+    EXPECT_FALSE(KXOAuthCredential::unarchive({}));
+    ASSERT_EQ(keychain().add(KXKeychainWrapper::getKeychainQuery("bad").item, {0xde, 0xad}),
+              KXKeychainStatus::Success);
+    EXPECT_TRUE(KXKeychainWrapper::fetchValueForKey("bad").is_null());
+    EXPECT_TRUE(logged(*sink, "Unarchive of bad failed: "));
 }
 
 TEST_F(CredentialStore, TheWrapperKeepsOneValuePerKey) {
@@ -70,18 +81,4 @@ TEST_F(CredentialStore, TheWrapperKeepsOneValuePerKey) {
     EXPECT_EQ(KXKeychainWrapper::fetchValueForKey("prefs"), "replaced");
     KXKeychainWrapper::deleteValueForKey("prefs");
     EXPECT_TRUE(KXKeychainWrapper::fetchValueForKey("prefs").is_null());
-}
-
-TEST_F(CredentialStore, DataThatIsNotAnArchiveReadsAsAbsentAndTheWrapperLogsIt) {
-    auto sink = KXCapturingSink::install();
-    const std::vector<std::uint8_t> junk = {'n', 'o', 't', ' ', 'a', ' ', 'p', 'l', 'i', 's', 't'};
-    ASSERT_EQ(keychain().add(KXKeychainQuery{"broken", std::nullopt}, junk),
-              KXKeychainStatus::Success);
-    EXPECT_FALSE(KXOAuthCredential::retrieveCredentialWithIdentifier("broken"));
-    EXPECT_FALSE(KXOAuthCredential::unarchive({}));
-
-    ASSERT_EQ(keychain().add(KXKeychainWrapper::getKeychainQuery("bad").item, {0xde, 0xad}),
-              KXKeychainStatus::Success);
-    EXPECT_TRUE(KXKeychainWrapper::fetchValueForKey("bad").is_null());
-    EXPECT_TRUE(logged(*sink, "Unarchive of bad failed: "));
 }

@@ -73,14 +73,6 @@ TEST_F(EnvironmentTable, ThePathFollowsEveryChangeButTheHostOnlyAReset) {
     manager.resetBaseURLToEnvironment(2);
     EXPECT_EQ(KXClientFramework::sharedManager().environment(), 2);
     EXPECT_EQ(manager.baseURL(), "http://staging.example.test:8080");
-
-    // Endpoints set after start-up reach the transport at its next reset.
-    KXServiceEndpoints moved = distinctEndpoints();
-    moved.staging = "http://moved.example.test";
-    KXClientFramework::setServiceEndpoints(moved);
-    EXPECT_EQ(manager.baseURL(), "http://staging.example.test:8080");
-    manager.configureBaseUrl();
-    EXPECT_EQ(manager.baseURL(), "http://moved.example.test");
 }
 
 TEST_F(EnvironmentTable, DefaultEndpointsNeverReachARealHost) {
