@@ -48,8 +48,6 @@ protected:
     }
 };
 
-const KXJSON kMembership = {{"externalId", "g1"}, {"enabled", 1}};
-
 const KXError kBusy(NSOSStatusErrorDomain, 409, {{"reason", "busy"}});
 const KXJSON kSMSAddress =
     KXJSON::parse(R"({"address":{"channel":"SMS","attributes":{"mdn":"555"}}})");
@@ -59,26 +57,16 @@ const RequestCase kRequestCases[] = {
     {KX_GUEST_CALL(M::saveGuest, *KXGuest::currentGuest()), "true", "POST /guests/g1",
      KXJSON::parse(R"({"externalId":"g1","externalIdType":"QRID","languagePref":"",
                        "buCreativeLabel":"gold","buProperties":{"tier":2}})")},
-    {KX_GUEST_CALL(M::deleteGuest, "g1"), "true", "DELETE /guests/g1"},
     {KX_GUEST_CALL(M::addAPNSDeliveryProfileForGuestWithId, "g2"), "id:NEW-7",
      "POST /guests/g2/profiles", apnsAddress("aa")},
     {KX_GUEST_CALL(M::updateAPNSGuestWithId, "g2", "P-3"), "true", "POST /guests/g2/profiles/P-3",
      apnsAddress("aa")},
-    {KX_GUEST_CALL(M::subscribeToList, "L1", KXChannelTypeAPNS), "true",
-     "PUT /guests/g1/profiles/AP-1/memberships/L1?createList=true", kMembership},
     {KX_GUEST_CALL(M::unsubscribeToList, "L2", KXChannelTypeSMS), "true",
      "DELETE /guests/g1/profiles/SM-1/memberships/L2"},
     {KX_GUEST_CALL(M::disableDeliveryProfileForChannel, KXChannelTypeAPNS), "true",
      "POST /guests/g1/profiles/AP-1/disable"},
     {KX_GUEST_CALL(M::enableDeliveryProfileForChannel, KXChannelTypeInbox), "true",
      "POST /guests/g1/profiles/IN-1/enable"},
-    {KX_GUEST_CALL(M::addInboxDeliveryProfileForGuestWithId, "g2", "Dom2"), "id:NEW-7",
-     "POST /guests/g2/profiles",
-     KXJSON::parse(
-         R"({"address":{"channel":"INBOX","attributes":{"guestId":"g2","inboxDomainId":"Dom2"}}})")},
-    {KX_GUEST_CALL(M::addEmailDeliveryProfileForGuestWithId, "g2", "a@b.c"), "id:NEW-7",
-     "POST /guests/g2/profiles",
-     KXJSON::parse(R"({"address":{"channel":"EMAIL","attributes":{"emailAddress":"a@b.c"}}})")},
     {KX_GUEST_CALL(M::addSMSDeliveryProfileForGuestWithId, "g2", "555"), "id:NEW-7",
      "POST /guests/g2/profiles", kSMSAddress},
     // Transport failures are logged and passed on unchanged; a created answer without
@@ -123,9 +111,6 @@ const RefusalCase kRefusalCases[] = {
      "unsubscribeToList listId:L1, deliveryProfileId:(null) error: Invalid Delivery Profile Id"},
     {KX_GUEST_CALL(M::APNSDeliveryProfileEnable, true),
      "APNSDeliveryProfileEnable error: invalid guest", forgetGuestId},
-    {KX_GUEST_CALL(M::APNSDeliveryProfileEnable, true),
-     "APNSDeliveryProfileEnable error: invalid guest delivery profile",
-     [] { KXDevice::currentDevice().deleteDeviceToken(); }},
     {KX_GUEST_CALL(M::APNSDeliveryProfileEnable, true),
      "APNSDeliveryProfileEnable error: invalid guest delivery profile",
      [] {
