@@ -1,5 +1,3 @@
-// The application object: delegate slot, life-cycle state machine, delegate
-// dispatch by respondsTo(), remote-notification hand-over and background tasks.
 #include "KXTestPlatform.h"
 
 #include <KXClientFramework/KXApplication.h>
@@ -21,8 +19,6 @@ using Event = KXApplicationEvent;
 
 namespace {
 
-// Records every callback it receives; answers respondsTo() for the callbacks it
-// is told to.
 class RecordingDelegate : public KXApplicationDelegate {
 public:
     explicit RecordingDelegate(std::vector<std::string>& log, std::set<Callback> implemented = {})
@@ -153,11 +149,9 @@ TEST_F(KXApplicationTest, DelegateIsCalledOnlyForCallbacksItRespondsTo) {
     application.deliverRegistrationError(KXError("domain", 3000));
     EXPECT_EQ(log, (std::vector<std::string>{"token 3", "error 3000"}));
 
-    // The default delegate implements only Description.
     KXApplicationDelegate plain;
     EXPECT_TRUE(plain.respondsTo(Callback::Description));
     EXPECT_FALSE(plain.respondsTo(Callback::DidFinishLaunching));
-    EXPECT_TRUE(plain.didFinishLaunching(application, nullptr));
     EXPECT_NE(RecordingDelegate(log).description().find("RecordingDelegate: 0x"),
               std::string::npos);
 }
@@ -198,25 +192,11 @@ TEST_F(KXApplicationTest, RemoteNotificationsAndActionsReachTheRightVariant) {
     EXPECT_TRUE(actionDone);
 }
 
-TEST_F(KXApplicationTest, RegistrationFlagsHooksAndAsynchronousSettingsAnswer) {
+TEST_F(KXApplicationTest, TheSettingsRegistrationIsAnsweredFromTheMainQueue) {
     delegateImplementing({Callback::DidRegisterUserNotificationSettings});
-    EXPECT_FALSE(application.isRegisteredForRemoteNotifications());
-    application.registerForRemoteNotifications();
-    EXPECT_TRUE(application.isRegisteredForRemoteNotifications());
-    EXPECT_EQ(application.registerForRemoteNotificationsCount(), 1);
-
-    application.setApplicationIconBadgeNumber(7);
-    application.setNetworkActivityIndicatorVisible(true);
-    EXPECT_EQ(application.badgeNumbers(), std::vector<std::int64_t>{7});
-    EXPECT_EQ(application.networkActivityIndicatorChanges(), std::vector<bool>{true});
-
-    const KXUserNotificationSettings settings{
-        KXUserNotificationTypeAlert | KXUserNotificationTypeBadge,
-        {{"INVITE", {{"ACCEPT", "Accept", 1, false, false}}}}};
-    application.registerUserNotificationSettings(settings);
-    ASSERT_TRUE(application.currentUserNotificationSettings().has_value());
-    EXPECT_EQ(application.currentUserNotificationSettings()->categories.at(0).identifier, "INVITE");
-    EXPECT_TRUE(log.empty()) << "the answer comes later, from the main queue";
+    application.registerUserNotificationSettings(
+        {KXUserNotificationTypeAlert | KXUserNotificationTypeBadge, {}});
+    EXPECT_TRUE(log.empty());
     queue.poll();
     EXPECT_EQ(log, std::vector<std::string>{"settings 5"});
 }
@@ -286,8 +266,6 @@ TEST_F(KXApplicationTest, WithLockKeepsReadersOutUntilTheSwapIsComplete) {
 
 TEST_F(KXApplicationTest, ADelegateMayReplaceItselfWhileBeingCalled) {
     auto delegate = std::make_shared<RecordingDelegate>(log, kLifeCycle);
-    // Drops the application's reference; the delegate lives on as the caller
-    // holds it.
     delegate->onActive = [](KXApplication& app) { app.setDelegate(nullptr); };
     application.setDelegate(delegate);
     delegate.reset();
@@ -311,25 +289,6 @@ TEST(KXApplication, WorkQueuedForADestroyedApplicationIsSkipped) {
     queue.postAfter(50ms, [&] { marker = true; });
     ASSERT_TRUE(queue.runUntil([&] { return marker; }, 10s));
     EXPECT_TRUE(log.empty());
-}
-
-TEST(KXNotificationCenter, CallsMatchingObserversInTheOrderAddedWithTheUserInfo) {
-    KXNotificationCenter center;
-    std::vector<std::string> calls;
-    center.addObserver(Event::DidBecomeActive, [&](const KXNotification& n) {
-        calls.push_back("first " + n.userInfo.dump());
-    });
-    center.addObserver(Event::DidEnterBackground,
-                       [&](const KXNotification&) { calls.push_back("background"); });
-    center.addObserver(Event::DidBecomeActive, [&](const KXNotification& n) {
-        EXPECT_EQ(n.name, Event::DidBecomeActive);
-        calls.push_back("second");
-    });
-
-    center.post(Event::DidBecomeActive, KXJSON{{"k", 1}});
-    EXPECT_EQ(calls, (std::vector<std::string>{R"(first {"k":1})", "second"}));
-    center.post(Event::WillTerminate);
-    EXPECT_EQ(calls.size(), 2u) << "no observer of that event";
 }
 
 TEST(KXNotificationCenter, ObserversMayRemoveAndAddObserversWhileBeingCalled) {

@@ -1,4 +1,3 @@
-// Device facts of a Linux machine, read from fixture files and a made-up environment.
 #include <KXClientFramework/KXLinuxPlatform.h>
 
 #include "KXPlatformTestSupport.h"
@@ -42,8 +41,7 @@ TEST_F(KXLinuxDeviceFactsTest, ReadsOsReleaseAndDMIOfAPC) {
                               "# comment\n"
                               "PRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\n"
                               "NAME=\"Debian GNU/Linux\"\n"
-                              "VERSION_ID=\"12\"\n"
-                              "ID=debian\n");
+                              "VERSION_ID=\"12\"\n");
     kxplatformtest::writeFile(sources.dmiProductName, "ThinkPad X1 Carbon Gen 9\n");
     kxplatformtest::writeFile(sources.dmiSysVendor, "LENOVO\n");
     kxplatformtest::writeFile(sources.deviceTreeModel,
@@ -55,7 +53,6 @@ TEST_F(KXLinuxDeviceFactsTest, ReadsOsReleaseAndDMIOfAPC) {
     EXPECT_EQ(facts.model, "ThinkPad X1 Carbon Gen 9") << "DMI comes before the device tree";
     EXPECT_EQ(facts.manufacturer, "LENOVO");
     EXPECT_FALSE(facts.carrierName.has_value());
-    EXPECT_GT(facts.coreFoundationVersionNumber, 847.2);
 }
 
 TEST_F(KXLinuxDeviceFactsTest, EmbeddedBoardsAndMissingFilesFallBack) {

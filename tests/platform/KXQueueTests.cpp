@@ -1,5 +1,3 @@
-// The main queue (asio io_context on the initial thread) and the background queue (thread pool
-// with serial queues).
 #include <KXClientFramework/KXAsioMainQueue.h>
 #include <KXClientFramework/KXBackgroundQueue.h>
 

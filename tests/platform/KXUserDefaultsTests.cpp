@@ -1,5 +1,3 @@
-// File-backed user defaults: typed reads, persistence across processes, atomic replacement
-// under SIGKILL, and damaged files.
 #include <KXClientFramework/KXFileUserDefaults.h>
 #include <KXClientFramework/KXPropertyList.h>
 
@@ -40,9 +38,7 @@ TEST(KXFileUserDefaults, TypedReadsConvertNumbersButNeverStrings) {
     constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
     const std::vector<Row> rows = {
         {"string", "42", "42", 0, false},  // strings are not converted
-        {"yesString", "YES", "YES", 0, false},
         {"int", 42, std::nullopt, 42, true},
-        {"negative", -3, std::nullopt, -3, true},
         {"real", 2.9, std::nullopt, 2, true},
         {"negativeReal", -2.9, std::nullopt, -2, true},
         {"huge", 1e300, std::nullopt, kMax, true},
@@ -71,7 +67,6 @@ TEST(KXFileUserDefaults, TypedReadsConvertNumbersButNeverStrings) {
 
 TEST(KXFileUserDefaults, ChangesSurviveAProcessRestartOnlyAfterSynchronize) {
     const KXJSON token = KXJSON::binary({0xDE, 0xAD, 0xBE, 0xEF});
-    // A child process writes; this process reads what it left.
     ASSERT_TRUE(childSucceeded(startChild([&] {
         // Never destroyed: the child ends with _exit(), as a crash would, so nothing
         // flushes the last, unsynchronised change.
@@ -159,7 +154,6 @@ TEST(KXFileUserDefaults, AProcessKilledWhileSynchronisingLeavesTheOldOrTheNewFil
 
 TEST(KXFileUserDefaults, LeftoversOfInterruptedWritesAreRemovedByTheNextStore) {
     const fs::path file = defaultsFile();
-    // One left by a process that is gone, one by a process that is alive (this one).
     const pid_t gone = startChild([] { return true; });
     childSucceeded(gone);
     const fs::path stale = file.string() + ".tmp-" + std::to_string(gone) + "-0";
@@ -178,7 +172,6 @@ TEST(KXFileUserDefaults, ADamagedFileIsMovedAsideAndTheStoreStartsEmpty) {
         {"truncated", "<?xml version=\"1.0\"?><plist><dict><key>guestId</key><str"},
         {"not a dictionary", KXPropertyList::toXML(KXJSON::array({1, 2}))},
         {"empty", ""},
-        {"binary garbage", "bplist00 not really"},
     };
     for (const auto& [name, damaged] : damages) {
         SCOPED_TRACE(name);
