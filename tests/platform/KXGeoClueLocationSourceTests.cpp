@@ -113,7 +113,6 @@ private:
     std::unique_ptr<Child> daemon_;
 };
 
-/// A socket listening at `path`; -1 when it cannot be made.
 int listenAt(const fs::path& path) {
     const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
     sockaddr_un address{};
@@ -163,7 +162,6 @@ public:
         close(listener_);
     }
 
-    /// Whether GeoClue has connected (takes its connection when it is waiting).
     bool connected() {
         pollfd waiting{listener_, POLLIN, 0};
         if (connection_ < 0 && poll(&waiting, 1, 0) == 1) {
@@ -200,9 +198,8 @@ private:
     int sent_ = 0;
 };
 
-// The GeoClue agent of this test, on a GLib thread of its own: it lets every application have
-// the location up to `maximumLevel` (0 refuses all), as a desktop shell's agent would after
-// asking the user.
+// A GeoClue agent on a GLib thread of its own: it lets every application have the location up
+// to `maximumLevel` (0 refuses all), as a desktop shell's agent would after asking the user.
 class TestAgent {
 public:
     TestAgent(const std::string& busAddress, std::uint32_t maximumLevel)
@@ -235,13 +232,10 @@ public:
 private:
     // Refused until GeoClue has taken its name.
     bool addAgent() {
-        GVariant* reply = g_dbus_connection_call_sync(
+        g_autoptr(GVariant) reply = g_dbus_connection_call_sync(
             connection_, "org.freedesktop.GeoClue2", "/org/freedesktop/GeoClue2/Manager",
             "org.freedesktop.GeoClue2.Manager", "AddAgent", g_variant_new("(s)", "kxtest-agent"),
             nullptr, G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
-        if (reply != nullptr) {
-            g_variant_unref(reply);
-        }
         return reply != nullptr;
     }
 
@@ -293,10 +287,9 @@ private:
     std::thread thread_;
 };
 
-/// The real GeoClue daemon on a private bus, reading only the test's NMEA socket (the network
-/// source's service unreachable), with the test's agent, which allows up to `maximumLevel`.
-/// GeoClue reads its configuration from /etc/geoclue/geoclue.conf alone, so it runs in a mount
-/// namespace of its own where the test's configuration is mounted there.
+/// The real GeoClue daemon on a private bus, reading only the test's NMEA socket. It reads its
+/// configuration from /etc/geoclue/geoclue.conf alone, so it runs in a mount namespace of its
+/// own where the test's configuration is mounted there.
 class KXGeoClueDaemon : public testing::TestWithParam<std::uint32_t> {
 protected:
     std::unique_ptr<PrivateBus> bus;
@@ -339,13 +332,10 @@ protected:
     }
 };
 
-// Metres north of a latitude, in degrees.
 double north(double latitude, double metres) {
     return latitude + metres / 111'195.0;
 }
 
-// An agent that allows the exact location: fixes arrive on the main thread as the distance
-// filter allows, and stop with the updates. One that allows nothing: a denied error.
 TEST_P(KXGeoClueDaemon, FixesArriveAsTheAgentAndTheDistanceFilterAllow) {
     if (GetParam() == 0) {
         source->startUpdatingLocation();

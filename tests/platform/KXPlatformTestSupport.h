@@ -1,8 +1,5 @@
 #pragma once
 
-// Helpers of the platform tests: whole files, child processes, directory listings and a
-// location delegate that records what it is given.
-
 #include <KXClientFramework/KXAsioMainQueue.h>
 #include <KXClientFramework/KXLocationSource.h>
 
@@ -26,7 +23,6 @@ inline std::string readFile(const std::filesystem::path& path) {
     return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
-/// Writes `bytes` to `path`, making the missing directories first.
 inline void writeFile(const std::filesystem::path& path, const std::string& bytes) {
     std::filesystem::create_directories(path.parent_path());
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
@@ -38,7 +34,6 @@ inline mode_t modeOf(const std::filesystem::path& path) {
     return info.st_mode & 07777;
 }
 
-/// The entries of `directory` whose names start with `prefix`.
 inline std::vector<std::filesystem::path> entriesStartingWith(
     const std::filesystem::path& directory, const std::string& prefix) {
     std::vector<std::filesystem::path> found;
@@ -67,7 +62,6 @@ inline pid_t startChild(const std::function<bool()>& body) {
     return child;
 }
 
-/// Waits for a child of startChild(); true when its body returned true.
 inline bool childSucceeded(pid_t child) {
     int status = 0;
     return child > 0 && waitpid(child, &status, 0) == child && WIFEXITED(status) &&
