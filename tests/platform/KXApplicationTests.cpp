@@ -210,8 +210,7 @@ TEST_F(KXApplicationTest, BackgroundTasksExpireWhenTheTimeInTheBackgroundIsUp) {
     EXPECT_LT(b, c);
     EXPECT_EQ(application.backgroundTaskCount(), 3u);
     application.endBackgroundTask(b);
-    application.endBackgroundTask(b);  // ending twice, or an unknown task, does nothing
-    application.endBackgroundTask(KXBackgroundTaskInvalid);
+    application.endBackgroundTask(b);  // ending twice does nothing
     EXPECT_EQ(application.backgroundTaskCount(), 2u);
 
     // Returning to the foreground cancels the expiration: a marker due well after
@@ -292,8 +291,7 @@ TEST(KXApplication, WorkQueuedForADestroyedApplicationIsSkipped) {
 TEST(KXNotificationCenter, ObserversMayRemoveAndAddObserversWhileBeingCalled) {
     KXNotificationCenter center;
     std::vector<std::string> calls;
-    KXNotificationCenter::Token second = 0;
-    KXNotificationCenter::Token self = 0;
+    KXNotificationCenter::Token second = 0, self = 0;
 
     center.addObserver(Event::DidBecomeActive, [&](const KXNotification&) {
         calls.push_back("remover");

@@ -313,12 +313,12 @@ protected:
         const fs::path nmea = bus->directory / "nmea.sock";
         feed = std::make_unique<NMEAFeed>(nmea);
         const fs::path config = bus->directory / "geoclue.conf";
-        kxtest::writeText(config, fmt::format("[agent]\nwhitelist=kxtest-agent\n"
-                                              "[network-nmea]\nenable=true\nnmea-socket={}\n"
-                                              "[3g]\nenable=false\n[cdma]\nenable=false\n"
-                                              "[modem-gps]\nenable=false\n[compass]\nenable=false\n"
-                                              "[wifi]\nenable=false\nurl=http://127.0.0.1:9/\n",
-                                              nmea.string()));
+        kxtest::writeText(
+            config, fmt::format("[agent]\nwhitelist=kxtest-agent\n[network-nmea]\nenable=true\n"
+                                "nmea-socket={}\n[3g]\nenable=false\n[cdma]\nenable=false\n"
+                                "[modem-gps]\nenable=false\n[compass]\nenable=false\n[wifi]\n"
+                                "enable=false\nurl=http://127.0.0.1:9/\n",
+                                nmea.string()));
         geoclue = std::make_unique<Child>(std::vector<std::string>{
             "unshare", "-m", "sh", "-c",
             "mount --bind \"$0\" /etc/geoclue/geoclue.conf && exec /usr/libexec/geoclue -t 0",
