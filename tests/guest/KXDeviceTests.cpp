@@ -1,4 +1,3 @@
-// The device's push token (memory, store, history) and its device-data dictionary.
 #include "KXCapturingSink.h"
 #include "KXTestPlatform.h"
 

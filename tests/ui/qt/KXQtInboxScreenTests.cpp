@@ -1,5 +1,3 @@
-// The inbox screen's widget against the loopback service: taps, the editing flow, paging and
-// refresh; and the Qt alert presenter's answers, which the editing flow relies on.
 #include "KXQtServiceFixture.h"
 
 #include <KXClientFramework/KXInbox.h>
