@@ -1,5 +1,3 @@
-// The analytics engine against the loopback service: the retry rule, the session's states
-// through the application's life, pushes, the guest-change post and the session timer.
 #include "../transport/KXTransportFixture.h"
 
 #include <KXClientFramework/KXAnalytics.h>

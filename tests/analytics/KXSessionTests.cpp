@@ -1,6 +1,3 @@
-// The session record's two documents (which node adds what, when, and in which time form) and
-// the location service they take their fix from: accuracy and its fuzz, the fixes it keeps, and
-// what enabling it asks of the platform's source by system version.
 #include "KXCapturingSink.h"
 #include "KXTestPlatform.h"
 

@@ -1,4 +1,3 @@
-// Key derivation, the fallback PBKDF2, random bytes, the byte helpers and the cipher engine.
 #include "TZCryptoTestSupport.h"
 
 #include <KXClientFramework/TZCryptor.h>

@@ -1,4 +1,3 @@
-// The cryptors' two serial queues: ordering, foreign response queues, concurrency, lifetime.
 #include "TZCryptoTestSupport.h"
 
 #include <KXClientFramework/TZDecryptor.h>

@@ -1,5 +1,3 @@
-// The memory the cryptors copy input into and stage output in: reused while in demand, bounded,
-// and given back to the system once idle.
 #include "crypto/internal/TZPooledBuffer.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,3 @@
-// Every single-request guest operation against the loopback service (method, URL, body, what
-// success or failure receives), every refusal (error, log line, nothing sent) and the channels
-// that have no switch.
 #include "KXGuestServiceFixture.h"
 
 #include <KXClientFramework/KXConfig.h>

@@ -1,5 +1,3 @@
-// Fetching and registering the guest: the reconciliation of this device's push tokens with the
-// guest's push profiles, in each of its branches, and the registration bodies and completion.
 #include "KXGuestServiceFixture.h"
 
 #include <KXClientFramework/KXConfig.h>

@@ -1,5 +1,3 @@
-// The guest: what the parser takes from the service's answer, the lookups over its profiles,
-// its business-unit properties and logging out.
 #include "KXGuestServiceFixture.h"
 
 #include <KXClientFramework/KXConfig.h>

@@ -1,5 +1,3 @@
-// Message headers, pages, details, the domain summary and subscription lists read from the
-// service's JSON, including values of the wrong type.
 #include <KXClientFramework/KXConfig.h>
 #include <KXClientFramework/KXInbox.h>
 #include <KXClientFramework/KXInboxParser.h>

@@ -1,5 +1,3 @@
-// The inbox and subscription lists against the loopback service: URLs, paging, loaded messages,
-// the summary, deletes, marking read, list creation, failure log lines and the badge.
 #include "../transport/KXTransportFixture.h"
 
 #include <KXClientFramework/KXBadgeManager.h>

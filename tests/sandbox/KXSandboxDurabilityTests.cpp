@@ -1,5 +1,3 @@
-// The sandbox keeps what it answered: across kill -9 in the middle of a stream of writes, and
-// with several clients writing at once.
 #include "KXSandboxFixture.h"
 
 #include <atomic>

@@ -1,5 +1,3 @@
-// The operator commands on the database of a running sandbox, kxctl pointed at the sandbox as
-// docs/SANDBOX.md shows, and the failure injection an application developer switches on.
 #include "KXSandboxFixture.h"
 
 #include <regex>

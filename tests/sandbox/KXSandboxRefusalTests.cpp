@@ -1,6 +1,3 @@
-// What the sandbox refuses: unknown credentials at the token endpoint, REST calls without a
-// valid bearer token, and bad requests. Every refusal is a 4xx with a JSON body and changes
-// nothing.
 #include "KXSandboxFixture.h"
 
 #include <thread>

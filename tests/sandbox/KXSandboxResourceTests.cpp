@@ -1,5 +1,3 @@
-// Every resource of the sandbox, called through the library's transport against a real
-// kxsandbox process: what each answers, and that writes are visible to the next reads.
 #include "KXSandboxFixture.h"
 
 #include <chrono>

@@ -150,8 +150,10 @@ bool KXHTTP2Server::tryToStart(int port) {
             if (output.find("Address already in use") != std::string::npos) {
                 return false;
             }
-            throw std::runtime_error("nghttpd exited at start-up (status " +
-                                     std::to_string(status) + "): " + output);
+            const std::string how = WIFEXITED(status)
+                                        ? "exit status " + std::to_string(WEXITSTATUS(status))
+                                        : "signal " + std::to_string(WTERMSIG(status));
+            throw std::runtime_error("nghttpd exited at start-up (" + how + "): " + output);
         }
         if (output.find(listening) != std::string::npos) {
             port_ = port;

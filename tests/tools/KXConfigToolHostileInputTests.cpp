@@ -1,6 +1,3 @@
-// kxconfig against what can go wrong around it: outputs that are links, pipes or devices,
-// planted temporary files, interrupted runs, inputs it cannot seal unchanged, and settings the
-// library would not read as written.
 #include "KXToolTestFixture.h"
 
 #include <fcntl.h>

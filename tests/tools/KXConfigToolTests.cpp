@@ -1,5 +1,3 @@
-// kxconfig as a child process: what seal writes and open prints, the sealed formats its crypt
-// commands choose from their options (checked with the openssl tool), and how it refuses.
 #include "KXToolTestFixture.h"
 
 #include <KXClientFramework/KXPropertyList.h>

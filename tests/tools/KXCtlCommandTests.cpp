@@ -1,6 +1,3 @@
-// kxctl's commands run as child processes against the loopback service: the lines they print
-// (shapes scripts rely on), their exit status and the requests they send; and the automatic
-// guest kept across runs.
 #include "KXToolTestFixture.h"
 
 #include <algorithm>

@@ -1,5 +1,3 @@
-// kxctl lifecycle run as a child process against the loopback service: the session line after
-// each event and the analytics documents the events send.
 #include "KXToolTestFixture.h"
 
 using namespace kxtools;

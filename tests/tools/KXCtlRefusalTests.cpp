@@ -1,6 +1,3 @@
-// kxctl refusing what it cannot run, as a child process: usage mistakes end with 2 and a
-// reason before anything is sent, configuration mistakes with 1 and a reason, and answers that
-// would crash a naive printer or leave the library waiting with a status and a reason too.
 #include "KXToolTestFixture.h"
 
 using namespace kxtools;

@@ -1,6 +1,3 @@
-// kxctl's start-up and service commands run as a child process against the loopback service:
-// engage, token, call and device-token print their lines, exit with their status and keep
-// repeated calls on one connection.
 #include "KXTestDirectories.h"
 #include "KXToolTestFixture.h"
 

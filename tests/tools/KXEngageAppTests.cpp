@@ -1,6 +1,3 @@
-// The examples run as child processes against the loopback service: the engage example
-// launches, engages from its delegate, waits for the token and terminates cleanly; every example
-// answers --help and refuses what it cannot run with a reason.
 #include "KXToolTestFixture.h"
 
 using namespace kxtools;

@@ -1,5 +1,3 @@
-// The list subscription screen's widget against the loopback service: rows from the lists and
-// the guest's memberships, the requests its switches send, and what its dialogs do.
 #include "KXQtServiceFixture.h"
 
 #include <KXClientFramework/KXDevice.h>
