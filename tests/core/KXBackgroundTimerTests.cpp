@@ -13,13 +13,11 @@ namespace {
 
 // Waits (generously) until `condition` holds; the timeout only bounds a failing test.
 bool eventually(const std::function<bool()>& condition) {
-    for (const auto deadline = std::chrono::steady_clock::now() + 10s; !condition();
-         std::this_thread::sleep_for(1ms)) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (!condition() && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(1ms);
     }
-    return true;
+    return condition();
 }
 
 }  // namespace

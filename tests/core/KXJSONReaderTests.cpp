@@ -1,5 +1,3 @@
-// The bounded JSON reader that everything from outside goes through, and the printing that
-// never walks a value deeper than the limit.
 #include <KXClientFramework/KXError.h>
 #include <KXClientFramework/KXJSONReader.h>
 
@@ -34,7 +32,6 @@ TEST(KXJSONReader, RefusesWhatTheLimitsForbidAndSaysWhy) {
         {R"({"a":1,"a":2})", small, std::nullopt, ""},
         {R"({"a":1,"a":2})", unique, Kind::DuplicateKey, "duplicate key \"a\""},
         {R"({"a":{"b":1},"c":{"b":2}})", unique, std::nullopt, ""},
-        {"[1,2", small, Kind::Malformed, "parse error"},
         {"[] []", small, Kind::Malformed, "parse error"},
         {"\"\xff\"", small, Kind::Malformed, "UTF-8"},
         {nested(600'000), KXJSONLimits{}, Kind::TooDeep, "JSON nested deeper than 512 levels"},

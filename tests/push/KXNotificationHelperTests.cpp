@@ -1,6 +1,4 @@
-// Asking for notification permission: only a granted one registers for remote notifications.
-// (The older registration and the granted path are checked end to end where engaging chooses
-// them: KXEngagementRegistrationTest in tests/core.)
+// Engaging's choice between this and the older registration: KXEngagementRegistrationTest.
 #include "KXTestPlatform.h"
 
 #include <KXClientFramework/KXNotificationHelper.h>

@@ -1,6 +1,4 @@
-// The transport against a real HTTP/2 server over TLS (nghttpd with a throw-away certificate
-// for 127.0.0.1): the private certificate authority, the negotiated HTTP version, and requests
-// multiplexed on one connection.
+// A real HTTP/2 server over TLS: nghttpd with a throw-away certificate for 127.0.0.1.
 #include "KXHTTP2Server.h"
 #include "KXSelfSignedCertificate.h"
 #include "KXTransportFixture.h"

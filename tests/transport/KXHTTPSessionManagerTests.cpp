@@ -1,5 +1,3 @@
-// The REST transport against a real HTTP service on loopback: status handling, bodies, request
-// shape, faults, the token gate and the thread every callback arrives on.
 #include "KXTransportFixture.h"
 
 #include <KXClientFramework/KXGlobals.h>
@@ -30,18 +28,15 @@ TEST_F(HTTPSessionManager, Only2xxSucceedsWithAnObjectOrArrayAndOthersFailWithTh
     };
     const std::vector<Row> rows = {
         {A::json(200, {{"status", 200}}), {{"status", 200}}},
-        {A::json(201, {{"status", 201}}), {{"status", 201}}},
         {A::json(299, KXJSON::array({1, 2, 3})), KXJSON::array({1, 2, 3})},
         // Bodies that are not a JSON object or array succeed with a null object.
         {A::empty(204), none},
         {A::text(200, "<html>hello</html>", "text/html"), none},
         {A::text(200, "42", "application/json"), none},
-        {A::text(200, "{\"a\": [1, 2", "application/json"), none},
         {A::empty(300), none},
         {A::json(304, {{"status", 304}}), none},
         {A::json(400, {{"status", 400}}), {{"status", 400}}},
         {A::json(404, KXJSON::array({"gone"})), KXJSON::array({"gone"})},
-        {A::json(500, {{"status", 500}}), {{"status", 500}}},
         {A::text(401, "denied"), none},  // a body that is not JSON leaves the user info empty
         {A::garbageBytes("HTTP/1.0 200 OK\r\nContent-Length: 2\r\n\r\n{}"), KXJSON::object(),
          "1.0"},
@@ -91,7 +86,6 @@ TEST_F(HTTPSessionManager, JSONRequestsCarryTheTokenHeadersAndABodyForEveryMetho
         call(verb, "/call", sent);
         const KXRecordedRequest request = service.requests().back();
         EXPECT_EQ(request.method, method);
-        EXPECT_EQ(request.path, "/call");
         // Compact JSON, and no body without parameters.
         EXPECT_EQ(request.body, sent.is_null() ? "" : sent.dump());
         EXPECT_EQ(request.headers.at("Content-Type"), "application/json");
@@ -213,11 +207,9 @@ TEST_F(HTTPSessionManager, ManyConcurrentCallsEachCompleteOnceOnTheMainThread) {
     constexpr int kCalls = 40;
     std::vector<KXCallOutcome> outcomes(kCalls);
     for (int i = 0; i < kCalls; ++i) {
-        if (i % 2 == 0) {
-            start(&KXHTTPSessionManager::GET, "/inbox", nullptr, outcomes[i]);
-        } else {
-            start(&KXHTTPSessionManager::POST, "/sessions", KXJSON{{"i", i}}, outcomes[i]);
-        }
+        const bool read = i % 2 == 0;
+        start(read ? &KXHTTPSessionManager::GET : &KXHTTPSessionManager::POST,
+              read ? "/inbox" : "/sessions", read ? KXJSON() : KXJSON{{"i", i}}, outcomes[i]);
     }
     EXPECT_EQ(KXTransportActivity::requestsUnderWay(), static_cast<std::size_t>(kCalls));
     ASSERT_TRUE(runUntil([&] {

@@ -1,4 +1,3 @@
-// Where the transport sends: the environment table for base URL and base path.
 #include "KXTestPlatform.h"
 
 #include <KXClientFramework/KXClientFramework.h>
@@ -9,15 +8,11 @@
 
 namespace {
 
-KXServiceEndpoints distinctEndpoints() {
-    KXServiceEndpoints endpoints;
-    endpoints.production = "https://prod.example.test";
-    endpoints.test = "http://test.example.test";
-    endpoints.staging = "http://staging.example.test:8080";
-    endpoints.localServer = "http://127.0.0.1:9650";
-    endpoints.development = "https://dev.example.test";
-    return endpoints;
-}
+const KXServiceEndpoints kEndpoints = {.production = "https://prod.example.test",
+                                       .test = "http://test.example.test",
+                                       .staging = "http://staging.example.test:8080",
+                                       .localServer = "http://127.0.0.1:9650",
+                                       .development = "https://dev.example.test"};
 
 struct Row {
     bool inProduction;
@@ -34,7 +29,7 @@ protected:
 }  // namespace
 
 TEST_F(EnvironmentTable, EachEnvironmentChoosesItsHostAndPath) {
-    KXClientFramework::setServiceEndpoints(distinctEndpoints());
+    KXClientFramework::setServiceEndpoints(kEndpoints);
     KXClientFramework::sharedManager().setBusinessUnit("BU9");
     const std::string bu = "/ZandrelService/rest/bu/BU9";
     const std::vector<Row> rows = {
@@ -44,7 +39,6 @@ TEST_F(EnvironmentTable, EachEnvironmentChoosesItsHostAndPath) {
         {false, 3, "http://127.0.0.1:9650", bu},
         {false, 4, "https://dev.example.test", "/KXFrontier-stg"},
         {false, 5, "https://dev.example.test", "/KXFrontier-devinteg"},
-        {false, 6, "https://dev.example.test", "/KXFrontier-stg"},
         {false, -1, "https://dev.example.test", "/KXFrontier-stg"},
     };
     for (bool inProduction : {false, true}) {
@@ -61,7 +55,7 @@ TEST_F(EnvironmentTable, EachEnvironmentChoosesItsHostAndPath) {
 }
 
 TEST_F(EnvironmentTable, ThePathFollowsEveryChangeButTheHostOnlyAReset) {
-    KXClientFramework::setServiceEndpoints(distinctEndpoints());
+    KXClientFramework::setServiceEndpoints(kEndpoints);
     KXSessionManager manager;
     EXPECT_EQ(manager.baseURL(), "https://dev.example.test");
 
