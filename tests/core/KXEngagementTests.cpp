@@ -256,12 +256,7 @@ TEST_F(KXEngagementTest, EngagingOffTheMainThreadThrowsAndEngagesNothing) {
 }
 
 TEST_F(KXEngagementTest, BackgroundNotificationsNeedTheModeAndARecentEnoughPlatform) {
-    struct Case {
-        KXJSON modes;
-        double coreFoundation;
-        bool enabled;
-    };
-    const std::vector<Case> cases = {
+    const std::vector<std::tuple<KXJSON, double, bool>> cases = {
         {{"remote-notification"}, 847.2, true},
         {{"audio", "remote-notification"}, 1600.0, true},
         {{"fetch"}, 1600.0, false},
@@ -269,15 +264,15 @@ TEST_F(KXEngagementTest, BackgroundNotificationsNeedTheModeAndARecentEnoughPlatf
         {"remote-notification", 1600.0, false},  // not a list
         {{"remote-notification"}, 847.1, false},
     };
-    for (const Case& c : cases) {
+    for (const auto& [modes, coreFoundation, enabled] : cases) {
         // Nothing to authenticate.
         start({.writeConfiguration = false,
                .infoDictionary =
-                   c.modes.is_null() ? KXJSON::object() : KXJSON{{"UIBackgroundModes", c.modes}}});
-        platform->fakeDeviceFacts().coreFoundationVersionNumber = c.coreFoundation;
+                   modes.is_null() ? KXJSON::object() : KXJSON{{"UIBackgroundModes", modes}}});
+        platform->fakeDeviceFacts().coreFoundationVersionNumber = coreFoundation;
         manager().engageUsingKey(kKey);  // after the first, only the flag is computed
-        EXPECT_EQ(manager().backgroundNotificationEnabled(), c.enabled)
-            << c.modes.dump() << " " << c.coreFoundation;
+        EXPECT_EQ(manager().backgroundNotificationEnabled(), enabled)
+            << modes.dump() << " " << coreFoundation;
     }
 }
 

@@ -175,29 +175,25 @@ TEST_F(KXAppDelegateProxyTest, ACallbackBothImplementRunsOnTheLibraryFirstTheRes
 }
 
 TEST_F(KXAppDelegateProxyTest, FanOutMergesTheAnswersAndCompletesOnceAfterTheLast) {
-    struct Case {
-        Result library, app;
-        bool libraryFirst;
-        Result merged;
-    };
-    for (const Case& c : {Case{Result::NoData, Result::NewData, true, Result::NewData},
-                          Case{Result::Failed, Result::NoData, true, Result::Failed},
-                          Case{Result::NewData, Result::Failed, true, Result::NewData},
-                          Case{Result::Failed, Result::NewData, false, Result::NewData},
-                          Case{Result::NoData, Result::NoData, true, Result::NoData}}) {
+    // The first answer, the second, whether the library's delegate answers first, the merge.
+    const std::vector<std::tuple<Result, Result, bool, Result>> cases = {
+        {Result::NoData, Result::NewData, true, Result::NewData},
+        {Result::Failed, Result::NoData, true, Result::Failed},
+        {Result::NewData, Result::Failed, true, Result::NewData},
+        {Result::NewData, Result::Failed, false, Result::NewData},
+        {Result::NoData, Result::NoData, true, Result::NoData}};
+    for (const auto& [firstAnswer, secondAnswer, libraryFirst, merged] : cases) {
         log.clear();
         results.clear();
         install({kBackground});
         notify({{"n", 1}});
         ASSERT_EQ(log,
                   (Strings{R"(library remote+handler {"n":1})", R"(app remote+handler {"n":1})"}));
-        Handler& first = c.libraryFirst ? library->handlers[0] : app->handlers[0];
-        Handler& second = c.libraryFirst ? app->handlers[0] : library->handlers[0];
-        first(c.libraryFirst ? c.library : c.app);
+        (libraryFirst ? library : app)->handlers[0](firstAnswer);
         EXPECT_TRUE(results.empty());
-        second(c.libraryFirst ? c.app : c.library);
-        EXPECT_EQ(results, Results{c.merged})
-            << static_cast<int>(c.library) << " + " << static_cast<int>(c.app);
+        (libraryFirst ? app : library)->handlers[0](secondAnswer);
+        EXPECT_EQ(results, Results{merged})
+            << static_cast<int>(firstAnswer) << " then " << static_cast<int>(secondAnswer);
     }
 }
 

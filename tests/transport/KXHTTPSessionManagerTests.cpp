@@ -118,11 +118,8 @@ TEST_F(HTTPSessionManager, FormRequestsAreUnencodedAndCarryNoTokenAndNoJSONAccep
 }
 
 TEST_F(HTTPSessionManager, AbsoluteURLsFollowEachBaseURLAndResolveDotSegments) {
-    struct Case {
-        std::string base, path, expected;
-    };
-    // Bases alternate so that a remembered base is never reused for the wrong one.
-    const std::vector<Case> cases = {
+    // The base, the path and the URL; bases alternate so that a remembered base is never reused.
+    const std::vector<std::array<std::string, 3>> cases = {
         {"http://127.0.0.1:9650", "/a/b?x=1#f", "http://127.0.0.1:9650/a/b?x=1#f"},
         {"http://h.invalid/base/path?q=1", "/a", "http://h.invalid/a"},
         {"http://127.0.0.1:9650", "/c", "http://127.0.0.1:9650/c"},
@@ -138,9 +135,9 @@ TEST_F(HTTPSessionManager, AbsoluteURLsFollowEachBaseURLAndResolveDotSegments) {
         {"http://127.0.0.1:9650", "/c d", "http://127.0.0.1:9650/c%20d"},
         {"http://127.0.0.1:9650", "/t?tag=a%26b%2x%", "http://127.0.0.1:9650/t?tag=a%26b%252x%25"},
     };
-    for (const Case& c : cases) {
-        transport().setBaseURL(c.base);
-        EXPECT_EQ(transport().absoluteURLForPath(c.path), c.expected) << c.base << " + " << c.path;
+    for (const auto& [base, path, expected] : cases) {
+        transport().setBaseURL(base);
+        EXPECT_EQ(transport().absoluteURLForPath(path), expected) << base << " + " << path;
     }
     // The request goes where the path resolves to.
     service.script("GET", "/guests/a b", KXScriptedAnswer::json(200, KXJSON::object()));
