@@ -453,7 +453,6 @@ TEST_F(KXEngagementTest, AnEngagementOfItsOwnWorksWithTheCollaboratorsItIsGiven)
         EXPECT_EQ(manager().sharedZandrel(), nullptr);  // the façade's engagement is untouched
         EXPECT_EQ(dispatchersMade, 1);
         EXPECT_EQ(installedProxy(), engagement.engaged()->appDelegate());
-        EXPECT_EQ(configuration.stageClientId(), "stage-id");
         EXPECT_EQ(KXConfig::defaultConfig().stageClientId(), std::nullopt);
         EXPECT_EQ(caller.clientId(), "stage-id");
         EXPECT_EQ(manager().clientId(), std::nullopt);

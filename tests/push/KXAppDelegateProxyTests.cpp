@@ -116,7 +116,6 @@ TEST_F(KXAppDelegateProxyTest, ClaimsWhatEitherDelegateImplementsAndNeedsTheAppl
     EXPECT_FALSE(proxy->respondsTo(Callback::WillResignActive));           // nobody's
     EXPECT_TRUE(proxy->respondsTo(Callback::HandleActionWithIdentifier));  // the library's
     EXPECT_TRUE(proxy->respondsTo(Callback::Description));                 // the application's
-    EXPECT_TRUE(proxy->zandrelDelegateRespondsToSelector(Callback::HandleActionWithIdentifier));
     EXPECT_FALSE(proxy->zandrelDelegateRespondsToSelector(Callback::Description));
     // The background variant needs the background mode, although the library's delegate has it.
     EXPECT_FALSE(proxy->respondsTo(kBackground));

@@ -172,12 +172,9 @@ TEST_F(HTTPSessionManager, TransportFailuresGiveAURLErrorWithoutResponse) {
         "GET", "/unsized",
         KXScriptedAnswer::garbageBytes("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n" +
                                        KXJSON{{"blob", std::string(8192, 'y')}}.dump()));
-    int freePort = 0;  // nothing listens on a port that was just released
-    {
-        KXLoopbackService gone;
-        freePort = gone.port();
-    }
-    const std::string refused = "http://127.0.0.1:" + std::to_string(freePort) + "/x";
+    // Nothing listens on the port of a service that is gone.
+    const std::string refused =
+        "http://127.0.0.1:" + std::to_string(KXLoopbackService().port()) + "/x";
     const std::vector<std::pair<std::string, std::int64_t>> rows = {
         {"/garbage", CURLE_UNSUPPORTED_PROTOCOL},
         {"/unsized", CURLE_FILESIZE_EXCEEDED},

@@ -84,7 +84,6 @@ TEST_F(OAuth2Client, TheTokenLifetimeSetsTheRenewalTick) {
         EXPECT_GT(client.expireInMinutes(), 50'000'000) << response;
         auto token = transport().bearerToken();
         ASSERT_TRUE(token);
-        EXPECT_EQ(token->token(), "forever");
         clock.advance(std::chrono::hours(24 * 365 * 100));
         EXPECT_FALSE(token->isExpired()) << response;
     }
