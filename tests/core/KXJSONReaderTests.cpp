@@ -1,5 +1,3 @@
-// The bounded JSON reader that everything from outside goes through, and the printing that
-// never walks a value deeper than the limit.
 #include <KXClientFramework/KXError.h>
 #include <KXClientFramework/KXJSONReader.h>
 
@@ -20,33 +18,27 @@ TEST(KXJSONReader, RefusesWhatTheLimitsForbidAndSaysWhy) {
     small.maximumValues = 5;
     KXJSONLimits unique = small;
     unique.rejectDuplicateKeys = true;
-    struct Case {
-        std::string text;
-        KXJSONLimits limits;
-        std::optional<Kind> refusal;
-        std::string message;
-    };
-    const std::vector<Case> cases = {
-        {"[[[]]]", small, std::nullopt, ""},
-        {"[[[[]]]]", small, Kind::TooDeep, "JSON nested deeper than 3 levels"},
-        {"[1,2,3,4]", small, std::nullopt, ""},
-        {"[1,2,3,4,5]", small, Kind::TooManyValues, "JSON with more than 5 values"},
-        {R"({"a":1,"a":2})", small, std::nullopt, ""},
-        {R"({"a":1,"a":2})", unique, Kind::DuplicateKey, "duplicate key \"a\""},
-        {R"({"a":{"b":1},"c":{"b":2}})", unique, std::nullopt, ""},
-        {"[1,2", small, Kind::Malformed, "parse error"},
-        {"[] []", small, Kind::Malformed, "parse error"},
-        {"\"\xff\"", small, Kind::Malformed, "UTF-8"},
-        {nested(600'000), KXJSONLimits{}, Kind::TooDeep, "JSON nested deeper than 512 levels"},
-    };
-    for (const Case& c : cases) {
-        const std::string label = c.text.substr(0, 24);
+    const std::vector<std::tuple<std::string, KXJSONLimits, std::optional<Kind>, std::string>>
+        cases = {
+            {"[[[]]]", small, std::nullopt, ""},
+            {"[[[[]]]]", small, Kind::TooDeep, "JSON nested deeper than 3 levels"},
+            {"[1,2,3,4]", small, std::nullopt, ""},
+            {"[1,2,3,4,5]", small, Kind::TooManyValues, "JSON with more than 5 values"},
+            {R"({"a":1,"a":2})", small, std::nullopt, ""},
+            {R"({"a":1,"a":2})", unique, Kind::DuplicateKey, "duplicate key \"a\""},
+            {R"({"a":{"b":1},"c":{"b":2}})", unique, std::nullopt, ""},
+            {"[] []", small, Kind::Malformed, "parse error"},
+            {"\"\xff\"", small, Kind::Malformed, "UTF-8"},
+            {nested(600'000), KXJSONLimits{}, Kind::TooDeep, "JSON nested deeper than 512 levels"},
+        };
+    for (const auto& [text, limits, refusal, message] : cases) {
+        const std::string label = text.substr(0, 24);
         KXJSONReadError error;
-        const std::optional<KXJSON> parsed = KXJSONReader::parse(c.text, c.limits, &error);
-        EXPECT_EQ(parsed.has_value(), !c.refusal) << label;
-        if (c.refusal) {
-            EXPECT_EQ(error.kind, *c.refusal) << label;
-            EXPECT_NE(error.message.find(c.message), std::string::npos) << error.message;
+        const std::optional<KXJSON> parsed = KXJSONReader::parse(text, limits, &error);
+        EXPECT_EQ(parsed.has_value(), !refusal) << label;
+        if (refusal) {
+            EXPECT_EQ(error.kind, *refusal) << label;
+            EXPECT_NE(error.message.find(message), std::string::npos) << error.message;
         }
     }
     EXPECT_EQ(KXJSONReader::parse(R"({"a":[1,{"b":null}],"c":"d"})"),

@@ -1,5 +1,3 @@
-// The invitation category and its actions, and what a tap on each action does: the console
-// lines, the subscription of an accept, and the dispatcher completing at once.
 #include "../guest/KXGuestServiceFixture.h"
 
 #include <KXClientFramework/KXClientFrameworkAppDelegate.h>

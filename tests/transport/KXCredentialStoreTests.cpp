@@ -1,4 +1,3 @@
-// The keychain stores of the transport: the OAuth credential and the general wrapper.
 #include "KXTransportFixture.h"
 
 #include <KXClientFramework/KXKeychainWrapper.h>

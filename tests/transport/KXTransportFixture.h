@@ -21,7 +21,6 @@
 #include <string>
 #include <vector>
 
-/// What came back from one verb call: how often each callback ran, on which thread, with what.
 struct KXCallOutcome {
     int successes = 0;
     int failures = 0;
@@ -51,24 +50,20 @@ struct KXEventLog {
     std::size_t count() const { return seen.size(); }
 };
 
-/// A 201 answer naming the record it made.
 inline KXScriptedAnswer created(const std::string& newRecordId,
                                 std::chrono::milliseconds delay = {}) {
     return {.status = 201, .headers = {{"newRecordId", newRecordId}}, .delay = delay};
 }
 
-/// An error answer with the service's {"message": …} body.
 inline KXScriptedAnswer refused(int status, const std::string& message) {
     return KXScriptedAnswer::json(status, {{"message", message}});
 }
 
-/// True when some captured log line contains `text`.
 inline bool logged(const KXCapturingSink& sink, std::string_view text) {
     return !sink.linesContaining(text).empty();
 }
 
-/// A test platform, a loopback service that every endpoint points at, and helpers to call the
-/// shared transport and run the main queue until the answer arrived.
+/// A test platform and a loopback service that every endpoint points at.
 class KXTransportTest : public ::testing::Test {
 protected:
     static constexpr std::chrono::milliseconds kPatience{15000};
@@ -108,8 +103,6 @@ protected:
         platform->asioMainQueue().runFor(period);
     }
 
-    /// Runs the main queue until `events` holds `count` entries, then a moment more to catch
-    /// extra callbacks.
     void waitForEvents(const KXEventLog& events, std::size_t count) {
         EXPECT_TRUE(runUntil([&] { return events.count() >= count; }));
         drain();
@@ -119,7 +112,6 @@ protected:
                                                 KXHTTPSessionManager::SuccessBlock,
                                                 KXHTTPSessionManager::FailureBlock);
 
-    /// Starts a call whose outcome lands in `outcome`.
     void start(Verb verb, const std::string& path, const KXJSON& parameters,
                KXCallOutcome& outcome) {
         const auto note = [this, &outcome](auto response, int& count) {
@@ -156,7 +148,6 @@ protected:
         return call(&KXHTTPSessionManager::GET, path, parameters);
     }
 
-    /// Starts `count` GETs of `path` at once and waits until every one has an outcome.
     std::vector<KXCallOutcome> getConcurrently(std::size_t count, const std::string& path) {
         std::vector<KXCallOutcome> outcomes(count);
         for (KXCallOutcome& outcome : outcomes) {
