@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <tuple>
 
 using Callback = KXApplicationDelegateCallback;
 using Bytes = std::vector<std::uint8_t>;

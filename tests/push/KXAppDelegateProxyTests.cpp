@@ -13,6 +13,7 @@
 #include <atomic>
 #include <set>
 #include <thread>
+#include <tuple>
 
 using Callback = KXApplicationDelegateCallback;
 using Result = KXBackgroundFetchResult;

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 TEST(KXNotificationHelper, OnlyAGrantedAuthorisationRegistersForRemoteNotifications) {
     using Case = std::tuple<const char*, bool, std::optional<KXError>>;
     for (const auto& [name, granted, error] :

@@ -9,6 +9,7 @@
 #include <curl/curl.h>
 
 #include <numeric>
+#include <tuple>
 
 namespace {
 

@@ -7,6 +7,9 @@
 
 #include <curl/curl.h>
 
+#include <array>
+#include <tuple>
+
 using namespace std::chrono_literals;
 
 namespace {

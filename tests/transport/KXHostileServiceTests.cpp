@@ -5,6 +5,8 @@
 
 #include <curl/curl.h>
 
+#include <tuple>
+
 using namespace std::chrono_literals;
 
 namespace {

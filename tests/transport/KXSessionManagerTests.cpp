@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace {
 
 const KXServiceEndpoints kEndpoints = {.production = "https://prod.example.test",
