@@ -110,6 +110,9 @@ TEST_F(SessionDocuments, TheLocationServicesFixWinsOverTheOneCapturedAtTheStart)
     }
     KXLocationService::sharedManager().setLocation(live);
     EXPECT_EQ(session.endSessionData()["geoLocation"]["time"], kStartMinute + "000");
+    KXJSON absent;  // only an object takes the node, even with a fix to add
+    EXPECT_FALSE(session.setLocationNode(absent));
+    EXPECT_TRUE(absent.is_null());
 }
 
 TEST_F(SessionDocuments, ResetKeepsUnsentBroadcastsWhichKeepTheirOrderWithoutThoseWithoutAnId) {
