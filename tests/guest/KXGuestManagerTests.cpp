@@ -79,8 +79,6 @@ const RequestCase kRequestCases[] = {
 const auto forgetGuestId = [] { KXGuest::currentGuest()->setExternalId(std::nullopt); };
 
 const RefusalCase kRefusalCases[] = {
-    {KX_GUEST_CALL(M::subscribeToList, "two words", KXChannelTypeAPNS),
-     "subscribeToList listId:two words, channel:1 error: Invalid List Id, please remove spaces"},
     {KX_GUEST_CALL(M::subscribeToList, "L1", KXChannelTypeAPNS),
      "subscribeToList listId:L1, channel:1 error: invalid guest", forgetGuestId},
     {KX_GUEST_CALL(M::subscribeToList, "L1", KXChannelTypeAPNS),
@@ -101,9 +99,6 @@ const RefusalCase kRefusalCases[] = {
      "subscribeToList listId:(null), deliveryProfileId:P1 error: Invalid List Id"},
     {KX_GUEST_CALL(M::subscribeToList, "L1", std::string()),
      "subscribeToList listId:L1, deliveryProfileId: error: Invalid Delivery Profile Id"},
-    {KX_GUEST_CALL(M::unsubscribeToList, "L 1", "P1"),
-     "unsubscribeToList listId:L 1, deliveryProfileId:P1 error: Invalid List Id, please remove "
-     "spaces"},
     {KX_GUEST_CALL(M::unsubscribeToList, "L1", std::nullopt),
      "unsubscribeToList listId:L1, deliveryProfileId:(null) error: Invalid Delivery Profile Id"},
     {KX_GUEST_CALL(M::APNSDeliveryProfileEnable, true),

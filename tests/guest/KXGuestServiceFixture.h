@@ -26,7 +26,6 @@ inline KXJSON optionalJSON(const std::optional<std::string>& value) {
     return value ? KXJSON(*value) : KXJSON();
 }
 
-/// How a failure is logged: "failure:" and the error's description.
 inline std::string failed(const KXError& error) {
     return "failure:" + error.description();
 }
@@ -113,7 +112,6 @@ inline KXJSON guestJSON(const std::string& id, KXJSON profiles = KXJSON::array()
     return {{"externalId", id}, {"deliveryProfiles", std::move(profiles)}};
 }
 
-/// The application id the push address carries in these tests.
 inline constexpr const char* kTestApplicationId = "com.example.frontdesk";
 
 /// The push address this device sends for `token`.
@@ -124,7 +122,6 @@ inline KXJSON apnsAddress(const std::string& token) {
           {"attributes", {{"applicationToken", token}, {"applicationId", kTestApplicationId}}}}}};
 }
 
-/// Makes `guest` the current guest, as a fetch would have.
 inline void haveGuest(const KXJSON& guest) {
     KXGuest::currentGuest()->guestWithDictionary(guest);
 }
@@ -136,7 +133,6 @@ inline void haveTokens(const std::vector<std::string>& tokens) {
     }
 }
 
-/// An empty 201 answer naming the new record `id` under `header`.
 inline KXScriptedAnswer createdAs(const std::string& id,
                                   const std::string& header = "newRecordId") {
     KXScriptedAnswer answer = KXScriptedAnswer::empty(201);

@@ -25,7 +25,6 @@ protected:
     std::shared_ptr<KXGuest> guest = KXGuest::currentGuest();
 };
 
-// A lookup on the guest `g`.
 #define KX_LOOKUP(call) [](const KXGuest& g) { return g.call; }
 
 TEST_F(KXGuestLookupTest, FindsTheProfileOfAnIdInboxTokenDeviceOrChannelAndRefusesOtherChannels) {
@@ -107,7 +106,6 @@ TEST(KXGuestData, BusinessUnitPropertiesMergeAndRemoveAndAreSentOnceSet) {
     EXPECT_EQ(guest.guestData(), KXJSON::parse(R"({"buProperties":{"b":[3]}})"));
 }
 
-// Logging out posts the session, and only a post that succeeds clears the guest.
 TEST(KXGuestData, LogoutClearsIdProfilesAndTagsOnlyOnceTheSessionIsPosted) {
     auto platform = KXTestPlatform::install();
     for (const bool postSucceeds : {true, false}) {
