@@ -1,8 +1,5 @@
 #pragma once
 
-// Helpers of the sealed-data tests: byte strings, the `openssl` command-line tool as an
-// independent implementation, and raw OpenSSL primitives to compute expected values with.
-
 #include <KXClientFramework/KXError.h>
 #include <KXClientFramework/TZCryptor.h>
 

@@ -1,9 +1,5 @@
 #pragma once
 
-// A kxsandbox process with a sealed test configuration registered, and the library pointed at
-// it as an application does: environment 3 (the local server) with business unit "BU1", the
-// staging token endpoint on the sandbox, the staging credentials authenticated.
-
 #include "KXProcess.h"
 #include "KXSandboxProcess.h"
 #include "KXSealedFiles.h"
@@ -137,13 +133,11 @@ protected:
         return answer.newRecordId;
     }
 
-    /// The bearer token the library holds.
     std::string bearerToken() const {
         const auto token = KXHTTPSessionManager::sharedManager().bearerToken();
         return token && token->token() ? *token->token() : std::string();
     }
 
-    /// The kxsandbox tool on the sandbox's database.
     kxtest::ProcessResult kxsandbox(std::vector<std::string> arguments) const {
         arguments.insert(arguments.begin(), {"--db", database.string()});
         return kxtest::runProcess(kxtest::builtProgram("tools/kxsandbox/kxsandbox"), arguments);

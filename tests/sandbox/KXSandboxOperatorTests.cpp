@@ -104,11 +104,9 @@ TEST_F(SandboxOperator, KxctlRegistersFetchesAndPagesThroughTheBusinessUnitsBase
     };
     EXPECT_FALSE(kxctl({"token"})["token"].get<std::string>().empty());
     const KXJSON created = kxctl({"call", "POST", "/guests", "--data", R"({"externalId": "ada"})"});
-    EXPECT_EQ(created["status"], 201);
     EXPECT_EQ(created["headers"]["newRecordId"], "ada");
     const KXJSON page =
         kxctl({"call", "GET", "/guests/ada/inboxes/inbox-1/messages?offset=0&limit=5"});
-    EXPECT_EQ(page["status"], 200);
     EXPECT_EQ(page["body"]["records"].size(), 5u);
     EXPECT_EQ(page["body"]["hasMoreRecords"], true);
     EXPECT_EQ(json({"guests", "--tenant", "BU7"}).at(0)["externalId"], "ada");

@@ -29,7 +29,6 @@ void KXSandboxProcess::start() {
                                         "serve",          "--port", "0"};
     storage.insert(storage.end(), arguments_.begin(), arguments_.end());
     std::vector<char*> argv;
-    argv.reserve(storage.size() + 1);
     for (std::string& argument : storage) {
         argv.push_back(argument.data());
     }

@@ -14,18 +14,15 @@ class KXSandboxProcess {
 public:
     /// Starts `kxsandbox --db <database> serve --port 0 <arguments>` and waits until it listens.
     KXSandboxProcess(std::filesystem::path database, std::vector<std::string> arguments);
-    /// Stops the service with SIGTERM if it still runs.
     ~KXSandboxProcess() { terminate(); }
     KXSandboxProcess(const KXSandboxProcess&) = delete;
     KXSandboxProcess& operator=(const KXSandboxProcess&) = delete;
 
     int port() const { return port_; }
-    /// "http://127.0.0.1:<port>".
     std::string baseURL() const { return "http://127.0.0.1:" + std::to_string(port_); }
 
     /// Stops with SIGTERM and waits; the exit status (-1 when it did not exit normally).
     int terminate() { return stop(SIGTERM); }
-    /// Kills with SIGKILL at once and waits.
     void kill() { stop(SIGKILL); }
     /// Starts again on the same database and arguments (a new port).
     void restart() {

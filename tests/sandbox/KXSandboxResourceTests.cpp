@@ -178,7 +178,6 @@ TEST_F(SandboxResources, MessagesOpenAsDetailsAndTheirFlagsAndDeletionShowInTheS
         EXPECT_EQ(summary["totalMessageCount"], c.total);
     }
 
-    // The notices domain refuses deletion by the guest.
     const std::string notices = "/guests/" + guest + "/inboxes/notices";
     EXPECT_EQ(get(notices).object["deleteByGuestForbidden"], true);
     const std::string id = get(notices + "/messages?offset=0&limit=1").object["records"][0]["id"];

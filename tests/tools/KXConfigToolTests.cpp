@@ -44,10 +44,6 @@ const std::vector<Refusal> kRefusals = {
     R("OpenDataThatIsNotSealed", {"open", "--key", kKey, "DIR/garbage.enc"}, 1, "Unknown header"),
     R("OpenAnAbsentFile", {"open", "--key", kKey, "DIR/absent.enc"}, 1,
       "No such file or directory"),
-    R("CheckAnAbsentFile", {"check", "--key", kKey, "DIR/absent.enc"}, 1,
-      "No such file or directory"),
-    R("SealAnAbsentInput", {"seal", "--key", kKey, "DIR/absent.json"}, 1,
-      "No such file or directory"),
 };
 
 class KXConfigRefusal : public KXConfigTool, public testing::WithParamInterface<Refusal> {};
@@ -71,9 +67,7 @@ TEST_P(KXConfigRefusal, EndsWithItsStatusAndOneLineOfReason) {
 INSTANTIATE_TEST_SUITE_P(Arguments, KXConfigRefusal, testing::ValuesIn(kRefusals),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// What a property list can hold goes through unchanged, fractions and large integers too, from
-// JSON, an XML and a binary property list; the sealed data is an XML property list that open
-// prints as it is with --xml.
+// Fractions and large integers too, from JSON, an XML and a binary property list.
 TEST_F(KXConfigTool, SealWritesAnXMLPropertyListThatOpenPrintsUnchanged) {
     const KXJSON settings = {{"appId", "a1"},
                              {"inProduction", true},

@@ -104,7 +104,6 @@ TEST_F(KXCtlHostileAnswer, AnswersTooDeepToPrintEndWithAnErrorLine) {
     }
 }
 
-// --timeout ends a run that waits too long with 3 and names what it waited for.
 TEST_F(KXCtlHostileAnswer, ATimeOutEndsWithThreeAndNamesWhatWasMissing) {
     // A token answer that is not JSON gives neither a token nor an error.
     service.script("POST", "/token", KXScriptedAnswer::text(200, "<html>maintenance</html>"));

@@ -1,8 +1,5 @@
 #pragma once
 
-// The tools run as child processes: kxconfig on its own, kxctl with a sealed test configuration
-// and its endpoints on a loopback service.
-
 #include "KXLoopbackService.h"
 #include "KXProcess.h"
 #include "KXSealedFiles.h"
