@@ -173,6 +173,10 @@ struct AuthenticationRow {
     std::optional<std::int64_t> failureCode;  // none: the token arrives
 };
 
+void PrintTo(const AuthenticationRow& row, std::ostream* out) {
+    *out << row.name;
+}
+
 class KXEngagementAuthenticationTest : public KXEngagementTest,
                                        public testing::WithParamInterface<AuthenticationRow> {};
 
